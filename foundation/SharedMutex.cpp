@@ -1,0 +1,65 @@
+#include "foundation/SharedMutex.h"
+
+namespace Vellum {
+namespace {
+
+constexpr int spins = 128; // about a microsecond: longer than most holds, shorter than a sleep in the kernel
+
+void relax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+} // namespace
+
+void SharedMutex::lockSharedSlowly() {
+    for (int spin = 0;; ++spin) {
+        std::uint32_t seen = m_readers.load(std::memory_order_relaxed);
+        if ((seen & writer) == 0) {
+            if (m_readers.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire)) {
+                return;
+            }
+        } else if (spin < spins) {
+            relax();
+        } else {
+            // Announce first, look again, then sleep: yieldClaim() clears the bit before it looks for sleepers.
+            m_sleepingReaders.fetch_add(1, std::memory_order_seq_cst);
+            seen = m_readers.load(std::memory_order_seq_cst);
+            if ((seen & writer) != 0) {
+                m_readers.wait(seen, std::memory_order_relaxed);
+            }
+            m_sleepingReaders.fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+}
+
+void SharedMutex::enterSlowly() {
+    for (int spin = 0; spin < spins; ++spin) {
+        std::uint32_t expected = 0;
+        if (m_gate.load(std::memory_order_relaxed) == 0 &&
+            m_gate.compare_exchange_weak(expected, 1, std::memory_order_acquire)) {
+            return;
+        }
+        relax();
+    }
+    while (m_gate.exchange(2, std::memory_order_acquire) != 0) {
+        m_gate.wait(2, std::memory_order_relaxed);
+    }
+}
+
+void SharedMutex::awaitReaders() {
+    for (int spin = 0;; ++spin) {
+        std::uint32_t const seen = m_readers.load(std::memory_order_acquire);
+        if (seen == writer) {
+            return;
+        }
+        if (spin < spins) {
+            relax();
+        } else {
+            m_readers.wait(seen, std::memory_order_acquire);
+        }
+    }
+}
+
+} // namespace Vellum

@@ -1,0 +1,146 @@
+// A reader/writer lock with a third, upgradable mode.
+//
+//   shared     many at once, beside one upgrader
+//   upgrade    one at a time, beside shared holders; may be promoted to exclusive without letting go
+//   exclusive  alone
+//
+// Why not the library's: a greylisting decision takes upgrade mode for well under a microsecond, and the upgrade mode
+// of boost::shared_mutex costs more than the tree search it protects (figures: docs/performance.md). Here an
+// uncontended upgrade hold is two atomic operations.
+//
+// Fairness: from the moment a writer (or a promotion) waits, new shared holders wait behind it, so listings cannot
+// starve decisions. A thread must not take the same lock twice, in any mode.
+// Waiting spins briefly and then sleeps in the kernel. Lock and unlock are acquire and release operations.
+#pragma once
+
+#include "foundation/ThreadAnnotations.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace Vellum {
+
+class VELLUM_CAPABILITY("shared mutex") SharedMutex {
+  public:
+    SharedMutex() = default;
+    SharedMutex(SharedMutex const&) = delete;
+    SharedMutex& operator=(SharedMutex const&) = delete;
+
+    void lockShared() VELLUM_ACQUIRE_SHARED() {
+        std::uint32_t seen = m_readers.load(std::memory_order_relaxed);
+        if ((seen & writer) != 0 || !m_readers.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire)) {
+            lockSharedSlowly();
+        }
+    }
+    void unlockShared() VELLUM_RELEASE_SHARED() {
+        if (m_readers.fetch_sub(1, std::memory_order_release) == (writer | 1)) {
+            m_readers.notify_all(); // the last reader before a waiting writer
+        }
+    }
+
+    // To the analysis, upgrade mode is a shared hold.
+    void lockUpgrade() VELLUM_ACQUIRE_SHARED() { enter(); }
+    void unlockUpgrade() VELLUM_RELEASE_SHARED() { leave(); }
+
+    // From upgrade to exclusive mode: waits for shared holders only, nobody can come between.
+    void promote() VELLUM_NO_THREAD_SAFETY_ANALYSIS { claim(); }
+    void demote() VELLUM_NO_THREAD_SAFETY_ANALYSIS { yieldClaim(); }
+
+    void lock() VELLUM_ACQUIRE() {
+        enter();
+        claim();
+    }
+    void unlock() VELLUM_RELEASE() {
+        yieldClaim();
+        leave();
+    }
+
+  private:
+    static constexpr std::uint32_t writer = 0x80000000U;
+
+    // The gate: held by the one upgrader or writer. 0 free, 1 held, 2 held and somebody sleeps.
+    void enter() {
+        std::uint32_t expected = 0;
+        if (!m_gate.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
+            enterSlowly();
+        }
+    }
+    void leave() {
+        if (m_gate.exchange(0, std::memory_order_release) == 2) {
+            m_gate.notify_one();
+        }
+    }
+    void claim() {
+        if (m_readers.fetch_or(writer, std::memory_order_acquire) != 0) {
+            awaitReaders();
+        }
+    }
+    void yieldClaim() {
+        m_readers.fetch_and(~writer, std::memory_order_seq_cst);
+        if (m_sleepingReaders.load(std::memory_order_seq_cst) != 0) {
+            m_readers.notify_all();
+        }
+    }
+    void lockSharedSlowly();
+    void enterSlowly();
+    void awaitReaders();
+
+    std::atomic<std::uint32_t> m_readers{0};         // shared holders, and the writer bit while one waits or holds
+    std::atomic<std::uint32_t> m_gate{0};
+    std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until the writer bit is gone
+};
+
+// Holds a SharedMutex in shared mode for its life, or until release().
+class VELLUM_SCOPED_CAPABILITY SharedLock {
+  public:
+    explicit SharedLock(SharedMutex& mutex) VELLUM_ACQUIRE_SHARED(mutex) : m_mutex(&mutex) { mutex.lockShared(); }
+    ~SharedLock() VELLUM_RELEASE_GENERIC() {
+        if (m_mutex != nullptr) {
+            m_mutex->unlockShared();
+        }
+    }
+    void release() VELLUM_RELEASE_GENERIC() {
+        m_mutex->unlockShared();
+        m_mutex = nullptr;
+    }
+    SharedLock(SharedLock const&) = delete;
+    SharedLock& operator=(SharedLock const&) = delete;
+
+  private:
+    SharedMutex* m_mutex;
+};
+
+class VELLUM_SCOPED_CAPABILITY ExclusiveLock {
+  public:
+    explicit ExclusiveLock(SharedMutex& mutex) VELLUM_ACQUIRE(mutex) : m_mutex(mutex) { mutex.lock(); }
+    ~ExclusiveLock() VELLUM_RELEASE() { m_mutex.unlock(); }
+    ExclusiveLock(ExclusiveLock const&) = delete;
+    ExclusiveLock& operator=(ExclusiveLock const&) = delete;
+
+  private:
+    SharedMutex& m_mutex;
+};
+
+// Holds a SharedMutex in upgrade mode; promote() turns that into exclusive mode for the rest of its life.
+class VELLUM_SCOPED_CAPABILITY UpgradeLock {
+  public:
+    explicit UpgradeLock(SharedMutex& mutex) VELLUM_ACQUIRE_SHARED(mutex) : m_mutex(mutex) { mutex.lockUpgrade(); }
+    ~UpgradeLock() VELLUM_RELEASE_GENERIC() {
+        if (m_promoted) {
+            m_mutex.demote();
+        }
+        m_mutex.unlockUpgrade();
+    }
+    void promote() VELLUM_RELEASE_GENERIC() VELLUM_ACQUIRE() {
+        m_mutex.promote();
+        m_promoted = true;
+    }
+    UpgradeLock(UpgradeLock const&) = delete;
+    UpgradeLock& operator=(UpgradeLock const&) = delete;
+
+  private:
+    SharedMutex& m_mutex;
+    bool m_promoted = false;
+};
+
+} // namespace Vellum
