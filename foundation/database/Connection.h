@@ -1,0 +1,79 @@
+// One connection to the database server.
+#pragma once
+
+#include "foundation/SocketAddress.h"
+#include "foundation/database/DatabaseException.h"
+#include "foundation/database/ServerMap.h"
+#include "include2/VellumRefcounted.h"
+
+#include <string>
+#include <string_view>
+
+struct st_mysql; // MYSQL of the client library
+
+namespace Vellum::Database {
+
+// An open session of its own, from construction to destruction; it never reconnects by itself, so nobody goes on in a
+// session that has silently lost its locks and its transaction.
+//
+// Every session begins alike, whatever the server's configuration says:
+//   names binary     bytes pass unchanged in both directions
+//   sql_mode         strict (an overlong text or a number out of range is an error, never cut), no ANSI_QUOTES, no
+//                    NO_BACKSLASH_ESCAPES: what the escaping and the statement splitter rely on
+//   autocommit on    one statement, one transaction
+//   lock waits       shorter than the read timeout, so that a wait ends with the server's answer
+//
+// Threads: used by one thread at a time; interrupt() alone may come from another.
+// All operations throw DatabaseException.
+class Connection : public RefImpl {
+  public:
+    // Connects. Address and user are looked up in ServerMap; `database` may be empty: none is selected then.
+    Connection(std::string const& database, std::string const& user, std::string const& password,
+               SocketAddress const& address);
+    Connection(SocketAddress const& address, std::string const& database);
+    ~Connection() override;
+    Connection(Connection const&) = delete;
+    Connection& operator=(Connection const&) = delete;
+
+    // The appliance's database server, 127.0.0.1:3306; ServerMap says where that is.
+    static SocketAddress defaultAddress();
+
+    // From now on a Query on this connection may hold several statements; before, a second one is refused. The server
+    // itself is never asked to split a text.
+    void enableMultipleStatementsPerQuery() { m_multipleStatements = true; }
+    bool multipleStatementsPerQuery() const { return m_multipleStatements; }
+
+    // True when the database exists; it is selected then.
+    bool dbSelectIfExists(std::string const& name);
+    // Creates the database; an existing one is an error. Texts in it are compared byte by byte (see the .cpp).
+    void dbCreate(std::string const& name);
+    // Drops the database with everything in it; a missing one is an error.
+    void dbDelete(std::string const& name);
+
+    // Runs one statement as it stands and drops its result. `where` names the caller's operation for the error text.
+    void run(std::string_view statement, char const* where);
+
+    // Ends the session from any thread: the statement in progress and all later ones fail as if the server had gone,
+    // and the server rolls back. For a shutdown that must not wait for a slow statement.
+    void interrupt();
+
+    st_mysql* native() { return m_mysql; }
+    // The error that the client library reports now, for the operation `where`.
+    DatabaseException error(char const* where, std::string_view statement) const;
+
+  private:
+    void open(Server const& server, std::string const& database);
+
+    st_mysql* m_mysql = nullptr;
+    int m_socket = -1;    // borrowed from m_mysql, for interrupt()
+    std::string m_server; // for error texts
+    bool m_multipleStatements = false;
+};
+
+using RefConnection = Ref<Connection>;
+
+// `name` in backticks, backticks inside doubled. Refuses what cannot be a name: empty, longer than 64 bytes, NUL or
+// another control character, a trailing blank, bytes outside of ASCII.
+std::string quotedIdentifier(std::string const& name);
+
+} // namespace Vellum::Database
