@@ -2,12 +2,14 @@
 //
 // Two kinds of record: coded records, whose code, format and fields are a promise to log readers (fields are separated
 // by the byte 0x01 in the format), and plain notes of the daemons. Each becomes one readable line; bytes of a value
-// that could forge a field or a line (control characters, 0x01) are escaped as \xNN.
+// that could forge a field or a line (control characters, 0x01) are escaped (Escape.h).
 //
 //   0x03000170: GlDisplay; 154
 //
 // Thread-safe. The sinks never make a caller wait: see LogSinks.h.
 #pragma once
+
+#include "foundation/Escape.h"
 
 #include <cstdint>
 #include <string>
@@ -40,20 +42,25 @@ class Logger {
     // Opens the file again after a log rotation.
     virtual void reopen() {}
     // Logs a record: a 32-bit code, a level (the library passes 0), a printf format with 0x01 between its fields, and
-    // the values. Conversions: %s %d %i %u %x %c with l, ll, z; a null %s is written "(null)".
+    // the values. Conversions: all of printf but %n; a null %s is written "(null)". An invalid format is logged as
+    // text.
     virtual void log(std::uint32_t code, int level, char const* format, ...) __attribute__((format(printf, 4, 5)));
 
-    // A plain line of a daemon, without a code; control characters are escaped.
+    // A plain line of a daemon, without a code; control characters are escaped. The caller escapes a value inside the
+    // line that could be taken for the text around it. Costs a fraction of a microsecond with the sinks of LogSinks.h.
     void note(Severity severity, std::string_view text);
 
   protected:
-    // Where records and notes go. `line` holds no control characters.
+    // Where records and notes go. `line` holds no control characters and is valid UTF-8.
     virtual void write(Severity severity, std::string_view line) = 0;
-    // A record before it becomes a line; capturing loggers override it. The default writes "0x%08x: f1; f2".
+    // A record before it becomes a line; capturing loggers override it. The default writes "0x%08x: f1; f2". A "; "
+    // inside any field but the last is written "\x3b ", so that a line can be taken apart again.
     virtual void write(Record const& record);
+    // Records carry no severity of their own. Nearly all report a failure, so the default is warning.
+    virtual Severity severityOf(Record const& record) const;
 };
 
-// `text` with control characters, 0x7f and backslashes-before-x made visible as \xNN (line break: \n, tab: \t).
-std::string escapeForLog(std::string_view text);
+// "debug", "info", "warning" or "error".
+char const* severityName(Logger::Severity severity);
 
 } // namespace Vellum
