@@ -24,6 +24,13 @@ class EmailAddress {
     // Throws Exception naming the text (shortened) and what is wrong with it.
     static EmailAddress rfc5321Parse(std::string const& text, bool strict);
 
+    // The mailbox whose address() this text is, taken back unchecked from where one was stored; "" is null.
+    static EmailAddress fromAddress(std::string_view address) {
+        EmailAddress mailbox;
+        mailbox.m_text = address;
+        return mailbox;
+    }
+
     bool isNull() const { return m_text.empty(); }
     // The text without brackets; "" when null. Used for comparison, matching and packets.
     std::string const& address() const { return m_text; }
