@@ -54,7 +54,7 @@ basic_ofstream<Char>::basic_ofstream(Path const& path, unsigned int mode)
         ::unlink(m_temporary.c_str());
         fail("set the permissions of", error);
     }
-    this->init(&m_buffer);
+    this->rdbuf(&m_buffer);
 }
 
 template <class Char>
