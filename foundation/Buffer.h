@@ -1,6 +1,7 @@
 // A run of bytes with a length, always owning its bytes.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +15,9 @@ class Buffer {
     Buffer(void const* data, unsigned int length, bool copy);
     // An owned, zero-filled buffer of `size` bytes; a negative size gives an empty one. The second argument is unused.
     Buffer(int size, int);
+
+    // Becomes a copy of `length` bytes at `data`, in the memory it has when that suffices.
+    void assign(char const* data, std::size_t length) { m_bytes.assign(data, data + length); }
 
     char* data() { return m_bytes.data(); }
     char const* data() const { return m_bytes.data(); }
