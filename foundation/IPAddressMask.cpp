@@ -11,7 +11,7 @@ namespace Vellum {
 namespace {
 
 unsigned int fullLength(IPAddress const& address) {
-    return address.isV6() ? 128 : address.isV4() ? 32 : 0;
+    return address.isV4() ? 32 : 128; // a null address takes any length, as a null network of greylisting has one
 }
 
 // The first `length` bits of a byte, 0 to 8.
