@@ -1,0 +1,30 @@
+#include "greylist/DynamicExemptCache.h"
+
+#include "greylist/Configuration.h"
+#include "include2/CacheSingleton.h"
+
+#include <algorithm>
+
+namespace Vellum::GreyList {
+
+_DynamicExemptCache::_DynamicExemptCache()
+    : LRUCache(static_cast<std::uint32_t>(std::max(0, RefConfiguration::instance(nullptr)->maxRecords()))) {}
+
+int _DynamicExemptCache::exempt(IPAddressMask const& mask, std::string const& domain, long now) const {
+    DynamicExemptId const id(mask, domain);
+    ExclusiveLock const hold(lock);
+    iterator const found = lookup(id);
+    if (found == end()) {
+        return 0;
+    }
+    if (found->second.expiry > now) {
+        found->second.expiry = now + RefConfiguration::instance(nullptr)->ttlDays() * 86400L;
+        return 1;
+    }
+    const_cast<_DynamicExemptCache*>(this)->removeNoLock(id);
+    return 0;
+}
+
+DynamicExemptCache* DynamicExemptCache::instance(bool) { return cacheSingleton<DynamicExemptCache>(); }
+
+} // namespace Vellum::GreyList

@@ -1,0 +1,71 @@
+#include "greylist/TupleCache.h"
+
+#include "foundation/Logger.h"
+#include "greylist/Configuration.h"
+#include "greylist/LogCodes.h"
+#include "include2/CacheSingleton.h"
+
+#include <algorithm>
+
+namespace Vellum::GreyList {
+namespace {
+
+constexpr long secondsPerMinute = 60;
+constexpr long secondsPerHour = 3600;
+constexpr long secondsPerDay = 86400;
+
+// Each is read afresh, so that a new configuration holds at once.
+RefConfiguration configuration() { return RefConfiguration::instance(nullptr); }
+long firstLife() { return configuration()->initialExpiryHours() * secondsPerHour; }
+long delay() { return configuration()->greylistMinutes() * secondsPerMinute; }
+long life() { return configuration()->ttlDays() * secondsPerDay; }
+
+// Whether the tuple has not passed yet in its period. A loaded record has forgotten its first lifetime, but a pass
+// grants days, so one that lives no longer than a first lifetime has never passed.
+bool isWaiting(Status const& status) {
+    long const granted = status.expiry - status.firstSeen;
+    return status.initialLifetime != 0 ? granted == status.initialLifetime : granted <= firstLife();
+}
+
+} // namespace
+
+_TupleCache::_TupleCache()
+    : LRUCache(static_cast<std::uint32_t>(std::max(0, configuration()->maxRecords()))) {
+    Logger::instance(false).log(LogCode::cacheCreated, 0, "%d", configuration()->maxRecords());
+}
+
+int _TupleCache::state(TupleId const& id, long now) const { return decide(id, now).passed() ? 1 : 0; }
+
+TupleDecision _TupleCache::decide(TupleId const& id, long now) const {
+    using Situation = TupleDecision::Situation;
+    UpgradeLock hold(lock);
+    iterator const found = lookup(id);
+    if (found == end()) {
+        long const lifetime = firstLife();
+        Status const status(now, now + lifetime, lifetime);
+        hold.promote();
+        // The cache is the mutable state behind a const handle, as the recency order is behind find().
+        const_cast<_TupleCache*>(this)->addNoLock(id, status);
+        return {Situation::fresh, false, now, now + delay(), status.expiry};
+    }
+    Status& status = found->second;
+    if (now > status.expiry) {
+        long const lifetime = firstLife();
+        hold.promote();
+        status.firstSeen = now;
+        status.initialLifetime = lifetime;
+        status.expiry = lifetime + status.firstSeen;
+        return {Situation::expired, false, now, now + delay(), status.expiry};
+    }
+    long const passTime = status.firstSeen + delay();
+    if (now < passTime) {
+        return {Situation::early, false, status.firstSeen, passTime, status.expiry};
+    }
+    bool const firstPass = isWaiting(status);
+    status.expiry = now + life(); // upgrade mode suffices: see Status::expiry
+    return {Situation::passes, firstPass, status.firstSeen, passTime, status.expiry};
+}
+
+TupleCache* TupleCache::instance(bool) { return cacheSingleton<TupleCache>(); }
+
+} // namespace Vellum::GreyList

@@ -1,0 +1,64 @@
+// The greylisting decision and the cache behind it.
+#pragma once
+
+#include "greylist/Status.h"
+#include "greylist/TupleId.h"
+#include "include2/LRUCache.h"
+
+#include <boost/shared_ptr.hpp>
+
+namespace Vellum::GreyList {
+
+// What a decision found, for those who want more than its answer.
+struct TupleDecision {
+    enum class Situation {
+        fresh,   // never seen, or forgotten: the period starts now
+        expired, // seen, but its record was dead: the period starts again
+        early,   // retried before the delay was over
+        passes,
+    };
+    Situation situation = Situation::fresh;
+    bool firstPass = false; // passes for the first time in this period: the message had to wait
+    long firstSeen = 0;     // start of the period, seconds since the epoch
+    long passTime = 0;      // from when on the tuple passes
+    long expiry = 0;        // until when the record lives, after this decision
+
+    bool passed() const { return situation == Situation::passes; }
+};
+
+// All tuples of the process. Times are seconds since the epoch, given by the caller; nothing here reads a clock.
+// Decisions read the index directly, so they do not count as uses: the entry added (or found with find()) longest ago
+// goes first, however often its mail passes.
+class _TupleCache : public LRUCache<TupleId, Status> {
+  public:
+    // Capacity: Configuration::maxRecords() as it is now; a later change resizes nothing. Logs it.
+    // Throws Exception when no configuration is installed.
+    _TupleCache();
+
+    // Decides whether a message with this identity may pass at `now`. Answers 1 to let it pass, 0 to defer.
+    // At exactly firstSeen + delay it passes; at exactly expiry the tuple still lives.
+    // Throws std::bad_alloc when a new tuple finds no memory; the lock is free again by then.
+    // Thread-safe: upgrade mode, exclusive only for a new or restarted tuple; never waits for I/O.
+    virtual int state(TupleId const& id, long now) const;
+
+    // The same decision, with what it rests on.
+    TupleDecision decide(TupleId const& id, long now) const;
+};
+
+// The process-wide handle.
+class TupleCache {
+  public:
+    TupleCache() : m_impl(new _TupleCache()) {}
+    virtual ~TupleCache() = default;
+
+    // The flag is ignored. Throws what the constructor of _TupleCache throws; the next call then tries again.
+    static TupleCache* instance(bool = true);
+
+    _TupleCache* operator->() const { return m_impl.get(); }
+    _TupleCache& operator*() const { return *m_impl; }
+
+  private:
+    boost::shared_ptr<_TupleCache> m_impl;
+};
+
+} // namespace Vellum::GreyList
