@@ -8,8 +8,8 @@
 // of boost::shared_mutex costs more than the tree search it protects (figures: docs/performance.md). Here an
 // uncontended upgrade hold is two atomic operations.
 //
-// Fairness: from the moment a writer (or a promotion) waits, new shared holders wait behind it, so listings cannot
-// starve decisions. A thread must not take the same lock twice, in any mode.
+// Fairness: from the moment a writer (or a promotion) waits for shared holders to go, new ones wait behind it, so
+// listings cannot starve decisions. A thread must not take the same lock twice, in any mode.
 // Waiting spins briefly and then sleeps in the kernel. Lock and unlock are acquire and release operations.
 #pragma once
 
@@ -55,6 +55,10 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
         leave();
     }
 
+    // Whether a writer or a promotion holds the lock, or waits for shared holders to go. True or not any more by the
+    // time it is read: for tests and diagnostics.
+    bool isClaimed() const { return (m_readers.load(std::memory_order_relaxed) & writer) != 0; }
+
   private:
     static constexpr std::uint32_t writer = 0x80000000U;
 
@@ -85,7 +89,7 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
     void enterSlowly();
     void awaitReaders();
 
-    std::atomic<std::uint32_t> m_readers{0};         // shared holders, and the writer bit while one waits or holds
+    std::atomic<std::uint32_t> m_readers{0}; // shared holders, and the writer bit while one waits or holds
     std::atomic<std::uint32_t> m_gate{0};
     std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until the writer bit is gone
 };

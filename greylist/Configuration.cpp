@@ -13,9 +13,13 @@ std::uint32_t shareOf(int maxRecords, int divisor) {
 
 } // namespace
 
-std::uint32_t Configuration::maxAutoExemptRecords() const { return shareOf(maxRecords(), 4); }
+std::uint32_t Configuration::maxAutoExemptRecords() const {
+    return shareOf(maxRecords(), 4);
+}
 
-std::uint32_t Configuration::maxExemptRules() const { return shareOf(maxRecords(), 100); }
+std::uint32_t Configuration::maxExemptRules() const {
+    return shareOf(maxRecords(), 100);
+}
 
 IPAddressMask Configuration::createMask(IPAddress const& address) {
     unsigned int prefixLength = 64;

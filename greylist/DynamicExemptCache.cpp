@@ -25,6 +25,8 @@ int _DynamicExemptCache::exempt(IPAddressMask const& mask, std::string const& do
     return 0;
 }
 
-DynamicExemptCache* DynamicExemptCache::instance(bool) { return cacheSingleton<DynamicExemptCache>(); }
+DynamicExemptCache* DynamicExemptCache::instance(bool) {
+    return cacheSingleton<DynamicExemptCache>();
+}
 
 } // namespace Vellum::GreyList

@@ -16,11 +16,11 @@ struct LogCode {
     static constexpr std::uint32_t listTuplesFailed = 0x3000171;
     static constexpr std::uint32_t listExemptionsWrongType = 0x3000172;
     static constexpr std::uint32_t listExemptionsFailed = 0x3000173;
-    static constexpr std::uint32_t cacheCreated = 0x300018B;     // "%d", maxRecords()
-    static constexpr std::uint32_t rowNotAdded = 0x3000198;      // "%s", exception
-    static constexpr std::uint32_t recordNotStored = 0x3000199;  // "%s", why the backup leaves a record out
-    static constexpr std::uint32_t daemonRefused = 0x300019A;    // "%s", one blank
-    static constexpr std::uint32_t writeFailed = 0x300019B;      // source, line, exception
+    static constexpr std::uint32_t cacheCreated = 0x300018B;       // "%d", maxRecords()
+    static constexpr std::uint32_t rowNotAdded = 0x3000198;        // "%s", exception
+    static constexpr std::uint32_t recordNotStored = 0x3000199;    // "%s", why the backup leaves a record out
+    static constexpr std::uint32_t daemonRefused = 0x300019A;      // "%s", one blank
+    static constexpr std::uint32_t writeFailed = 0x300019B;        // source, line, exception
     static constexpr std::uint32_t restoreFileMissing = 0x300019C; // source, line, exception, path
     static constexpr std::uint32_t restoreFailed = 0x300019D;      // source, line, exception, path
     static constexpr std::uint32_t readFailed = 0x300019E;         // source, line, exception

@@ -15,10 +15,18 @@ constexpr long secondsPerHour = 3600;
 constexpr long secondsPerDay = 86400;
 
 // Each is read afresh, so that a new configuration holds at once.
-RefConfiguration configuration() { return RefConfiguration::instance(nullptr); }
-long firstLife() { return configuration()->initialExpiryHours() * secondsPerHour; }
-long delay() { return configuration()->greylistMinutes() * secondsPerMinute; }
-long life() { return configuration()->ttlDays() * secondsPerDay; }
+RefConfiguration configuration() {
+    return RefConfiguration::instance(nullptr);
+}
+long firstLife() {
+    return configuration()->initialExpiryHours() * secondsPerHour;
+}
+long delay() {
+    return configuration()->greylistMinutes() * secondsPerMinute;
+}
+long life() {
+    return configuration()->ttlDays() * secondsPerDay;
+}
 
 // Whether the tuple has not passed yet in its period. A loaded record has forgotten its first lifetime, but a pass
 // grants days, so one that lives no longer than a first lifetime has never passed.
@@ -29,12 +37,13 @@ bool isWaiting(Status const& status) {
 
 } // namespace
 
-_TupleCache::_TupleCache()
-    : LRUCache(static_cast<std::uint32_t>(std::max(0, configuration()->maxRecords()))) {
+_TupleCache::_TupleCache() : LRUCache(static_cast<std::uint32_t>(std::max(0, configuration()->maxRecords()))) {
     Logger::instance(false).log(LogCode::cacheCreated, 0, "%d", configuration()->maxRecords());
 }
 
-int _TupleCache::state(TupleId const& id, long now) const { return decide(id, now).passed() ? 1 : 0; }
+int _TupleCache::state(TupleId const& id, long now) const {
+    return decide(id, now).passed() ? 1 : 0;
+}
 
 TupleDecision _TupleCache::decide(TupleId const& id, long now) const {
     using Situation = TupleDecision::Situation;
@@ -66,6 +75,8 @@ TupleDecision _TupleCache::decide(TupleId const& id, long now) const {
     return {Situation::passes, firstPass, status.firstSeen, passTime, status.expiry};
 }
 
-TupleCache* TupleCache::instance(bool) { return cacheSingleton<TupleCache>(); }
+TupleCache* TupleCache::instance(bool) {
+    return cacheSingleton<TupleCache>();
+}
 
 } // namespace Vellum::GreyList

@@ -11,8 +11,8 @@ _TupleId* _TupleId::make(IPAddressMask const& mask, EmailAddress const& sender, 
     std::string const& to = recipient.address();
     if (from.size() > EmailAddress::maxLength || to.size() > EmailAddress::maxLength) {
         throw Exception("TupleId", Exception::failure, "TupleId")
-            .stringParameter("an address of " + std::to_string(std::max(from.size(), to.size())) +
-                             " octets, at most " + std::to_string(EmailAddress::maxLength) + " expected");
+            .stringParameter("an address of " + std::to_string(std::max(from.size(), to.size())) + " octets, at most " +
+                             std::to_string(EmailAddress::maxLength) + " expected");
     }
     ip_addr_t const network = mask.prefix().asIpAddr();
     unsigned int const bytes = addressLength(network.family);
@@ -35,9 +35,13 @@ IPAddressMask _TupleId::mask() const {
     return {network, m_cidr};
 }
 
-EmailAddress _TupleId::sender() const { return EmailAddress::fromAddress(senderAddress()); }
+EmailAddress _TupleId::sender() const {
+    return EmailAddress::fromAddress(senderAddress());
+}
 
-EmailAddress _TupleId::recipient() const { return EmailAddress::fromAddress(recipientAddress()); }
+EmailAddress _TupleId::recipient() const {
+    return EmailAddress::fromAddress(recipientAddress());
+}
 
 int _TupleId::compare(_TupleId const& other) const {
     if (m_family != other.m_family) {
@@ -55,24 +59,27 @@ int _TupleId::compare(_TupleId const& other) const {
     return recipientAddress().compare(other.recipientAddress());
 }
 
-// Family, address, prefix length, sender, 0, recipient: mailboxes hold no NUL, so the 0 ends a sender before any longer
-// one. The lower half of an IPv6 network is nearly always zero, and one byte says so.
+// Family, address, prefix length, sender, 0, recipient. Mailboxes hold no NUL, so the 0 ends a sender before any longer
+// one. What networks have in common is kept short, because sixteen bytes are all there is: the host part and length of
+// the usual networks (/24 and /64) are one byte together, which orders like the bytes it stands for.
 OrderPrefix _TupleId::orderPrefix() const {
     OrderPrefixWriter writer;
     writer.byte(static_cast<std::uint8_t>(m_family + 1)); // above an empty handle
-    if (m_family == 6) {
+    unsigned int const length = addressLength(m_family);
+    if (length != 0) {
         static constexpr std::uint8_t zero[8] = {};
-        writer.bytes(tail(), 8);
-        if (std::memcmp(tail() + 8, zero, 8) != 0) {
-            writer.byte(1);
-            writer.bytes(tail() + 8, 8);
-            return writer.prefix();
+        unsigned int const networkBytes = length == 4 ? 3 : 8;
+        unsigned int const usual = networkBytes * 8;
+        bool const hostIsZero = std::memcmp(tail() + networkBytes, zero, length - networkBytes) == 0;
+        writer.bytes(tail(), networkBytes);
+        writer.byte(!hostIsZero || m_cidr > usual ? 2 : (m_cidr == usual ? 1 : 0));
+        if (!hostIsZero || m_cidr != usual) {
+            writer.bytes(tail() + networkBytes, length - networkBytes);
+            writer.byte(m_cidr);
         }
-        writer.byte(0);
     } else {
-        writer.bytes(tail(), addressLength(m_family));
+        writer.byte(m_cidr);
     }
-    writer.byte(m_cidr);
     writer.bytes(text(), m_senderLength);
     writer.byte(0);
     writer.bytes(text() + m_senderLength, m_recipientLength);
@@ -83,8 +90,12 @@ OrderPrefix _TupleId::orderPrefix() const {
 TupleId::TupleId(IPAddressMask const& mask, EmailAddress const& sender, EmailAddress const& recipient)
     : m_impl(_TupleId::make(mask, sender, recipient)) {}
 
-bool TupleId::operator<(TupleId const& other) const { return KeyOrder<TupleId>::compare(*this, other) < 0; }
+bool TupleId::operator<(TupleId const& other) const {
+    return KeyOrder<TupleId>::compare(*this, other) < 0;
+}
 
-bool TupleId::operator==(TupleId const& other) const { return KeyOrder<TupleId>::compare(*this, other) == 0; }
+bool TupleId::operator==(TupleId const& other) const {
+    return KeyOrder<TupleId>::compare(*this, other) == 0;
+}
 
 } // namespace Vellum::GreyList

@@ -51,7 +51,8 @@ class LRUCache {
         size = 0;
     }
     // The entry, now the most recently used one, or end().
-    virtual iterator findNoLock(K const& key) const VELLUM_REQUIRES(lock) {
+    virtual iterator findNoLock(K const& key) const VELLUM_REQUIRES(lock)
+    {
         std::uint32_t const position = index.find(key);
         if (position == List::none) {
             return end();
@@ -66,13 +67,17 @@ class LRUCache {
     // Adds copies of key and value at the front and evicts from the back what exceeds the capacity. A key that is
     // present keeps its old value and its place: a caller that wants to replace it removes it first.
     // Returns the size afterwards. Throws what copies of K and V throw, or std::bad_alloc, and is then unchanged.
-    virtual std::uint32_t addNoLock(K const& key, V const& value) VELLUM_REQUIRES(lock) {
-        if (index.find(key) != List::none) {
-            return size;
+    virtual std::uint32_t addNoLock(K const& key, V const& value) VELLUM_REQUIRES(lock)
+    {
+        if (size >= capacity && size > 0) {
+            list.prefetch(list.back());
         }
         std::uint32_t const position = list.pushFront(key, value);
         try {
-            index.insert(key, position);
+            if (index.insert(key, position) != List::none) {
+                list.erase(position);
+                return size;
+            }
         } catch (...) {
             list.erase(position);
             throw;
@@ -93,10 +98,10 @@ class LRUCache {
     }
 
     // `key` may be the one inside the entry.
-    void removeNoLock(K const& key) VELLUM_REQUIRES(lock) {
-        std::uint32_t const position = index.find(key);
+    void removeNoLock(K const& key) VELLUM_REQUIRES(lock)
+    {
+        std::uint32_t const position = index.erase(key);
         if (position != List::none) {
-            index.erase(key);
             list.erase(position);
             --size;
         }
@@ -104,16 +109,19 @@ class LRUCache {
 
     iterator end() const { return iterator(); }
     // The entry or end(), without counting as a use.
-    iterator lookup(K const& key) const VELLUM_REQUIRES_SHARED(lock) {
+    iterator lookup(K const& key) const VELLUM_REQUIRES_SHARED(lock)
+    {
         std::uint32_t const position = index.find(key);
         return position == List::none ? end() : iterator(&list.at(position));
     }
-    std::uint32_t sizeNoLock() const VELLUM_REQUIRES_SHARED(lock) { return size; }
+    std::uint32_t sizeNoLock() const VELLUM_REQUIRES_SHARED(lock)
+    { return size; }
     std::uint32_t maxSize() const { return capacity; }
 
     // Calls visit(Pair&) for every entry in ascending key order, until it answers false.
     template <class Visit>
-    void forEachInKeyOrder(Visit visit) const VELLUM_REQUIRES_SHARED(lock) {
+    void forEachInKeyOrder(Visit visit) const VELLUM_REQUIRES_SHARED(lock)
+    {
         List const* pairs = &list;
         index.forEach([&](std::uint32_t position) { return visit(pairs->at(position)); },
                       [&](std::uint32_t position) { pairs->prefetch(position); });
@@ -130,9 +138,10 @@ class LRUCache {
         K const& operator()(std::uint32_t position) const { return pairs->at(position).first; }
     };
 
-    std::uint32_t size VELLUM_GUARDED_BY(lock) = 0; // entries held now
-    std::uint32_t const capacity;                   // entries; fixed at birth, read without the lock
-    mutable List list VELLUM_GUARDED_BY(lock);      // const finds reorder it, under the exclusive lock
+    std::uint32_t size VELLUM_GUARDED_BY(lock)
+    = 0;                                       // entries held now
+    std::uint32_t const capacity;              // entries; fixed at birth, read without the lock
+    mutable List list VELLUM_GUARDED_BY(lock); // const finds reorder it, under the exclusive lock
     OrderedIndex<K, KeyAt> index VELLUM_GUARDED_BY(lock);
 };
 

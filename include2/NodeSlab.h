@@ -52,21 +52,27 @@ class NodeSlab {
     static constexpr Position chunkSize = 1U << chunkBits;
 
     union Block {
+        Block() {} // memory only: neither zeroed nor touched before its time
         Position nextFree;
         alignas(Node) std::byte bytes[sizeof(Node)];
     };
+    struct alignas(64) Chunk { // a node of 64 bytes lies in one cache line
+        Block blocks[chunkSize];
+    };
 
-    Block& block(Position position) const { return m_chunks[position >> chunkBits][position & (chunkSize - 1)]; }
+    Block& block(Position position) const {
+        return m_chunks[position >> chunkBits]->blocks[position & (chunkSize - 1)];
+    }
 
     void grow() {
         auto const first = static_cast<Position>(m_chunks.size() << chunkBits);
-        m_chunks.push_back(std::unique_ptr<Block[]>(new Block[chunkSize]));
+        m_chunks.push_back(std::unique_ptr<Chunk>(new Chunk));
         for (Position i = chunkSize; i-- > 0;) {
             release(first + i);
         }
     }
 
-    std::vector<std::unique_ptr<Block[]>> m_chunks;
+    std::vector<std::unique_ptr<Chunk>> m_chunks;
     Position m_free = none; // first free block; each free block names the next
 };
 

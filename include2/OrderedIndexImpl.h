@@ -6,7 +6,7 @@
 namespace Vellum {
 
 template <class K, class KeyAt>
-void OrderedIndex<K, KeyAt>::insert(K const& key, Position position) {
+auto OrderedIndex<K, KeyAt>::insert(K const& key, Position position) -> Position {
     Entry entry{KeyOrder<K>::prefix(key), position};
     if (m_root == nullptr) {
         m_first = new Leaf;
@@ -14,10 +14,13 @@ void OrderedIndex<K, KeyAt>::insert(K const& key, Position position) {
     }
     Path path;
     Leaf* leaf = descend(entry.prefix, key, path);
-    unsigned int const at = lowerBound(*leaf, 0, entry.prefix, key).first;
+    auto const [at, found] = lowerBound(*leaf, 0, entry.prefix, key);
+    if (found) {
+        return leaf->position[at];
+    }
     if (leaf->count < fanout) {
         insertEntry(*leaf, at, entry, nullptr);
-        return;
+        return none;
     }
 
     // Everything that must be allocated comes first, so that a failure leaves the tree as it was.
@@ -45,7 +48,7 @@ void OrderedIndex<K, KeyAt>::insert(K const& key, Position position) {
     if (newRoot == nullptr) {
         Step const& step = path[fullLevels + 1];
         insertEntry(*step.node, step.child + 1, entry, right);
-        return;
+        return none;
     }
     newRoot->child[0] = m_root;
     setEntry(*newRoot, 0, {});
@@ -53,20 +56,22 @@ void OrderedIndex<K, KeyAt>::insert(K const& key, Position position) {
     insertEntry(*newRoot, 1, entry, right);
     m_root = newRoot.release();
     ++m_height;
+    return none;
 }
 
 template <class K, class KeyAt>
-void OrderedIndex<K, KeyAt>::erase(K const& key) {
+auto OrderedIndex<K, KeyAt>::erase(K const& key) -> Position {
     if (m_root == nullptr) {
-        return;
+        return none;
     }
     OrderPrefix const prefix = KeyOrder<K>::prefix(key);
     Path path;
     Leaf* leaf = descend(prefix, key, path);
     auto const [at, found] = lowerBound(*leaf, 0, prefix, key);
     if (!found) {
-        return;
+        return none;
     }
+    Position const erased = leaf->position[at];
     eraseEntry(*leaf, at);
     if (at == 0) {
         // A separator must name a key that is still there.
@@ -77,7 +82,7 @@ void OrderedIndex<K, KeyAt>::erase(K const& key) {
         }
     }
     if (m_height == 0 || leaf->count >= sparse) {
-        return;
+        return erased;
     }
     refill<Leaf>(*path[1].node, path[1].child);
     for (unsigned int level = 1; level < m_height && path[level].node->count < sparse; ++level) {
@@ -89,6 +94,7 @@ void OrderedIndex<K, KeyAt>::erase(K const& key) {
         --m_height;
         delete root;
     }
+    return erased;
 }
 
 template <class K, class KeyAt>

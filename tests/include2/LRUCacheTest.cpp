@@ -111,7 +111,8 @@ std::string randomKey(std::mt19937_64& random, unsigned int variety) {
     std::string key = stems[random() % 5];
     unsigned long number = random() % variety;
     for (; number > 0; number /= 7) {
-        key += static_cast<char>("\x01" "09az\x80\xff"[number % 7]);
+        key += static_cast<char>("\x01"
+                                 "09az\x80\xff"[number % 7]);
     }
     return key;
 }
@@ -192,7 +193,8 @@ TEST(LRUCache, DerivedAddNoLockIsUsedByAdd) {
     class Counting : public WordCache {
       public:
         using WordCache::WordCache;
-        std::uint32_t addNoLock(Word const& key, int const& value) override VELLUM_REQUIRES(lock) {
+        std::uint32_t addNoLock(Word const& key, int const& value) override VELLUM_REQUIRES(lock)
+        {
             ++calls;
             return WordCache::addNoLock(key, value);
         }
