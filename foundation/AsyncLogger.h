@@ -36,9 +36,9 @@ class AsyncLogger final : public Logger {
     static constexpr std::chrono::milliseconds writeInterval{200}; // a line is written and flushed by then
 
     struct Options {
-        std::string ident;                        // the program, as the sink shows it
-        std::size_t capacity = 8192;              // lines that may wait
-        std::vector<std::uint32_t> informational; // codes of records that report no failure
+        std::string ident;                          // the program, as the sink shows it
+        std::size_t capacity = 8192;                // lines that may wait
+        std::vector<std::uint32_t> informational{}; // codes of records that report no failure
     };
 
     // Opens the sink and starts the thread. Throws what `open` throws.

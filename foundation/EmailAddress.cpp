@@ -4,6 +4,8 @@
 #include "foundation/Exception.h"
 #include "foundation/MailboxSyntax.h"
 
+#include <algorithm>
+
 namespace Vellum {
 namespace {
 
@@ -14,6 +16,19 @@ constexpr std::string_view nullText = "<>";
     std::string const ellipsis = text.size() > shown ? "..." : "";
     throw Exception("EmailAddress::rfc5321Parse", Exception::failure, "EmailAddress")
         .stringParameter('"' + escapeControls(text.substr(0, shown)) + ellipsis + "\" is not a mailbox: " + problem);
+}
+
+// `text` with the part before its last '@' as a quoted string.
+std::string withQuotedLocalPart(std::string const& text) {
+    std::size_t const at = std::min(text.rfind('@'), text.size());
+    std::string quoted = "\"";
+    for (char const c : text.substr(0, at)) {
+        if (c == '"' || c == '\\') {
+            quoted += '\\';
+        }
+        quoted += c;
+    }
+    return quoted + '"' + text.substr(at);
 }
 
 std::string_view withoutBrackets(std::string_view text) {
@@ -44,6 +59,14 @@ EmailAddress EmailAddress::rfc5321Parse(std::string const& text, bool strict) {
     EmailAddress address;
     address.m_text = mailbox;
     return address;
+}
+
+EmailAddress EmailAddress::parseUnquoted(std::string const& text) {
+    if (text.empty()) {
+        return {};
+    }
+    bool const loose = MailboxSyntax::problemOfLoose(text) == nullptr;
+    return rfc5321Parse(loose || text == nullText ? text : withQuotedLocalPart(text), false);
 }
 
 std::string_view EmailAddress::localPart() const {

@@ -5,6 +5,7 @@
 // byte; only what would forge a log line or a packet is refused.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,9 @@ class EmailAddress {
     // they are. Control characters (NUL, line breaks, 0x01, DEL) are refused in both, quoted or not.
     // Throws Exception naming the text (shortened) and what is wrong with it.
     static EmailAddress rfc5321Parse(std::string const& text, bool strict);
+    // The same (not strict) for a mail server's internal form, which has no quotes: "john doe@example.org" stands for
+    // "john doe"@example.org, and a text that rfc5321Parse refuses gets its local part quoted. "" is null here.
+    static EmailAddress parseUnquoted(std::string const& text);
 
     // The mailbox whose address() this text is, taken back unchecked from where one was stored; "" is null.
     static EmailAddress fromAddress(std::string_view address) {

@@ -11,7 +11,7 @@ namespace Vellum {
 namespace {
 
 unsigned int fullLength(IPAddress const& address) {
-    return address.isV4() ? 32 : 128; // a null address takes any length, as a null network of greylisting has one
+    return address.isV4() ? 32 : 128; // null included: the network of unknown senders has a length, too
 }
 
 // The first `length` bits of a byte, 0 to 8.
@@ -25,6 +25,14 @@ Exception invalidMask(std::string const& problem) {
 
 Exception invalidText(std::string const& text, std::string const& problem) {
     return invalidMask('"' + escapeControls(text.substr(0, 64)) + "\" is not a network: " + problem);
+}
+
+IPAddress parsePrefix(std::string const& text, std::string const& address) {
+    try {
+        return IPAddress(address);
+    } catch (Exception const& caught) {
+        throw invalidText(text, "no IP address before the slash").cause(caught);
+    }
 }
 
 unsigned int parseLength(std::string const& text, std::string_view digits) {
@@ -53,16 +61,17 @@ IPAddressMask::IPAddressMask(std::string const& text) {
         return;
     }
     std::size_t const slash = text.find('/');
-    try {
-        m_prefix = IPAddress(text.substr(0, slash));
-    } catch (Exception const& caught) {
-        throw invalidText(text, "no IP address before the slash").cause(caught);
+    if (slash != 0) {
+        m_prefix = parsePrefix(text, text.substr(0, slash));
     }
     unsigned int const longest = fullLength(m_prefix);
     unsigned int const length =
         slash == std::string::npos ? longest : parseLength(text, std::string_view(text).substr(slash + 1));
     if (length > longest) {
         throw invalidText(text, "the prefix length is above " + std::to_string(longest));
+    }
+    if (m_prefix.isNull() && length == 0) {
+        throw invalidText(text, "neither an address nor a prefix length");
     }
     m_cidr = static_cast<std::uint8_t>(length);
 }
@@ -78,7 +87,7 @@ void IPAddressMask::applyMask(IPAddress& address, unsigned int prefixLength) {
 
 bool IPAddressMask::matches(IPAddress const& address) const {
     if (m_prefix.isNull()) {
-        return true;
+        return m_cidr == 0 || address.isNull();
     }
     if (address.m_family != m_prefix.m_family) {
         return false;
@@ -92,7 +101,8 @@ bool IPAddressMask::matches(IPAddress const& address) const {
 }
 
 std::string IPAddressMask::asString() const {
-    return m_prefix.isNull() ? std::string() : m_prefix.asString() + '/' + std::to_string(m_cidr);
+    bool const isDefault = m_prefix.isNull() && m_cidr == 0;
+    return isDefault ? std::string() : m_prefix.asString() + '/' + std::to_string(m_cidr);
 }
 
 bool IPAddressMask::operator==(IPAddressMask const& other) const {

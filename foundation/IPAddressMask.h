@@ -5,15 +5,17 @@
 
 namespace Vellum {
 
-// The default mask (null address, length 0) sets no condition: it matches every address.
+// The default mask (null address, length 0) sets no condition: it matches every address. A null address with a length
+// is the network of the senders whose address is unknown; it matches the null address only.
 class IPAddressMask {
   public:
     IPAddressMask() = default;
     // Clears nothing: the caller gives the network address (applyMask makes one). Throws Exception when the length
-    // exceeds 32 (IPv4) or 128 (IPv6).
+    // exceeds 32 (IPv4) or 128 (others).
     IPAddressMask(ip_addr_t const& address, unsigned int prefixLength);
-    // "192.0.2.0/24", "2001:db8::/64"; a bare address means its full length; "" is the default mask. Host bits are
-    // kept as written, so that what asString() wrote reads back equal. Throws Exception naming the text.
+    // "192.0.2.0/24", "2001:db8::/64"; a bare address means its full length; "" is the default mask, "/64" a null
+    // address with a length. Host bits are kept as written, so that what asString() wrote reads back equal. Throws
+    // Exception naming the text.
     explicit IPAddressMask(std::string const& text);
 
     // Clears the bits of `address` beyond prefixLength; a length at or above the address's own changes nothing.
@@ -24,7 +26,7 @@ class IPAddressMask {
     // Whether `address` has the same family and the same first cidr() bits. An IPv4-mapped address is an IPv6 address
     // here. The default mask matches everything.
     bool matches(IPAddress const& address) const;
-    // "address/length"; "" for the default mask. At most 43 characters.
+    // "address/length"; "/length" when the address is null, "" for the default mask. At most 43 characters.
     std::string asString() const;
 
     bool operator==(IPAddressMask const& other) const;

@@ -28,6 +28,10 @@ bool isPrintableAscii(char c) {
     return c >= 0x20 && c < 0x7f;
 }
 
+bool sameLetter(char lower, char any) {
+    return lower == (any >= 'A' && any <= 'Z' ? any - 'A' + 'a' : any);
+}
+
 bool isAtomCharacter(char c) {
     return isLetterOrDigit(c) || std::string_view("!#$%&'*+-/=?^_`{|}~").find(c) != std::string_view::npos;
 }
@@ -84,25 +88,15 @@ bool isAddressOfFamily(std::string_view text, bool v6) {
     }
 }
 
-// "[192.0.2.1]", "[IPv6:2001:db8::1]", or a tagged form of the future: "[x-tag:anything]".
+// "[192.0.2.1]" or "[IPv6:2001:db8::1]". Other tags are for protocols that do not exist (no other is registered).
 bool isAddressLiteral(std::string_view text) {
+    constexpr std::string_view v6Tag = "ipv6:";
     if (text.size() < 2 || text.front() != '[' || text.back() != ']') {
         return false;
     }
     text = text.substr(1, text.size() - 2);
-    std::size_t const colon = text.find(':');
-    if (colon == std::string_view::npos) {
-        return isAddressOfFamily(text, false);
-    }
-    std::string tag(text.substr(0, colon));
-    std::string_view const content = text.substr(colon + 1);
-    std::transform(tag.begin(), tag.end(), tag.begin(), [](char c) { return c >= 'A' && c <= 'Z' ? c + 32 : c; });
-    if (tag == "ipv6") {
-        return isAddressOfFamily(content, true);
-    }
-    return isLabel(tag) && !content.empty() && std::all_of(content.begin(), content.end(), [](char c) {
-               return c > 0x20 && isPrintableAscii(c) && c != '[' && c != ']' && c != '\\';
-           });
+    bool const tagged = text.size() > v6Tag.size() && std::equal(v6Tag.begin(), v6Tag.end(), text.begin(), sameLetter);
+    return isAddressOfFamily(tagged ? text.substr(v6Tag.size()) : text, tagged);
 }
 
 } // namespace
