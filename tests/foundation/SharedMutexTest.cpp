@@ -1,0 +1,396 @@
+#include "foundation/SharedMutex.h"
+
+#include <atomic>
+#include <future>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Vellum {
+namespace {
+
+enum class Mode { shared, upgrade, promoted, exclusive };
+
+void take(SharedMutex& mutex, Mode mode) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    switch (mode) {
+    case Mode::shared:
+        return mutex.lockShared();
+    case Mode::upgrade:
+        return mutex.lockUpgrade();
+    case Mode::promoted:
+        mutex.lockUpgrade();
+        return mutex.promote();
+    case Mode::exclusive:
+        return mutex.lock();
+    }
+}
+
+void leave(SharedMutex& mutex, Mode mode) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    switch (mode) {
+    case Mode::shared:
+        return mutex.unlockShared();
+    case Mode::upgrade:
+        return mutex.unlockUpgrade();
+    case Mode::promoted:
+        mutex.demote();
+        return mutex.unlockUpgrade();
+    case Mode::exclusive:
+        return mutex.unlock();
+    }
+}
+
+// Gives other threads every opportunity to do what they should not. A correct lock passes however this turns out.
+void letOthersRun() {
+    for (int i = 0; i < 2000; ++i) {
+        std::this_thread::yield();
+    }
+}
+
+// A thread that takes `mutex` in `mode`, keeps it until told, and leaves.
+class Holder {
+  public:
+    Holder(SharedMutex& mutex, Mode mode)
+        : m_thread([this, &mutex, mode] {
+              m_started = true;
+              take(mutex, mode);
+              m_holds = true;
+              m_holds.notify_all();
+              m_leave.wait(false);
+              leave(mutex, mode);
+          }) {}
+    ~Holder() { release(); }
+    Holder(Holder const&) = delete;
+    Holder& operator=(Holder const&) = delete;
+
+    void awaitStart() const {
+        while (!m_started) {
+            std::this_thread::yield();
+        }
+    }
+    void awaitHold() const { m_holds.wait(false); }
+    bool holds() const { return m_holds; }
+    void release() {
+        m_leave = true;
+        m_leave.notify_all();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+
+  private:
+    std::atomic<bool> m_started{false};
+    std::atomic<bool> m_holds{false};
+    std::atomic<bool> m_leave{false};
+    std::thread m_thread; // last: it uses the others
+};
+
+void expectBoth(Mode first, Mode second) {
+    SharedMutex mutex;
+    Holder const one(mutex, first);
+    one.awaitHold();
+    Holder const other(mutex, second);
+    other.awaitHold(); // for ever, if they excluded each other
+}
+
+void expectExclusion(Mode first, Mode second) {
+    SharedMutex mutex;
+    Holder one(mutex, first);
+    one.awaitHold();
+    Holder const other(mutex, second);
+    other.awaitStart();
+    letOthersRun();
+    EXPECT_FALSE(other.holds());
+    one.release();
+    other.awaitHold();
+}
+
+TEST(SharedMutex, SharedGoesWithSharedAndWithUpgrade) {
+    expectBoth(Mode::shared, Mode::shared);
+    expectBoth(Mode::shared, Mode::upgrade);
+    expectBoth(Mode::upgrade, Mode::shared);
+}
+
+TEST(SharedMutex, SharedExcludesExclusive) {
+    expectExclusion(Mode::shared, Mode::exclusive);
+    expectExclusion(Mode::shared, Mode::promoted);
+    expectExclusion(Mode::exclusive, Mode::shared);
+    expectExclusion(Mode::promoted, Mode::shared);
+}
+
+TEST(SharedMutex, UpgradeExcludesUpgradeAndExclusive) {
+    expectExclusion(Mode::upgrade, Mode::upgrade);
+    expectExclusion(Mode::upgrade, Mode::promoted);
+    expectExclusion(Mode::upgrade, Mode::exclusive);
+    expectExclusion(Mode::promoted, Mode::upgrade);
+    expectExclusion(Mode::exclusive, Mode::upgrade);
+}
+
+TEST(SharedMutex, ExclusiveExcludesExclusive) {
+    expectExclusion(Mode::exclusive, Mode::exclusive);
+    expectExclusion(Mode::exclusive, Mode::promoted);
+    expectExclusion(Mode::promoted, Mode::exclusive);
+    expectExclusion(Mode::promoted, Mode::promoted);
+}
+
+void awaitClaim(SharedMutex const& mutex) {
+    while (!mutex.isClaimed()) {
+        std::this_thread::yield();
+    }
+}
+
+TEST(SharedMutex, NewSharedHoldersWaitBehindAWaitingWriter) {
+    for (Mode const writer : {Mode::exclusive, Mode::promoted}) {
+        SharedMutex mutex;
+        Holder reader(mutex, Mode::shared);
+        reader.awaitHold();
+        Holder writing(mutex, writer);
+        awaitClaim(mutex);
+        EXPECT_FALSE(writing.holds());
+        Holder const late(mutex, Mode::shared);
+        late.awaitStart();
+        letOthersRun();
+        EXPECT_FALSE(late.holds()) << "the writer came first";
+        reader.release();
+        writing.awaitHold();
+        letOthersRun();
+        EXPECT_FALSE(late.holds());
+        writing.release();
+        late.awaitHold();
+    }
+}
+
+TEST(SharedMutex, NobodyComesBetweenUpgradeAndItsPromotion) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    SharedMutex mutex;
+    int value = 0;
+    mutex.lockUpgrade();
+    Holder reader(mutex, Mode::shared);
+    reader.awaitHold();
+    std::atomic<bool> started{false};
+    std::thread rival([&]() VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+        started = true;
+        mutex.lock();
+        value = 2;
+        mutex.unlock();
+    });
+    while (!started) {
+        std::this_thread::yield();
+    }
+    letOthersRun(); // now the rival waits for the gate, longer than we do for the reader
+    int const before = value;
+    std::thread releaser([&] {
+        awaitClaim(mutex);
+        reader.release();
+    });
+    mutex.promote();
+    EXPECT_EQ(value, before);
+    value = 1;
+    mutex.demote();
+    mutex.unlockUpgrade();
+    rival.join();
+    releaser.join();
+    EXPECT_EQ(before, 0);
+    EXPECT_EQ(value, 2);
+}
+
+TEST(SharedMutex, DemotionLetsSharedHoldersInAndKeepsOthersOut) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    SharedMutex mutex;
+    mutex.lockUpgrade();
+    mutex.promote();
+    EXPECT_TRUE(mutex.isClaimed());
+    mutex.demote();
+    EXPECT_FALSE(mutex.isClaimed());
+    {
+        Holder const reader(mutex, Mode::shared);
+        reader.awaitHold();
+    }
+    Holder const writer(mutex, Mode::exclusive);
+    writer.awaitStart();
+    letOthersRun();
+    EXPECT_FALSE(writer.holds());
+    mutex.unlockUpgrade();
+    writer.awaitHold();
+}
+
+TEST(SharedMutex, ManySleepersAreAllWoken) {
+    for (int round = 0; round < 20; ++round) {
+        SharedMutex mutex;
+        Holder writer(mutex, Mode::exclusive);
+        writer.awaitHold();
+        std::vector<std::thread> sleepers;
+        std::atomic<int> done{0};
+        for (int i = 0; i < 6; ++i) {
+            sleepers.emplace_back([&mutex, &done, i] {
+                Mode const mode = i % 3 == 0 ? Mode::exclusive : i % 3 == 1 ? Mode::shared : Mode::promoted;
+                take(mutex, mode);
+                std::this_thread::yield();
+                leave(mutex, mode);
+                ++done;
+            });
+        }
+        letOthersRun();
+        EXPECT_EQ(done, 0);
+        writer.release();
+        for (std::thread& sleeper : sleepers) {
+            sleeper.join();
+        }
+        EXPECT_EQ(done, 6);
+    }
+}
+
+TEST(SharedLock, LeavesAtReleaseOrAtItsEnd) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    SharedMutex mutex;
+    {
+        SharedLock released(mutex);
+        released.release();
+        ExclusiveLock const writing(mutex);
+        EXPECT_TRUE(mutex.isClaimed());
+    }
+    { SharedLock const reading(mutex); }
+    ExclusiveLock const writing(mutex);
+    EXPECT_TRUE(mutex.isClaimed());
+}
+
+TEST(UpgradeLock, LeavesPromotedOrNot) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    SharedMutex mutex;
+    {
+        UpgradeLock reading(mutex);
+        EXPECT_FALSE(mutex.isClaimed());
+        reading.promote();
+        EXPECT_TRUE(mutex.isClaimed());
+    }
+    EXPECT_FALSE(mutex.isClaimed());
+    { UpgradeLock const reading(mutex); }
+    ExclusiveLock const writing(mutex);
+    EXPECT_TRUE(mutex.isClaimed());
+}
+
+// What the modes protect, as the caches use them: `byUpgraders` changes in upgrade mode, `byWriters` in exclusive mode.
+// Plain fields, so that the thread sanitizer sees every hold that does not exclude what it should.
+struct Protected {
+    long byUpgraders = 0;
+    long byWriters = 0;
+    long byWritersCopy = 0;
+    std::atomic<int> readers{0};
+    std::atomic<int> upgraders{0};
+    std::atomic<int> writers{0};
+};
+
+class StressThread {
+  public:
+    StressThread(SharedMutex& mutex, Protected& data, unsigned int seed)
+        : m_mutex(mutex), m_data(data), m_random(seed) {}
+
+    void run(int holds) {
+        for (int i = 0; i < holds; ++i) {
+            auto const mode = static_cast<Mode>(m_random() % 4);
+            // Mostly shorter than the spinning of those who wait, sometimes long enough that they sleep.
+            bool const longHold = m_random() % 64 == 0;
+            take(m_mutex, mode);
+            work(mode, longHold);
+            leave(m_mutex, mode);
+        }
+    }
+
+    long upgrades = 0;
+    long writes = 0;
+
+  private:
+    void work(Mode mode, bool longHold) {
+        if (mode == Mode::shared) {
+            read(longHold);
+        } else if (mode == Mode::upgrade) {
+            upgrade(longHold);
+        } else {
+            write(longHold);
+        }
+    }
+    static void linger(bool longHold) {
+        for (int i = 0; longHold && i < 50; ++i) {
+            std::this_thread::yield();
+        }
+    }
+    void read(bool longHold) {
+        ++m_data.readers;
+        linger(longHold);
+        EXPECT_EQ(m_data.writers, 0);
+        EXPECT_EQ(m_data.byWriters, m_data.byWritersCopy);
+        --m_data.readers;
+    }
+    void upgrade(bool longHold) {
+        EXPECT_EQ(m_data.upgraders.fetch_add(1), 0);
+        linger(longHold);
+        EXPECT_EQ(m_data.writers, 0);
+        EXPECT_EQ(m_data.byWriters, m_data.byWritersCopy);
+        ++m_data.byUpgraders;
+        ++upgrades;
+        --m_data.upgraders;
+    }
+    void write(bool longHold) {
+        EXPECT_EQ(m_data.writers.fetch_add(1), 0);
+        ++m_data.byWriters;
+        linger(longHold);
+        EXPECT_EQ(m_data.readers, 0);
+        EXPECT_EQ(m_data.upgraders, 0);
+        ++m_data.byWritersCopy;
+        ++m_data.byUpgraders;
+        ++writes;
+        --m_data.writers;
+    }
+
+    SharedMutex& m_mutex;
+    Protected& m_data;
+    std::mt19937 m_random;
+};
+
+TEST(SharedMutex, RandomHoldsKeepWhatTheyProtect) {
+    unsigned int const seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    SharedMutex mutex;
+    Protected data;
+    std::vector<StressThread> work;
+    for (unsigned int i = 0; i < 6; ++i) {
+        work.emplace_back(mutex, data, seed + i);
+    }
+    std::vector<std::thread> threads;
+    for (StressThread& one : work) {
+        threads.emplace_back([&one] { one.run(20000); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    long upgrades = 0;
+    long writes = 0;
+    for (StressThread const& one : work) {
+        upgrades += one.upgrades;
+        writes += one.writes;
+    }
+    EXPECT_EQ(data.byWriters, writes);
+    EXPECT_EQ(data.byWritersCopy, writes);
+    EXPECT_EQ(data.byUpgraders, upgrades + writes);
+}
+
+TEST(SharedMutex, ReadersThatNeverPauseDoNotStarveAWriter) {
+    SharedMutex mutex;
+    std::atomic<bool> done{false};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 3; ++i) {
+        readers.emplace_back([&] {
+            while (!done) {
+                SharedLock const reading(mutex);
+                std::this_thread::yield();
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) {
+        ExclusiveLock const writing(mutex);
+    }
+    done = true;
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+}
+
+} // namespace
+} // namespace Vellum
