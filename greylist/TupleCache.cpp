@@ -28,14 +28,12 @@ long life() {
     return configuration()->ttlDays() * secondsPerDay;
 }
 
-// Whether the tuple has not passed yet in its period. A loaded record has forgotten its first lifetime, but a pass
-// grants days, so one that lives no longer than a first lifetime has never passed.
-bool isWaiting(Status const& status) {
-    long const granted = status.expiry - status.firstSeen;
-    return status.initialLifetime != 0 ? granted == status.initialLifetime : granted <= firstLife();
-}
-
 } // namespace
+
+bool isWaiting(Status const& status, long firstLife) {
+    long const granted = status.expiry - status.firstSeen;
+    return status.initialLifetime != 0 ? granted == status.initialLifetime : granted <= firstLife;
+}
 
 _TupleCache::_TupleCache() : LRUCache(static_cast<std::uint32_t>(std::max(0, configuration()->maxRecords()))) {
     Logger::instance(false).log(LogCode::cacheCreated, 0, "%d", configuration()->maxRecords());
@@ -70,7 +68,8 @@ TupleDecision _TupleCache::decide(TupleId const& id, long now) const {
     if (now < passTime) {
         return {Situation::early, false, status.firstSeen, passTime, status.expiry};
     }
-    bool const firstPass = isWaiting(status);
+    // Only a loaded record needs the setting, and reading it is half of the cost here.
+    bool const firstPass = isWaiting(status, status.initialLifetime != 0 ? 0 : firstLife());
     status.expiry = now + life(); // upgrade mode suffices: see Status::expiry
     return {Situation::passes, firstPass, status.firstSeen, passTime, status.expiry};
 }

@@ -26,6 +26,11 @@ struct TupleDecision {
     bool passed() const { return situation == Situation::passes; }
 };
 
+// Whether a record has not passed yet in its period. `firstLife`: seconds that a new tuple lives now. A loaded record
+// has forgotten its first lifetime, but a pass grants days, so one that lives no longer than a first lifetime has never
+// passed.
+bool isWaiting(Status const& status, long firstLife);
+
 // All tuples of the process. Times are seconds since the epoch, given by the caller; nothing here reads a clock.
 // Decisions read the index directly, so they do not count as uses: the entry added (or found with find()) longest ago
 // goes first, however often its mail passes.
