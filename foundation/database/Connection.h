@@ -13,6 +13,10 @@ struct st_mysql; // MYSQL of the client library
 
 namespace Vellum::Database {
 
+// The character set of our databases: texts keep their bytes and are compared byte by byte (why: see dbCreate()).
+inline constexpr char const* byteWiseCollation = "latin1_nopad_bin";
+inline constexpr char const* byteWiseCharacterSet = "CHARACTER SET latin1 COLLATE latin1_nopad_bin";
+
 // An open session of its own, from construction to destruction; it never reconnects by itself, so nobody goes on in a
 // session that has silently lost its locks and its transaction.
 //
@@ -63,9 +67,10 @@ class Connection : public RefImpl {
 
   private:
     void open(Server const& server, std::string const& database);
+    void close();
 
     st_mysql* m_mysql = nullptr;
-    int m_socket = -1;    // borrowed from m_mysql, for interrupt()
+    int m_socket = -1;    // the session's socket once more, for interrupt(); constant once connected
     std::string m_server; // for error texts
     bool m_multipleStatements = false;
 };

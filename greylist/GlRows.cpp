@@ -1,0 +1,150 @@
+#include "greylist/GlRows.h"
+
+#include "foundation/Exception.h"
+#include "foundation/Logger.h"
+#include "greylist/LogCodes.h"
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace Vellum::GreyList {
+namespace {
+
+// One row of a result, while it is parsed.
+struct Columns {
+    void* handle;
+    void* result;
+    void* row;
+
+    bool haveEmpty(int count) const {
+        for (int column = 0; column < count; ++column) {
+            if (db_result_field_length(result, column) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+    char const* text(int column) const { return db_result_get_value(handle, result, row, column); }
+    // The columns are ints; what exceeds one is cut as the column would have been.
+    long number(int column) const { return static_cast<std::int32_t>(std::strtol(text(column), nullptr, 10)); }
+
+    // For the log: what of the row is there to find it by.
+    std::string shown() const {
+        std::string all = "(";
+        for (int column = 0; column < db_result_fields_num(handle, result); ++column) {
+            all += column == 0 ? "'" : ", '";
+            all += text(column);
+            all += '\'';
+        }
+        return all + ')';
+    }
+};
+
+Exception refusal(char const* where, char const* parameter, char const* source, unsigned int line,
+                  Columns const& columns) {
+    return Exception(where, Exception::failure, source, line)
+        .stringParameter(parameter)
+        .stringParameter("the row " + columns.shown());
+}
+
+// The four columns of "autoexempt" into a row that has fields for them.
+template <class Row>
+void fillExemption(Row& into, Columns const& columns) {
+    into.clientIPMask = IPAddressMask(columns.text(0));
+    into.domain = columns.text(1);
+    into.creationTime = columns.number(2);
+    into.expiryTime = columns.number(3);
+}
+
+template <class Add>
+void addLoggingFailure(Add add) {
+    try {
+        add();
+    } catch (Exception const& failed) {
+        Logger::instance(false).log(LogCode::rowNotAdded, 0, formatText, failed.asString().c_str());
+    }
+}
+
+// Lines are promised to log readers.
+constexpr unsigned int emptyColumnOfFourLine = 38;
+constexpr unsigned int fieldCountLine = 68;
+constexpr unsigned int emptyColumnOfFiveLine = 75;
+constexpr unsigned int emptyExemptionColumnLine = 134;
+constexpr unsigned int emptyDynamicExemptColumnLine = 57;
+
+} // namespace
+
+bool RecordRow::parse(void* handle, void* result, void* row) {
+    Columns const columns{handle, result, row};
+    if (columns.haveEmpty(4)) {
+        throw refusal("RecordRow", "Invalid GreyList Record", Source::recordDatabase, emptyColumnOfFourLine, columns);
+    }
+    clientIP = IPAddressMask(columns.text(0));
+    sender = EmailAddress::rfc5321Parse(columns.text(1), false);
+    recipient = EmailAddress::rfc5321Parse(columns.text(2), false);
+    creationTime = columns.number(3);
+    return true;
+}
+
+bool RecordRowWithExpiryTime::parse(void* handle, void* result, void* row) {
+    Columns const columns{handle, result, row};
+    int const fields = db_result_fields_num(handle, result);
+    if (fields == 4) {
+        return RecordRow::parse(handle, result, row);
+    }
+    if (fields != 5) {
+        throw refusal("RecordRow", "Invalid GreyList Record", Source::recordDatabase, fieldCountLine, columns);
+    }
+    if (columns.haveEmpty(5)) {
+        throw refusal("RecordRow", "Invalid GreyList Record", Source::recordDatabase, emptyColumnOfFiveLine, columns);
+    }
+    RecordRow::parse(handle, result, row);
+    expiryTime = columns.number(4);
+    return true;
+}
+
+bool GLAutoExemptRecordRowWithExpiryTime::parse(void* handle, void* result, void* row) {
+    Columns const columns{handle, result, row};
+    if (columns.haveEmpty(4)) {
+        throw refusal("RecordRow", "Invalid GreyList Auto Exempt Record", Source::recordDatabase,
+                      emptyExemptionColumnLine, columns);
+    }
+    fillExemption(*this, columns);
+    return true;
+}
+
+bool DynamicExemptRecordRow::parse(void* handle, void* result, void* row) {
+    Columns const columns{handle, result, row};
+    if (columns.haveEmpty(4)) {
+        throw refusal("DynamicExemptRecordRow", "Invalid Dynamic Greylist Record", Source::dynamicExemptDatabase,
+                      emptyDynamicExemptColumnLine, columns);
+    }
+    fillExemption(*this, columns);
+    return true;
+}
+
+void AdapterRecordRowToSenderDataBase::operator()(Ref<Database::RowImpl> const& row) const {
+    addLoggingFailure([&] {
+        auto const& record = static_cast<RecordRowWithExpiryTime const&>(*row);
+        m_cache->add(TupleId(record.clientIP, record.sender, record.recipient),
+                     Status(record.creationTime, record.expiryTime, 0));
+    });
+}
+
+void AdapterRecordRowToGLAutoExemptDataBase::operator()(Ref<Database::RowImpl> const& row) const {
+    addLoggingFailure([&] {
+        auto const& record = static_cast<GLAutoExemptRecordRowWithExpiryTime const&>(*row);
+        m_cache->add(DynamicExemptId(record.clientIPMask, record.domain),
+                     Status(record.creationTime, record.expiryTime, 0));
+    });
+}
+
+void AdapterRowToDynamicExemptRecord::operator()(Ref<Database::RowImpl> const& row) const {
+    addLoggingFailure([&] {
+        auto const& record = static_cast<DynamicExemptRecordRow const&>(*row);
+        m_cache->add(DynamicExemptId(record.clientIPMask, record.domain),
+                     Status(record.creationTime, record.expiryTime, 0));
+    });
+}
+
+} // namespace Vellum::GreyList
