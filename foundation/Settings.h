@@ -46,6 +46,8 @@ class SettingsTable {
     // The value of a key, or the default when it is absent. Throw SettingsError for a value of another type or outside
     // of what is allowed. Only values from the file are checked, never defaults.
     std::string text(std::string const& key, std::string const& absent) const;
+    // Like text(), for what must not be seen: no message repeats its value.
+    std::string secret(std::string const& key, std::string const& absent) const;
     std::int64_t integer(std::string const& key, std::int64_t absent, std::int64_t lowest, std::int64_t highest) const;
     double number(std::string const& key, double absent, double lowest, double highest) const; // 3 is taken as 3.0
     bool boolean(std::string const& key, bool absent) const;

@@ -43,7 +43,6 @@ class BatchedInsert {
     std::ostream& m_out;
     Texts m_texts;
     std::uint64_t m_rows = 0;
-    std::uint32_t m_inStatement = 0; // rows in the open statement
 };
 
 } // namespace Vellum::Database

@@ -15,23 +15,27 @@ namespace Vellum::Database {
 class DatabaseException : public Exception {
   public:
     // `serverError`: the server's or the client library's number (1146, 2013, ...), 0 when neither was involved.
-    // `message`: what happened, with the offending value.
-    DatabaseException(std::string const& where, unsigned int serverError, std::string const& message);
+    // `message`: what happened, with the offending value. `neverConnected`: there is no session after this error.
+    DatabaseException(std::string const& where, unsigned int serverError, std::string const& message,
+                      bool neverConnected = false);
 
     unsigned int serverError() const { return m_serverError; }
 
     // The connection cannot be used any more, or never came up. The server has rolled back what was not committed.
-    bool connectionLost() const;
+    bool connectionLost() const { return m_connectionLost; }
 
     // The cause lies outside of the statement (no server, a lock held by somebody else, a full disk, a server that is
     // going down): the same statement may succeed later.
     bool worthRetrying() const;
 
-    // The same error as it was met by an outer operation: text in front, number kept.
-    DatabaseException within(std::string const& where, std::string const& context) const;
+    // What happened, without the operation's name.
+    std::string const& message() const { return m_message; }
+    // The same error as an outer operation met it: its name, `context` in front of the message, all else kept.
+    DatabaseException within(std::string const& outer, std::string const& context) const;
 
   private:
     unsigned int m_serverError;
+    bool m_connectionLost;
     std::string m_message;
 };
 

@@ -29,7 +29,7 @@ class Query : public std::ostringstream {
     std::uint64_t affectedRows() const { return m_affectedRows; }
 
   private:
-    void run(std::string_view statement);
+    void run(std::string const& statement);
 
     Connection& m_connection;
     RowParser* m_parser;

@@ -2,13 +2,16 @@
 #pragma once
 
 #include "foundation/database/Connection.h"
-#include "foundation/database/StatementSplitter.h"
 
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace Vellum::Database {
+
+class ScriptRun;
+struct Statement;
 
 // A script of the form that backups write:
 //
@@ -53,6 +56,8 @@ class QueryFile {
     std::uint64_t affectedRows() const { return m_affectedRows; }
 
   private:
+    void takeStatement(Statement const& statement, ScriptRun& run);
+
     Connection& m_connection; // borrowed
     std::string m_path;
     Progress m_progress;

@@ -62,10 +62,17 @@ class StatementSplitter {
         backquoted,
     };
 
+    std::size_t takePlain(std::string_view bytes);
     void take(char byte);
     void takeCode(char byte);
-    void append(char byte);
+    void takePending(char byte);
+    void takeComment(char byte);
+    void takeQuoted(char byte);
+    void enter(State quoteOrComment);
+    void code(std::string_view bytes);
+    void notCode(std::string_view bytes);
     void endStatement();
+    [[noreturn]] void refuseOpenEnd() const;
 
     Sink m_sink;
     std::size_t m_limit;
@@ -79,9 +86,5 @@ class StatementSplitter {
     std::uint64_t m_statementLine = 1;
     std::uint64_t m_openedLine = 1; // where the open quote or comment began
 };
-
-// The first `count` words of a statement in upper case, one blank between them; comments are skipped, conditional
-// comments are opened, and anything that is not a letter, digit, '_' or '@' is a word of its own.
-std::string leadingWords(std::string_view statement, unsigned int count);
 
 } // namespace Vellum::Database
