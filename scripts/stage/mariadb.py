@@ -1,0 +1,58 @@
+"""A private MariaDB server."""
+
+import os
+import subprocess
+
+from .process import Process, StageError, accepts_connections, free_port
+
+# Small files, so that a data directory is made in a second or two; nothing here is about speed.
+_SIZES = ["--innodb-log-file-size=8M", "--innodb-data-file-path=ibdata1:10M:autoextend"]
+
+
+class PrivateMariaDb:
+    """Listens on a free port of 127.0.0.1 and on a socket. The account `user` may use `database` and nothing else."""
+
+    user = "vellum"
+    password = "only for 'this' stage"
+    database = "fe_sender_history"
+
+    def __init__(self, stage):
+        self.port = free_port()
+        self.directory = stage.make_directory("mariadb", 0o700)
+        self.socket = self.directory / "socket"
+        self._user_option = f"--user={'root' if os.geteuid() == 0 else os.geteuid()}"
+        self._make_data(stage.path("mariadb", "install.log"))
+        self.process = Process(stage, "mariadbd", [
+            "/usr/sbin/mariadbd", "--no-defaults", self._user_option, f"--datadir={self.directory}/data",
+            f"--socket={self.socket}", f"--pid-file={self.directory}/pid", "--bind-address=127.0.0.1",
+            f"--port={self.port}", "--skip-name-resolve", "--performance-schema=OFF",
+            "--innodb-buffer-pool-size=32M", *_SIZES], stage.path("mariadb", "server.log"))
+        self.start()
+        quoted = self.password.replace("'", "''")
+        self.query(f"CREATE USER '{self.user}'@'127.0.0.1' IDENTIFIED BY '{quoted}'; "
+                   f"GRANT ALL ON {self.database}.* TO '{self.user}'@'127.0.0.1'", database="mysql")
+
+    def _make_data(self, log_path):
+        with open(log_path, "ab") as log:
+            made = subprocess.run(["mariadb-install-db", "--no-defaults", self._user_option, "--skip-test-db",
+                                   "--auth-root-authentication-method=normal", f"--datadir={self.directory}/data",
+                                   *_SIZES], stdout=log, stderr=log, check=False)
+        if made.returncode != 0:
+            raise StageError(f"mariadb-install-db failed:\n{log_path.read_text(errors='replace')[-4000:]}")
+
+    def start(self):
+        self.process.start()
+        self.process.started(lambda: self.socket.exists() and accepts_connections(self.port))
+
+    def kill(self):
+        self.process.kill()
+        self.socket.unlink(missing_ok=True)
+
+    def query(self, statements, database=None):
+        """Runs statements as the server's root; returns the rows as lists of text."""
+        ran = subprocess.run(["mariadb", "--no-defaults", "-N", "-B", "--default-character-set=binary", "-u", "root",
+                              f"--socket={self.socket}", "-e", statements, database or self.database],
+                             capture_output=True, check=False)
+        if ran.returncode != 0:
+            raise StageError(f"{statements}: {ran.stderr.decode(errors='replace')}")
+        return [line.split("\t") for line in ran.stdout.decode(errors="replace").splitlines()]
