@@ -54,7 +54,7 @@ class Renderer {
         Conversion const conversion = parse(rest);
         std::string text;
         if (conversion.type == '%') {
-            text = "%";
+            text.push_back('%');
         } else if (!render(conversion, text)) {
             m_lost = true;
             return;
@@ -197,7 +197,8 @@ class Renderer {
     // The value through snprintf, with `length` in place of the length that the format had.
     template <class Value>
     static std::string print(Conversion const& conversion, char const* length, Value value) {
-        std::string const format = '%' + conversion.flags + "*.*" + length + conversion.type;
+        std::string format = "%";
+        format.append(conversion.flags).append("*.*").append(length).push_back(conversion.type);
         auto const into = [&](char* out, std::size_t size) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

@@ -200,7 +200,7 @@ TEST(EmailAddress, RandomTextsThatAreAcceptedParseBackEqual) {
     std::mt19937 random(seed);
     std::string const alphabet = "ab@@\"\"\\\\<>. '[]%\x01\x7f\xc3\xbc";
     int accepted = 0;
-    for (int run = 0; run < 200000; ++run) {
+    for (int run = 0; run < 50000; ++run) {
         std::string text;
         for (std::size_t length = random() % 12; length > 0; --length) {
             text += alphabet[random() % alphabet.size()];
@@ -220,7 +220,7 @@ TEST(EmailAddress, RandomTextsThatAreAcceptedParseBackEqual) {
         ASSERT_EQ(std::string(address.localPart()) + at + std::string(address.domain()), address.address());
         ASSERT_EQ(EmailAddress::parseUnquoted(address.asString()), address) << text;
     }
-    EXPECT_GT(accepted, 1000);
+    EXPECT_GT(accepted, 1000) << "the alphabet makes too few mailboxes to prove anything";
 }
 
 // What MariaDB makes of the text between two single quotes (its default SQL mode).

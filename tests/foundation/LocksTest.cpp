@@ -27,12 +27,12 @@ TEST(Mutex, SynchronizedExcludesOthers) {
 
 TEST(Mutex, TryLockFailsWhileHeld) {
     Mutex mutex;
-    bool taken = true;
+    bool taken = false;
     {
         Synchronized const holding(mutex);
         std::thread([&] {
-            taken = mutex.try_lock();
-            if (taken) {
+            if (mutex.try_lock()) {
+                taken = true;
                 mutex.unlock();
             }
         }).join();

@@ -6,8 +6,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <regex>
 #include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,7 +66,8 @@ std::string contentOf(std::string const& path) {
     return content.str();
 }
 
-std::string const timeAndProgram = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d )";
+std::string const timeAndProgram =
+    R"([0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}[+-][0-9]{2}:[0-9]{2} )";
 
 TEST(LogTarget, TextReadsAndWrites) {
     EXPECT_EQ(LogTarget::parse("syslog").kind, LogTarget::Kind::syslog);
@@ -100,8 +101,8 @@ TEST(LogSinks, FileLineHasTimeProgramPidAndSeverity) {
     logger->log(0x03000170, 0, "%s\x01%d", "GlDisplay", 154);
     logger->flush();
     std::string const start = timeAndProgram + "program%d\\[" + std::to_string(getpid()) + "\\] ";
-    std::regex const expected(start + "info: a note with 100%d\n" + start + "warning: 0x03000170: GlDisplay; 154\n");
-    EXPECT_TRUE(std::regex_match(contentOf(path), expected)) << contentOf(path);
+    std::string const expected(start + "info: a note with 100%d\n" + start + "warning: 0x03000170: GlDisplay; 154\n");
+    EXPECT_THAT(contentOf(path), testing::MatchesRegex(expected));
 }
 
 TEST(LogSinks, FileIsAppendedToAndNotReadableByEveryone) {
@@ -162,8 +163,8 @@ TEST(LogSinks, StandardErrorHasTheSameLines) {
     testing::internal::CaptureStderr();
     makeLogger(LogTarget::parse("stderr"), {.ident = "program"})->note(Logger::Severity::error, "broken");
     std::string const written = testing::internal::GetCapturedStderr();
-    std::regex const expected(timeAndProgram + "program\\[\\d+\\] error: broken\n");
-    EXPECT_TRUE(std::regex_match(written, expected)) << written;
+    std::string const expected(timeAndProgram + "program\\[[0-9]+\\] error: broken\n");
+    EXPECT_THAT(written, testing::MatchesRegex(expected));
 }
 
 TEST(LogSinks, ProgramsNameIsTheIdentUnlessGiven) {
