@@ -1,5 +1,6 @@
 #include "foundation/database/Connection.h"
 
+#include <errmsg.h>
 #include <mysql.h>
 #include <mysqld_error.h>
 
@@ -48,7 +49,7 @@ void setOptions(MYSQL* mysql, Server const& server) {
 
 // Lock waits end before the read timeout does: then the server says what it waited for, and this session lives on.
 std::string sessionSettings(Server const& server) {
-    unsigned int const lockWait = std::max(1U, server.readTimeoutSeconds - server.readTimeoutSeconds / 4);
+    unsigned int const lockWait = std::max(2U, server.readTimeoutSeconds - server.readTimeoutSeconds / 4) - 1;
     std::string const wait = std::to_string(lockWait);
     return "SET NAMES binary, SESSION sql_mode='STRICT_ALL_TABLES,ERROR_FOR_DIVISION_BY_ZERO,NO_ENGINE_SUBSTITUTION', "
            "SESSION autocommit=1, SESSION lock_wait_timeout=" +
@@ -58,12 +59,15 @@ std::string sessionSettings(Server const& server) {
 } // namespace
 
 Connection::Connection(std::string const& database, std::string const& user, std::string const& password,
-                       SocketAddress const& address) {
-    open(ServerMap::instance().resolve(address, user, password), database);
-}
+                       SocketAddress const& address)
+    : Connection(ServerMap::instance().resolve(address, user, password), database) {}
 
 Connection::Connection(SocketAddress const& address, std::string const& database)
     : Connection(database, "", "", address) {}
+
+Connection::Connection(Server const& server, std::string const& database) {
+    open(server, database);
+}
 
 Connection::~Connection() {
     close();
@@ -99,6 +103,10 @@ void Connection::open(Server const& server, std::string const& database) {
                                     refused.message() + (database.empty() ? "" : "; database \"" + database + '"'),
                                     true);
         }
+        if (server.tls && mysql_get_ssl_cipher(m_mysql) == nullptr) { // the library goes on without it
+            throw DatabaseException("Connection", CR_SSL_CONNECTION_ERROR,
+                                    m_server + " does not offer TLS, which the settings require", true);
+        }
         run(sessionSettings(server), "Connection");
         if (database == alwaysThere && mysql_select_db(m_mysql, alwaysThere) != 0 &&
             mysql_errno(m_mysql) != ER_DBACCESS_DENIED_ERROR) {
@@ -129,8 +137,7 @@ bool Connection::dbSelectIfExists(std::string const& name) {
 // because any byte is a character of it: UTF-8 and bytes that are none go in and come out unchanged, one byte counts
 // one towards varchar(128), and the columns stay varchar, as their statements say.
 void Connection::dbCreate(std::string const& name) {
-    run("CREATE DATABASE " + quotedIdentifier(name) + " " + byteWiseCharacterSet,
-        "Connection::dbCreate");
+    run("CREATE DATABASE " + quotedIdentifier(name) + " " + byteWiseCharacterSet, "Connection::dbCreate");
 }
 
 void Connection::dbDelete(std::string const& name) {

@@ -35,6 +35,8 @@ class Connection : public RefImpl {
     Connection(std::string const& database, std::string const& user, std::string const& password,
                SocketAddress const& address);
     Connection(SocketAddress const& address, std::string const& database);
+    // Connects to exactly this server, past the map.
+    Connection(Server const& server, std::string const& database);
     ~Connection() override;
     Connection(Connection const&) = delete;
     Connection& operator=(Connection const&) = delete;

@@ -242,8 +242,10 @@ void StatementSplitter::finish() {
     case State::slash:
         code("/");
         break;
-    case State::code:
     case State::doubleDash:
+        notCode("--");
+        break;
+    case State::code:
     case State::lineComment:
         break;
     default:
