@@ -1,9 +1,12 @@
 #include "foundation/Settings.h"
 
+#include "foundation/Escape.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -154,6 +157,14 @@ std::string SettingsTable::secret(std::string const& key, std::string const& abs
         throw SettingsError(m_node->place(lineOf(*value)) + key + ": expected a text in quotes");
     }
     return value == nullptr ? absent : value->as_string().str;
+}
+
+std::string SettingsTable::path(std::string const& key, std::string const& absent) const {
+    std::string const given = text(key, absent);
+    if (escapeControls(given) != given) {
+        refuse(key, "expected a path without control characters, in UTF-8");
+    }
+    return given.empty() ? given : (std::filesystem::path(file()).parent_path() / given).string();
 }
 
 std::int64_t SettingsTable::integer(std::string const& key, std::int64_t absent, std::int64_t lowest,

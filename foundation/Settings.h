@@ -48,6 +48,9 @@ class SettingsTable {
     std::string text(std::string const& key, std::string const& absent) const;
     // Like text(), for what must not be seen: no message repeats its value.
     std::string secret(std::string const& key, std::string const& absent) const;
+    // A file's path: a relative one, from the file or as default, is taken from the directory of the settings file.
+    // "" stays "".
+    std::string path(std::string const& key, std::string const& absent) const;
     std::int64_t integer(std::string const& key, std::int64_t absent, std::int64_t lowest, std::int64_t highest) const;
     double number(std::string const& key, double absent, double lowest, double highest) const; // 3 is taken as 3.0
     bool boolean(std::string const& key, bool absent) const;

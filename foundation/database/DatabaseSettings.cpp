@@ -30,12 +30,12 @@ Server readServer(SettingsTable const& database, unsigned int defaultReadTimeout
     Server server;
     server.host = database.text("host", server.host);
     server.port = static_cast<unsigned int>(database.integer("port", server.port, 1, 65535));
-    server.socket = database.text("socket", "");
+    server.socket = database.path("socket", "");
     server.user = database.text("user", server.user);
     server.password = database.secret("password", "");
-    std::string const passwordFile = database.text("password_file", "");
+    std::string const passwordFile = database.path("password_file", "");
     server.tls = database.boolean("tls", false);
-    server.tlsCa = database.text("tls_ca", "");
+    server.tlsCa = database.path("tls_ca", "");
     server.connectTimeoutSeconds = static_cast<unsigned int>(
         database.integer("connect_timeout_seconds", server.connectTimeoutSeconds, 1, longestConnectTimeout));
     server.readTimeoutSeconds = static_cast<unsigned int>(
