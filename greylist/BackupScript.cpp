@@ -23,6 +23,7 @@ class LeftOut {
             log("not stored: " + record + ": " + reason);
         }
     }
+    std::uint64_t count() const { return m_count; }
     void finish() const {
         if (m_count > shownOneByOne) {
             log(std::to_string(m_count - shownOneByOne) + " more records were not stored");
@@ -95,6 +96,9 @@ std::string autoExemptName() {
     return Database::TableName(autoExemptTable, false).name();
 }
 
+// Identities are all over the memory; so many rows before its turn one is asked for.
+constexpr std::size_t fetchAhead = 8;
+
 // Texts of masks; neighbours in key order share their network.
 class MaskText {
   public:
@@ -125,36 +129,46 @@ BackupSnapshot::BackupSnapshot(_TupleCache const& tuples, _DynamicExemptCache co
     SharedLock const holdTuples(tuples.lock);
     SharedLock const holdExemptions(exemptions.lock);
     auto const start = std::chrono::steady_clock::now();
+    m_pinTuples.emplace(tuples);
+    m_pinExemptions.emplace(exemptions);
     tuples.forEachInKeyOrder([&](auto const& pair) {
-        m_tuples.push_back({pair.first, pair.second.firstSeen, pair.second.expiry});
+        m_tuples.push_back({pair.first.operator->(), pair.second.firstSeen, pair.second.expiry});
         return true;
     });
     exemptions.forEachInKeyOrder([&](auto const& pair) {
-        m_exemptions.push_back({pair.first, pair.second});
+        m_exemptions.push_back({&pair.first, pair.second.firstSeen, pair.second.expiry});
         return true;
     });
     m_nanosecondsHeld =
         static_cast<std::uint64_t>(std::chrono::nanoseconds(std::chrono::steady_clock::now() - start).count());
 }
 
-void BackupSnapshot::write(std::ostream& out) const {
+BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
     std::string const tuples = greyListTable;
     std::string const exemptions = autoExemptName();
     LeftOut leftOut;
     out << "LOCK TABLES " << tuples << " WRITE," << exemptions << " WRITE;\n"
         << "delete from " << tuples << ";\n";
     writeTuples(out, leftOut);
+    std::uint64_t const tuplesLeftOut = leftOut.count();
     out << "delete from " << exemptions << ";\n";
     writeExemptions(out, leftOut);
     out << ";\ncommit;\nUNLOCK TABLES;\n";
     leftOut.finish();
+    std::uint64_t const exemptionsLeftOut = leftOut.count() - tuplesLeftOut;
+    return {m_tuples.size() - tuplesLeftOut, m_exemptions.size() - exemptionsLeftOut, leftOut.count()};
 }
 
 void BackupSnapshot::writeTuples(std::ostream& out, LeftOut& leftOut) const {
     Database::BatchedInsert batches(out, insertInto(greyListTable));
     MaskText masks;
     std::string row;
-    for (Tuple const& tuple : m_tuples) {
+    for (std::size_t at = 0; at < m_tuples.size(); ++at) {
+        Tuple const& tuple = m_tuples[at];
+        if (at + fetchAhead < m_tuples.size()) {
+            __builtin_prefetch(m_tuples[at + fetchAhead].id);
+            __builtin_prefetch(reinterpret_cast<char const*>(m_tuples[at + fetchAhead].id) + 64);
+        }
         std::string const& mask = masks.of(*tuple.id);
         if (char const* reason = whyNotStorable(*tuple.id, mask)) {
             leftOut.add("tuple " + mask + " " + tuple.id->sender().asString() + " " + tuple.id->recipient().asString(),
@@ -182,15 +196,15 @@ void BackupSnapshot::writeExemptions(std::ostream& out, LeftOut& leftOut) const 
     Database::BatchedInsert batches(out, texts);
     DynamicExemptRecordWriter writer(out);
     for (Exemption const& exemption : m_exemptions) {
-        if (char const* reason = whyNotStorable(*exemption.id.operator->())) {
-            leftOut.add("exemption " + exemption.id->mask().asString() + " " + exemption.id->domain(), reason);
+        _DynamicExemptId const& id = **exemption.id;
+        if (char const* reason = whyNotStorable(id)) {
+            leftOut.add("exemption " + id.mask().asString() + " " + id.domain(), reason);
             continue;
         }
         if (batches.beforeRow()) {
             writer.first = true;
         }
-        writer(exemption.id, Status(clampedToInt(exemption.status.firstSeen), clampedToInt(exemption.status.expiry),
-                                    exemption.status.initialLifetime));
+        writer(*exemption.id, Status(clampedToInt(exemption.firstSeen), clampedToInt(exemption.expiry), 0));
     }
     batches.finish();
 }

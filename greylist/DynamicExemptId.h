@@ -39,6 +39,7 @@ class DynamicExemptId {
     explicit operator bool() const { return !isNull(); }
     // The identity; using an empty handle is a programming error.
     _DynamicExemptId const* operator->() const { return m_impl.get(); }
+    _DynamicExemptId const& operator*() const { return *m_impl; }
 
     // An empty handle comes first; then domain (bytes, a proper prefix is less), then mask: not the order of tuples.
     bool operator<(DynamicExemptId const& other) const;

@@ -14,6 +14,7 @@
 #include "include2/OrderedIndex.h"
 #include "include2/UseList.h"
 
+#include <atomic>
 #include <cstdint>
 #include <utility>
 
@@ -47,7 +48,11 @@ class LRUCache {
     virtual void clear() {
         ExclusiveLock const hold(lock);
         index.clear();
-        list.clear();
+        if (pins == 0) {
+            list.clear();
+        } else {
+            list.parkAll();
+        }
         size = 0;
     }
     // The entry, now the most recently used one, or end().
@@ -102,7 +107,11 @@ class LRUCache {
     {
         std::uint32_t const position = index.erase(key);
         if (position != List::none) {
-            list.erase(position);
+            if (pins == 0) {
+                list.erase(position);
+            } else {
+                list.park(position);
+            }
             --size;
         }
     }
@@ -127,6 +136,20 @@ class LRUCache {
                       [&](std::uint32_t position) { pairs->prefetch(position); });
     }
 
+    // Keeps every key and value that is in the cache now where it is, also after it was removed, so that a snapshot can
+    // be a copy of addresses and be read when the lock is free again. Made under the lock, shared at least; its end
+    // takes the lock exclusively, some thousand removed entries at a time. Memory grows by what is removed meanwhile.
+    class Pin {
+      public:
+        explicit Pin(LRUCache const& cache) VELLUM_REQUIRES_SHARED(cache.lock) : m_cache(cache) { ++cache.pins; }
+        ~Pin() { m_cache.unpin(); }
+        Pin(Pin const&) = delete;
+        Pin& operator=(Pin const&) = delete;
+
+      private:
+        LRUCache const& m_cache;
+    };
+
     // Shared for walks, upgrade for a decision, exclusive for changes. Where a family's entry lock is taken too, that
     // one comes first.
     mutable SharedMutex lock;
@@ -138,11 +161,26 @@ class LRUCache {
         K const& operator()(std::uint32_t position) const { return pairs->at(position).first; }
     };
 
+    void unpin() const {
+        constexpr unsigned int dropAtOnce = 4096; // about a millisecond
+        bool last = false;
+        {
+            ExclusiveLock const hold(lock);
+            last = --pins == 0;
+        }
+        for (bool more = last; more;) {
+            ExclusiveLock const hold(lock);
+            more = pins == 0 && list.dropParked(dropAtOnce);
+        }
+    }
+
     std::uint32_t size VELLUM_GUARDED_BY(lock)
     = 0;                                       // entries held now
     std::uint32_t const capacity;              // entries; fixed at birth, read without the lock
     mutable List list VELLUM_GUARDED_BY(lock); // const finds reorder it, under the exclusive lock
     OrderedIndex<K, KeyAt> index VELLUM_GUARDED_BY(lock);
+    // Pins alive. Raised under a shared hold, so an atomic; read and lowered under the exclusive one.
+    mutable std::atomic<std::uint32_t> pins{0};
 };
 
 } // namespace Vellum

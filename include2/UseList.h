@@ -1,6 +1,7 @@
 // A doubly linked list of (K, V) pairs in order of use, owned by value.
 //
 // Front: most recently added or found. Back: least recently used. Positions stay valid until their pair is erased.
+// A pair may also be parked: out of the list, but where it was, for readers that still point at it.
 // Not thread-safe: the cache's lock guards it.
 #pragma once
 
@@ -18,7 +19,11 @@ class UseList {
     static constexpr Position none = 0xFFFFFFFFU;
 
     UseList() = default;
-    ~UseList() { clear(); }
+    ~UseList() {
+        clear();
+        while (dropParked(~0U)) {
+        }
+    }
     UseList(UseList const&) = delete;
     UseList& operator=(UseList const&) = delete;
 
@@ -47,13 +52,29 @@ class UseList {
         m_slab.release(position);
     }
     void clear() {
-        for (Position p = m_front; p != none;) {
-            Node& node = m_slab.at(p);
-            p = node.next;
-            node.~Node();
-        }
-        m_slab.clear();
+        destroyChain(m_front, ~0U);
         m_front = m_back = none;
+        if (m_parked == none) {
+            m_slab.clear();
+        }
+    }
+
+    // As erase() and clear(), but the pairs stay in memory until dropParked(). Nothing is allocated.
+    void park(Position position) {
+        unlink(position);
+        m_slab.at(position).next = std::exchange(m_parked, position);
+    }
+    void parkAll() {
+        if (m_front != none) {
+            m_slab.at(m_back).next = m_parked;
+            m_parked = m_front;
+            m_front = m_back = none;
+        }
+    }
+    // Destroys up to `most` parked pairs; true while there are more.
+    bool dropParked(unsigned int most) {
+        m_parked = destroyChain(m_parked, most);
+        return m_parked != none;
     }
 
     Pair& at(Position position) const { return m_slab.at(position).pair; }
@@ -84,9 +105,21 @@ class UseList {
         (node.next == none ? m_back : m_slab.at(node.next).previous) = node.previous;
     }
 
+    // Destroys up to `most` nodes from `first` on; answers where the rest begins.
+    Position destroyChain(Position first, unsigned int most) {
+        for (; first != none && most > 0; --most) {
+            Position const next = m_slab.at(first).next;
+            m_slab.at(first).~Node();
+            m_slab.release(first);
+            first = next;
+        }
+        return first;
+    }
+
     NodeSlab<Node> m_slab;
     Position m_front = none;
     Position m_back = none;
+    Position m_parked = none; // chained by `next`
 };
 
 } // namespace Vellum

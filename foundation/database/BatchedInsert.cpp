@@ -9,7 +9,7 @@ BatchedInsert::BatchedInsert(std::ostream& out, Texts texts) : m_out(out), m_tex
 bool BatchedInsert::beforeRow() {
     bool const begins = m_rows % rowsPerStatement == 0;
     if (!begins) {
-        m_out << m_texts.separator;
+        m_out.write(m_texts.separator.data(), static_cast<std::streamsize>(m_texts.separator.size()));
     } else {
         if (m_rows != 0) {
             m_out << m_texts.close;
