@@ -54,8 +54,9 @@ Run longestZeroRun(std::array<unsigned int, groupCount> const& groups) {
 
 void appendV6(std::string& out, std::uint8_t const* bytes) {
     std::array<unsigned int, groupCount> groups{};
-    for (int i = 0; i < groupCount; ++i) {
-        groups[i] = bytes[2 * i] * 256U + bytes[2 * i + 1];
+    for (unsigned int& group : groups) {
+        group = bytes[0] * 256U + bytes[1];
+        bytes += 2;
     }
     Run const hidden = longestZeroRun(groups);
     for (int i = 0; i < groupCount; ++i) {
