@@ -144,22 +144,27 @@ void Connection::dbDelete(std::string const& name) {
     run("DROP DATABASE " + quotedIdentifier(name), "Connection::dbDelete");
 }
 
-void Connection::run(std::string_view statement, char const* where) {
+std::uint64_t Connection::run(std::string_view statement, char const* where) {
     if (mysql_real_query(m_mysql, statement.data(), statement.size()) != 0) {
         throw error(where, statement);
     }
+    std::uint64_t changed = 0;
     int next = 0;
-    do {
+    do { // a CALL answers with several results
         MYSQL_RES* const dropped = mysql_store_result(m_mysql);
         mysql_free_result(dropped);
-        if (dropped == nullptr && mysql_errno(m_mysql) != 0) {
-            throw error(where, statement);
+        if (dropped == nullptr) {
+            if (mysql_errno(m_mysql) != 0) {
+                throw error(where, statement);
+            }
+            changed += mysql_affected_rows(m_mysql);
         }
         next = mysql_next_result(m_mysql);
     } while (next == 0);
     if (next > 0) {
         throw error(where, statement);
     }
+    return changed;
 }
 
 void Connection::interrupt() {

@@ -6,6 +6,7 @@
 #include "foundation/database/ServerMap.h"
 #include "include2/VellumRefcounted.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -56,8 +57,9 @@ class Connection : public RefImpl {
     // Drops the database with everything in it; a missing one is an error.
     void dbDelete(std::string const& name);
 
-    // Runs one statement as it stands and drops its result. `where` names the caller's operation for the error text.
-    void run(std::string_view statement, char const* where);
+    // Runs one statement as it stands, drops its result and answers how many rows it changed. `where` names the
+    // caller's operation for the error text.
+    std::uint64_t run(std::string_view statement, char const* where);
 
     // Ends the session from any thread: the statement in progress and all later ones fail as if the server had gone,
     // and the server rolls back. For a shutdown that must not wait for a slow statement.

@@ -64,8 +64,8 @@ class ScriptFile {
     std::vector<char> m_piece = std::vector<char>(pieceSize);
 };
 
-// A statement must fit the server's packet, one byte of which is the command. The server answers a larger one by
-// hanging up, which looks like a lost connection and would be tried again for ever.
+// A statement with the byte of its command must be shorter than the server's packet limit. The server answers a longer
+// one by hanging up, which looks like a lost connection and would be tried again for ever.
 class PacketLimit : public RowParser {
   public:
     explicit PacketLimit(Connection& connection) {
@@ -77,7 +77,7 @@ class PacketLimit : public RowParser {
         m_bytes = std::strtoull(db_result_get_value(handle, result, db_result_fetch_row(result, 0), 0), nullptr, 10);
     }
     std::size_t longestStatement() const {
-        return std::min<unsigned long long>(StatementSplitter::defaultLimit, std::max(m_bytes, 2ULL) - 1);
+        return std::min<unsigned long long>(StatementSplitter::defaultLimit, std::max(m_bytes, 3ULL) - 2);
     }
 
   private:

@@ -14,9 +14,7 @@ ScriptTransaction::~ScriptTransaction() {
 }
 
 std::uint64_t ScriptTransaction::run(std::string_view statement) {
-    m_connection.run(statement, scriptOperation);
-    my_ulonglong const rows = mysql_affected_rows(m_connection.native());
-    return rows == static_cast<my_ulonglong>(-1) ? 0 : rows;
+    return m_connection.run(statement, scriptOperation);
 }
 
 void ScriptTransaction::commit() {
