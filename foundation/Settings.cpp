@@ -113,10 +113,8 @@ SettingsTable::SettingsTable(std::shared_ptr<Node> node) : m_node(std::move(node
 SettingsTable SettingsTable::parseFile(std::string const& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
-    if (file) {
-        text << file.rdbuf();
-    }
-    if (!file || file.bad() || text.fail()) {
+    bool const empty = file.is_open() && file.peek() == std::ifstream::traits_type::eof() && !file.bad();
+    if (!empty && (!file || !(text << file.rdbuf()))) {
         throw SettingsError(path + ": cannot be read: " + std::strerror(errno));
     }
     return parse(text.str(), path);
