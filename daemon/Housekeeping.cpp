@@ -1,0 +1,36 @@
+#include "daemon/Housekeeping.h"
+
+#include "foundation/Logger.h"
+
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace Vellum::Daemon {
+
+Housekeeping::Housekeeping(std::function<void()> task, std::chrono::seconds interval)
+    : m_task(std::move(task)), m_interval(interval), m_thread([this] { run(); }) {}
+
+Housekeeping::~Housekeeping() {
+    {
+        std::lock_guard const hold(m_lock);
+        m_stopping = true;
+    }
+    m_changed.notify_all();
+    m_thread.join();
+}
+
+void Housekeeping::run() {
+    std::unique_lock hold(m_lock);
+    while (!m_changed.wait_for(hold, m_interval, [this] { return m_stopping; })) {
+        hold.unlock();
+        try {
+            m_task();
+        } catch (std::exception const& failed) {
+            Logger::instance(false).note(Logger::Severity::warning, std::string("housekeeping: ") + failed.what());
+        }
+        hold.lock();
+    }
+}
+
+} // namespace Vellum::Daemon
