@@ -1,0 +1,166 @@
+#include "daemon/PolicyAcceptor.h"
+
+#include "foundation/Exception.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <netinet/in.h>
+#include <new>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <system_error>
+
+namespace Vellum::Daemon {
+namespace {
+
+// Null for a peer of a Unix socket.
+SocketAddress peerAddress(sockaddr_storage const& storage) {
+    ip_addr_t raw{};
+    if (storage.ss_family == AF_INET) {
+        auto const& v4 = reinterpret_cast<sockaddr_in const&>(storage);
+        raw.family = 4;
+        std::copy_n(reinterpret_cast<std::uint8_t const*>(&v4.sin_addr), sizeof v4.sin_addr, raw.bytes);
+        return {IPAddress(raw), ntohs(v4.sin_port)};
+    }
+    if (storage.ss_family == AF_INET6) {
+        auto const& v6 = reinterpret_cast<sockaddr_in6 const&>(storage);
+        raw.family = 6;
+        std::copy_n(reinterpret_cast<std::uint8_t const*>(&v6.sin6_addr), sizeof v6.sin6_addr, raw.bytes);
+        return {IPAddress(raw), ntohs(v6.sin6_port)};
+    }
+    return {};
+}
+
+bool isExhaustion(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+} // namespace
+
+PolicyAcceptor::PolicyAcceptor(Sockets const& sockets, Workers const& workers, Limits limits)
+    : m_sockets(sockets), m_workers(workers), m_limits(limits), m_wake(makeEvent()), m_epoll(makeEpoll(m_wake.get())) {
+    for (auto const& socket : m_sockets) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.ptr = socket.get();
+        if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, socket->descriptor(), &event) != 0) {
+            throw Exception("PolicyAcceptor::PolicyAcceptor", Exception::failure, "PolicyAcceptor")
+                .stringParameter("epoll_ctl: " + std::generic_category().message(errno));
+        }
+    }
+    m_thread = startServiceThread("policy-accept", [this] { run(); });
+}
+
+PolicyAcceptor::~PolicyAcceptor() {
+    m_ending.store(true);
+    signalEvent(m_wake.get());
+    m_thread.join();
+}
+
+void PolicyAcceptor::run() {
+    std::array<epoll_event, 16> events;
+    while (!m_ending.load()) {
+        int const ready = epoll_wait(m_epoll.get(), events.data(), events.size(), -1);
+        for (int i = 0; i < ready; ++i) {
+            if (auto const* const socket = static_cast<ListeningSocket const*>(events[i].data.ptr)) {
+                acceptAll(*socket);
+            }
+        }
+    }
+}
+
+void PolicyAcceptor::acceptAll(ListeningSocket const& socket) {
+    Next next = Next::goOn;
+    try {
+        while (next == Next::goOn && !m_ending.load()) {
+            next = acceptOne(socket);
+        }
+    } catch (std::bad_alloc const&) {
+        next = acceptFailed(socket, ENOMEM);
+    }
+    if (next == Next::pause) {
+        pause();
+    }
+}
+
+PolicyAcceptor::Next PolicyAcceptor::acceptOne(ListeningSocket const& socket) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    int const descriptor =
+        accept4(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (descriptor < 0) {
+        return acceptFailed(socket, errno);
+    }
+    auto connection = PolicyConnection::take(descriptor, peerAddress(address));
+    m_exhausted.ends("policy: accepting connections again");
+    if (isFull() && !makeRoom()) {
+        m_refused.increment();
+        m_full.begins("policy: " + std::to_string(m_limits.maxConnections) +
+                      " connections are open, the most allowed; closing new ones, the first from " +
+                      connection->peer());
+        return Next::goOn;
+    }
+    m_full.ends("policy: there is room for new connections again");
+    handOut(std::move(connection));
+    return Next::goOn;
+}
+
+PolicyAcceptor::Next PolicyAcceptor::acceptFailed(ListeningSocket const& socket, int error) {
+    if (error == EAGAIN) {
+        return Next::queueEmpty;
+    }
+    if (isExhaustion(error)) {
+        m_exhausted.begins("policy: no new connections for the moment: " + std::generic_category().message(error));
+        makeRoom();
+        return Next::pause;
+    }
+    // Others concern the one connection that could not be had, gone before it was accepted.
+    if (error != ECONNABORTED && error != EINTR) {
+        m_failures.note(Logger::Severity::warning, "policy: accepting on " + socket.address().asString() +
+                                                       " failed: " + std::generic_category().message(error));
+        return Next::pause;
+    }
+    return Next::goOn;
+}
+
+// To the worker with the fewest connections; in turn among equals.
+void PolicyAcceptor::handOut(std::unique_ptr<PolicyConnection> connection) {
+    std::size_t best = m_turn % m_workers.size();
+    for (std::size_t i = 1; i < m_workers.size(); ++i) {
+        std::size_t const other = (m_turn + i) % m_workers.size();
+        if (m_workers[other]->connections() < m_workers[best]->connections()) {
+            best = other;
+        }
+    }
+    m_turn = best + 1;
+    try {
+        m_workers[best]->adopt(std::move(connection));
+        m_accepted.increment();
+    } catch (std::exception const& e) {
+        m_refused.increment();
+        m_failures.note(Logger::Severity::error, std::string("policy: a new connection had to be closed: ") + e.what());
+    }
+}
+
+bool PolicyAcceptor::isFull() const {
+    std::size_t open = 0;
+    for (auto const& worker : m_workers) {
+        open += worker->connections();
+    }
+    return open >= m_limits.maxConnections;
+}
+
+bool PolicyAcceptor::makeRoom() {
+    auto const before = PolicyWorker::Clock::now() - m_limits.silentGrace;
+    return std::any_of(m_workers.begin(), m_workers.end(),
+                       [before](auto const& worker) { return worker->closeSilent(before); });
+}
+
+void PolicyAcceptor::pause() {
+    pollfd wake{m_wake.get(), POLLIN, 0};
+    poll(&wake, 1, static_cast<int>(pauseTime.count()));
+}
+
+} // namespace Vellum::Daemon

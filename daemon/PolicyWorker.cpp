@@ -1,0 +1,128 @@
+#include "daemon/PolicyWorker.h"
+
+#include "foundation/Exception.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <sys/epoll.h>
+#include <system_error>
+
+namespace Vellum::Daemon {
+namespace {
+
+constexpr std::size_t eventsAtOnce = 64;
+constexpr int untilSomethingHappens = -1;
+
+std::uint32_t eventsFor(PolicyConnection::Wants wants) {
+    return wants == PolicyConnection::Wants::outputSpace ? EPOLLOUT : EPOLLIN;
+}
+
+} // namespace
+
+PolicyWorker::PolicyWorker(PolicyAnswerer& answerer, PolicyNotes& notes, std::string const& name)
+    : m_workplace(answerer, notes), m_wake(makeEvent()), m_epoll(makeEpoll(m_wake.get())) {
+    m_thread = startServiceThread(name, [this] { run(); });
+}
+
+PolicyWorker::~PolicyWorker() {
+    m_ending.store(true);
+    signalEvent(m_wake.get());
+    m_thread.join();
+}
+
+void PolicyWorker::adopt(std::unique_ptr<PolicyConnection> connection) {
+    PolicyConnection* const taken = connection.get();
+    Synchronized const holding(m_mutex);
+    epoll_event event{};
+    event.events = eventsFor(taken->wants());
+    event.data.ptr = taken;
+    m_connections.emplace(taken, std::move(connection));
+    // Last: the thread may serve it, and close it, from here on; closing waits for the lock.
+    if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, taken->socket(), &event) != 0) {
+        int const error = errno;
+        m_connections.erase(taken);
+        throw Exception("PolicyWorker::adopt", Exception::failure, "PolicyWorker")
+            .stringParameter("epoll_ctl: " + std::generic_category().message(error));
+    }
+    m_count.store(m_connections.size(), std::memory_order_relaxed);
+}
+
+bool PolicyWorker::closeSilent(Clock::time_point before) {
+    Synchronized const holding(m_mutex);
+    PolicyConnection* oldest = nullptr;
+    for (auto const& [key, connection] : m_connections) {
+        bool const eligible = !connection->wasServed() && !connection->wasShutDown() && connection->since() <= before;
+        if (eligible && (oldest == nullptr || connection->since() < oldest->since())) {
+            oldest = connection.get();
+        }
+    }
+    if (oldest != nullptr) {
+        oldest->shutDown();
+    }
+    return oldest != nullptr;
+}
+
+void PolicyWorker::run() {
+    while (!m_ending.load()) {
+        serveReady(untilSomethingHappens);
+    }
+    lastRounds();
+    Synchronized const holding(m_mutex);
+    m_connections.clear();
+    m_count.store(0, std::memory_order_relaxed);
+}
+
+// A request that had arrived by the time of the end gets its answer: a mail server that finds its connection closed
+// instead waits a second before it asks again. Rounds are counted because clients may go on sending.
+void PolicyWorker::lastRounds() {
+    std::size_t const rounds = connections() / (eventsAtOnce - 1) + 1;
+    for (std::size_t i = 0; i < rounds && serveReady(0) > 0; ++i) {
+    }
+}
+
+std::size_t PolicyWorker::serveReady(int timeoutMilliseconds) {
+    std::array<epoll_event, eventsAtOnce> events;
+    int const ready = epoll_wait(m_epoll.get(), events.data(), eventsAtOnce, timeoutMilliseconds);
+    auto const count = static_cast<std::size_t>(std::max(ready, 0)); // below 0: interrupted
+    for (std::size_t i = 0; i < count; ++i) {
+        if (auto* const connection = static_cast<PolicyConnection*>(events[i].data.ptr)) {
+            serve(*connection);
+        }
+    }
+    return count;
+}
+
+void PolicyWorker::serve(PolicyConnection& connection) {
+    PolicyConnection::Wants const wanted = connection.wants();
+    try {
+        PolicyConnection::Wants const wants = connection.proceed(m_workplace);
+        if (wants == PolicyConnection::Wants::closing) {
+            drop(connection);
+        } else if (wants != wanted) {
+            watch(connection);
+        }
+    } catch (std::exception const& e) { // no memory for this connection: the others go on
+        m_workplace.notes.brokenConnection.note(Logger::Severity::error,
+                                                std::string("policy: a connection had to be closed: ") + e.what());
+        drop(connection);
+    }
+}
+
+void PolicyWorker::watch(PolicyConnection& connection) {
+    epoll_event event{};
+    event.events = eventsFor(connection.wants());
+    event.data.ptr = &connection;
+    if (epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, connection.socket(), &event) != 0) {
+        throw Exception("PolicyWorker::watch", Exception::failure, "PolicyWorker")
+            .stringParameter("epoll_ctl: " + std::generic_category().message(errno));
+    }
+}
+
+void PolicyWorker::drop(PolicyConnection& connection) {
+    Synchronized const holding(m_mutex);
+    m_connections.erase(&connection);
+    m_count.store(m_connections.size(), std::memory_order_relaxed);
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,90 @@
+#include "tests/daemon/PolicyServerFixture.h"
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <thread>
+
+namespace Vellum::Daemon {
+
+void EchoAnswerer::answer(PolicyRequest const& request, PolicyConnectionMemory& memory, std::string& out) {
+    before(request);
+    std::string const sender(request[PolicyAttribute::sender]);
+    std::string const answer = sender == "!memory" ? memory.prependedInstance
+                               : sender == "!long" ? std::string(1000, 'x')
+                                                   : sender;
+    memory.prependedInstance = sender;
+    if (sender == "!silent") {
+        return;
+    }
+    out += "action=" + answer + "\n";
+    if (sender == "!throw") {
+        throw std::runtime_error("no memory for tuples");
+    }
+    if (sender == "!throw-number") {
+        throw 7; // anything may be thrown
+    }
+    out += sender == "!garbage" ? "more" : "\n";
+    if (sender == "!two") {
+        out += "action=second\n\n";
+    }
+}
+
+std::string requestFrom(std::string const& sender) {
+    return "request=smtpd_access_policy\nsender=" + sender + "\n\n";
+}
+
+PolicyServerTest::PolicyServerTest() {
+    std::string name = testing::TempDir() + "policy.XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp " + name);
+    }
+    m_directory = name;
+}
+
+PolicyServerTest::~PolicyServerTest() {
+    server.stop();
+    std::filesystem::remove_all(m_directory);
+}
+
+void PolicyServerTest::start(PolicyServerOptions options) {
+    options.listen = {ListenAddress::parse("unix:" + file("policy")), ListenAddress::parse("inet:127.0.0.1:0")};
+    server.start(options);
+}
+
+bool PolicyServerTest::eventually(std::function<bool(PolicyServerFigures const&)> const& wanted) const {
+    auto const end = std::chrono::steady_clock::now() + CapturingLogger::patience;
+    while (!wanted(server.figures())) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+std::size_t PolicyServerTest::notes(std::string const& part) const {
+    auto const all = log.notes();
+    return static_cast<std::size_t>(std::count_if(
+        all.begin(), all.end(), [&part](std::string const& note) { return note.find(part) != std::string::npos; }));
+}
+
+DescriptorLimit::DescriptorLimit(std::size_t wanted) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    m_before = limit.rlim_cur;
+    m_value = std::min<std::size_t>(wanted, limit.rlim_max);
+    limit.rlim_cur = m_value;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+DescriptorLimit::~DescriptorLimit() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = m_before;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+} // namespace Vellum::Daemon
