@@ -58,19 +58,32 @@ unsigned int lineOf(toml::value const& value) {
     return static_cast<unsigned int>(value.location().line());
 }
 
-// A value as the file has it, for a message.
-std::string shown(toml::value const& value) {
+// A value as the file could have it, in one line.
+std::string written(toml::value const& value) {
+    if (value.is_string()) {
+        return '"' + escapeControls(value.as_string().str) + '"';
+    }
     if (value.is_table()) {
         return "a table";
     }
     std::ostringstream text;
-    text << std::setw(0) << value; // width 0: arrays and texts stay on one line
-    std::string shownValue = text.str();
-    std::replace(shownValue.begin(), shownValue.end(), '\n', ' ');
-    if (shownValue.size() > shownValueBytes) {
-        shownValue = shownValue.substr(0, shownValueBytes) + "...";
+    if (value.is_array()) {
+        char const* separator = "[";
+        for (toml::value const& element : value.as_array()) {
+            text << separator << written(element);
+            separator = ", ";
+        }
+        text << (value.as_array().empty() ? "[]" : "]");
+    } else {
+        text << value;
     }
-    return shownValue;
+    return text.str();
+}
+
+// The value for a message: shortened when it is long.
+std::string shown(toml::value const& value) {
+    std::string const text = written(value);
+    return text.size() > shownValueBytes ? text.substr(0, shownValueBytes) + "..." : text;
 }
 
 // What toml11 has to say in its first line, without its own decoration.
