@@ -1,0 +1,95 @@
+#include "daemon/AddressFolding.h"
+
+#include "daemon/AsciiCase.h"
+#include "daemon/BounceAddress.h"
+#include "foundation/MailboxSyntax.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+namespace Vellum::Daemon {
+namespace {
+
+void appendLower(std::string& out, std::string_view text) {
+    std::transform(text.begin(), text.end(), std::back_inserter(out), lowerAscii);
+}
+
+// user+extension without the extension; "+x" alone has no user before it.
+std::string_view withoutExtension(std::string_view localPart) {
+    std::size_t const plus = localPart.find('+');
+    return plus == 0 ? localPart : localPart.substr(0, plus);
+}
+
+// Nearly every address that has nothing to fold is told by one look at its bytes: no capital, no '+', no digit.
+// A machine-made local part without a digit has nothing that could be replaced, save a signature, which has '='.
+bool mayFold(std::string_view address) {
+    return std::any_of(address.begin(), address.end(),
+                       [](char c) { return isUpperAscii(c) || c == '+' || c == '=' || (c >= '0' && c <= '9'); });
+}
+
+struct Folder {
+    AddressFolding const& settings;
+    bool isSender;
+
+    EmailAddress const& fold(EmailAddress const& address, EmailAddress& room) const {
+        std::string const& text = address.address();
+        if (!mayFold(text)) {
+            return address;
+        }
+        std::string folded;
+        folded.reserve(text.size());
+        append(folded, text);
+        if (folded == text) {
+            return address;
+        }
+        room = EmailAddress::fromAddress(folded);
+        return room;
+    }
+
+    void append(std::string& out, std::string const& address) const {
+        MailboxSyntax::Parts const parts = MailboxSyntax::split(address);
+        std::string domain;
+        appendLower(domain, parts.domain);
+        if (parts.local.starts_with('"')) {
+            out += parts.local;
+        } else {
+            appendLocalPart(out, parts.local, domain);
+            if (settings.lowercaseLocalPart) {
+                std::transform(out.begin(), out.end(), out.begin(), lowerAscii);
+            }
+        }
+        if (parts.hasDomain) {
+            out += '@';
+            out += domain;
+        }
+    }
+
+    void appendLocalPart(std::string& out, std::string_view localPart, std::string_view domain) const {
+        bool const numbers = isSender && settings.bounceDigits;
+        std::size_t const signature = numbers ? BounceAddress::appendSignature(out, localPart) : 0;
+        bool const machineMade = numbers && (signature != 0 || BounceAddress::isMachineMade(localPart, domain));
+        localPart.remove_prefix(signature);
+        if (settings.extension) {
+            localPart = withoutExtension(localPart);
+        }
+        if (machineMade) {
+            BounceAddress::appendWithoutNumbers(out, localPart);
+        } else {
+            out += localPart;
+        }
+    }
+};
+
+} // namespace
+
+EmailAddress const& AddressFolding::sender(EmailAddress const& address, EmailAddress& room) const {
+    return Folder{*this, true}.fold(address, room);
+}
+
+EmailAddress const& AddressFolding::recipient(EmailAddress const& address, EmailAddress& room) const {
+    return Folder{*this, false}.fold(address, room);
+}
+
+} // namespace Vellum::Daemon
