@@ -11,7 +11,7 @@ namespace {
 thread_local long allocationsUntilFailure = -1; // negative: none fails
 }
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
     if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) {
         throw std::bad_alloc();
     }
@@ -20,7 +20,7 @@ void* operator new(std::size_t size) {
     }
     throw std::bad_alloc();
 }
-void* operator new(std::size_t size, std::align_val_t alignment) {
+[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
     if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) {
         throw std::bad_alloc();
     }
@@ -29,16 +29,16 @@ void* operator new(std::size_t size, std::align_val_t alignment) {
     }
     throw std::bad_alloc();
 }
-void operator delete(void* block, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* block, std::align_val_t) noexcept {
     std::free(block);
 }
-void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
+[[gnu::noinline]] void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
     std::free(block);
 }
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
     std::free(block);
 }
-void operator delete(void* block, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
     std::free(block);
 }
 
