@@ -21,7 +21,8 @@ class Schedule {
     // The places of the jobs to run at `now`, each once, in order of their instants. They count as run.
     std::vector<std::size_t> due(long now);
 
-    // The next instant after `now` at which something may be due; nothing when there is no job.
+    // The instant at which something is due next, not after `now` when something is due already; nothing when there is
+    // no job.
     std::optional<long> next(long now) const;
 
   private:
