@@ -22,6 +22,7 @@ namespace Vellum::IPC {
 class Pdu {
   public:
     static constexpr std::size_t headerSize = 8;
+    static constexpr std::size_t maxPayload = 64U << 20; // neither sent nor received beyond that; see also Dispatcher.h
 
     Pdu(unsigned int type, Buffer const& payload) : m_type(type), m_payload(payload) {}
     Pdu(PduType type, Buffer const& payload) : Pdu(number(type), payload) {}

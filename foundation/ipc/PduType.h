@@ -43,6 +43,16 @@ enum class PduType : std::uint32_t {
     senderRateEntry = 29,       // reply, 304 bytes
     listSenderRateRecords = 30, // request, the sender as text; answered by senderRateRecord units, endOfListing
     senderRateRecord = 31,      // reply, 28 bytes
+
+    // The daemon itself: numbers far away from those that families share. Payloads are JSON, UTF-8; an empty request
+    // is {}. Each is answered by adminReply, a long one by any number of adminProgress before it. AdminHandlers.h of
+    // the daemon says what they hold.
+    adminStatus = 0x564C0000,
+    adminBackup = 0x564C0001,
+    adminRestore = 0x564C0002,
+    adminAcceptEmpty = 0x564C0003,
+    adminReply = 0x564C0100,    // reply
+    adminProgress = 0x564C0101, // reply
 };
 
 constexpr std::uint32_t number(PduType type) {

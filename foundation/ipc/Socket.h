@@ -23,6 +23,9 @@ class Socket {
     virtual bool dataWaiting() = 0;
     // Sends one unit; it may stay in a buffer of this process for a while. Throws Exception when it cannot be sent.
     virtual void send(std::uint32_t type, void const* payload, std::size_t length) = 0;
+    // Hands what was sent so far to the kernel, as much as that takes without waiting. For a unit that the peer should
+    // see long before the next one follows.
+    virtual void flush() {}
     // Receives one unit. Throws Exception when the peer is gone, too slow, or sent something that is no unit.
     virtual void receive(Pdu& into) = 0;
 };

@@ -47,7 +47,7 @@ class SocketIPC {
     // For connections made after the call.
     void timeouts(ClientTimeouts const& timeouts) { m_timeouts = timeouts; }
     // Connects to the dispatcher of that registry number, wherever Endpoint.h says it listens; an older connection of
-    // this object ends. Throws Exception naming the number, the address and the system's reason.
+    // this object ends. Throws Exception naming the place and the system's reason.
     void connect(int port);
     bool isConnected() const { return m_socket != nullptr; }
     // Ends the connection. When the last thing was a request, waits until the daemon is done with it, a second at most:
