@@ -3,6 +3,7 @@
 #include "foundation/Escape.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace Vellum::Daemon {
@@ -91,6 +92,53 @@ constexpr Slots slots = [] {
     return filled;
 }();
 
+// A name as words, so that comparing takes a few instructions and no call. A name has 4 to 24 characters.
+struct NamePattern {
+    std::uint64_t first;  // eight characters; four of names shorter than that
+    std::uint64_t middle; // the eight after the first, of names longer than sixteen; else 0
+    std::uint64_t last;   // eight characters, or four
+    std::size_t length;
+};
+constexpr std::size_t longWord = sizeof(std::uint64_t);
+
+template <class Word>
+constexpr Word wordAt(char const* text) {
+    std::array<char, sizeof(Word)> characters{};
+    std::copy_n(text, sizeof(Word), characters.begin());
+    return std::bit_cast<Word>(characters);
+}
+
+constexpr NamePattern patternOf(std::string_view name) {
+    char const* const end = name.data() + name.size();
+    if (name.size() < longWord) {
+        return {wordAt<std::uint32_t>(name.data()), 0, wordAt<std::uint32_t>(end - shortestName), name.size()};
+    }
+    std::uint64_t const middle = name.size() > 2 * longWord ? wordAt<std::uint64_t>(name.data() + longWord) : 0;
+    return {wordAt<std::uint64_t>(name.data()), middle, wordAt<std::uint64_t>(end - longWord), name.size()};
+}
+
+static_assert(std::all_of(names.begin(), names.end(), [](std::string_view name) {
+    return name.size() >= shortestName && name.size() <= 3 * longWord;
+}));
+constexpr std::array<NamePattern, policyAttributeCount> patterns = [] {
+    std::array<NamePattern, policyAttributeCount> all{};
+    std::transform(names.begin(), names.end(), all.begin(), patternOf);
+    return all;
+}();
+
+// Whether the line, of more bytes than the name has, begins with the name and '='.
+bool isAbout(char const* line, NamePattern const& name) {
+    char const* const end = line + name.length;
+    if (*end != '=') {
+        return false;
+    }
+    if (name.length < longWord) {
+        return wordAt<std::uint32_t>(line) == name.first && wordAt<std::uint32_t>(end - shortestName) == name.last;
+    }
+    return wordAt<std::uint64_t>(line) == name.first && wordAt<std::uint64_t>(end - longWord) == name.last &&
+           (name.length <= 2 * longWord || wordAt<std::uint64_t>(line + longWord) == name.middle);
+}
+
 // One search of a whole piece costs far less than one in every line.
 bool holdsNul(std::string_view bytes, std::size_t from) {
     return std::memchr(bytes.data() + from, '\0', bytes.size() - from) != nullptr;
@@ -131,6 +179,9 @@ PolicyRequestParser::Outcome PolicyRequestParser::parse(std::string_view bytes) 
     if (bytes.size() <= known) {
         return Outcome::incomplete;
     }
+    if (known == 0) {
+        takeUsualLines(bytes);
+    }
     while (void const* const newline = std::memchr(bytes.data() + m_scanned, '\n', bytes.size() - m_scanned)) {
         auto const end = static_cast<std::uint32_t>(static_cast<char const*>(newline) - bytes.data());
         if (end == m_lineStart) {
@@ -165,6 +216,33 @@ PolicyRequestParser::Outcome PolicyRequestParser::endOfBytes(std::string_view by
     }
     m_scanned = static_cast<std::uint32_t>(bytes.size());
     return Outcome::incomplete;
+}
+
+// Mail servers send the attributes in one order. As far as a request keeps to it, no name's end and place in the list
+// need be looked for, which halves the cost. Goes on until a line is another one, or not complete; the rest is left to
+// takeLine().
+void PolicyRequestParser::takeUsualLines(std::string_view bytes) {
+    char const* const end = bytes.data() + bytes.size();
+    char const* line = bytes.data();
+    std::size_t attribute = 0;
+    for (; attribute < policyAttributeCount; ++attribute) {
+        NamePattern const& name = patterns[attribute];
+        if (static_cast<std::size_t>(end - line) <= name.length + 1 || !isAbout(line, name)) {
+            break;
+        }
+        char const* const value = line + name.length + 1;
+        // About half of the values are empty.
+        auto const* const newline = static_cast<char const*>(
+            *value == '\n' ? value : std::memchr(value, '\n', static_cast<std::size_t>(end - value)));
+        if (newline == nullptr) {
+            break;
+        }
+        m_request.m_values[attribute] = {static_cast<std::uint32_t>(value - bytes.data()),
+                                         static_cast<std::uint32_t>(newline - value)};
+        line = newline + 1;
+    }
+    m_attributes = static_cast<std::uint32_t>(attribute);
+    m_lineStart = m_scanned = static_cast<std::uint32_t>(line - bytes.data());
 }
 
 bool PolicyRequestParser::takeLine(char const* bytes, std::uint32_t end) {

@@ -89,7 +89,8 @@ class PolicyRequest {
 //   incomplete: keep the bytes; call again with the same ones and more behind them. They may have moved meanwhile.
 //   broken:     parser.problem() says why; nothing that follows can be understood
 //
-// Every byte is looked at once, whatever the pieces it comes in; a complete request costs about 0.4 microseconds.
+// Every byte is looked at once, whatever the pieces it comes in. A request of 700 bytes costs about 0.2 microseconds
+// when its attributes come in the order of PolicyAttribute, 0.4 when not.
 class PolicyRequestParser {
   public:
     enum class Outcome { incomplete, complete, broken };
@@ -117,6 +118,7 @@ class PolicyRequestParser {
     Outcome broken(Problem problem);
     Outcome endOfBytes(std::string_view bytes, std::size_t known);
     Outcome endOfRequest(std::string_view bytes, std::size_t known);
+    void takeUsualLines(std::string_view bytes);
     bool takeLine(char const* bytes, std::uint32_t end);
 
     PolicyRequest m_request;

@@ -195,6 +195,30 @@ TEST(PolicyRequest, OrderDoesNotMatter) {
     }
 }
 
+TEST(PolicyRequest, AnAttributeThatIsLeftOutInTheUsualOrderLeavesTheOthers) {
+    for (std::size_t i = 0; i < realLines.size(); ++i) {
+        std::vector<Line> lines = realLines;
+        lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(i));
+        std::string const text = asRequest(lines);
+        PolicyRequestParser parser;
+        ASSERT_EQ(parser.parse(text), Outcome::complete);
+        EXPECT_EQ(valuesOf(parser.request()), expectedValues(lines)) << "without " << realLines[i].first;
+    }
+}
+
+TEST(PolicyRequest, OneOtherCharacterMakesANameAnother) {
+    for (std::size_t i = 0; i < realLines.size(); ++i) {
+        for (std::size_t position = 0; position < realLines[i].first.size(); ++position) {
+            std::vector<Line> lines = realLines;
+            lines[i].first[position] = '!';
+            std::string const text = asRequest(lines);
+            PolicyRequestParser parser;
+            ASSERT_EQ(parser.parse(text), Outcome::complete);
+            ASSERT_EQ(valuesOf(parser.request()), expectedValues(lines)) << lines[i].first;
+        }
+    }
+}
+
 TEST(PolicyRequest, UnknownAttributesAreSkipped) {
     std::string const text = "future_attribute=x\nsender=a@example.net\n=no name\nx=\nX-Y z=1\nsize=7\n\n";
     PolicyRequestParser parser;
