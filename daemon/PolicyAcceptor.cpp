@@ -125,23 +125,26 @@ PolicyAcceptor::Next PolicyAcceptor::acceptFailed(ListeningSocket const& socket,
     return Next::goOn;
 }
 
-// To the worker with the fewest connections; in turn among equals.
 void PolicyAcceptor::handOut(std::unique_ptr<PolicyConnection> connection) {
-    std::size_t best = m_turn % m_workers.size();
-    for (std::size_t i = 1; i < m_workers.size(); ++i) {
-        std::size_t const other = (m_turn + i) % m_workers.size();
-        if (m_workers[other]->connections() < m_workers[best]->connections()) {
-            best = other;
-        }
-    }
-    m_turn = best + 1;
     try {
-        m_workers[best]->adopt(std::move(connection));
+        workerForNext().adopt(std::move(connection));
         m_accepted.increment();
     } catch (std::exception const& e) {
         m_refused.increment();
         m_failures.note(Logger::Severity::error, std::string("policy: a new connection had to be closed: ") + e.what());
     }
+}
+
+PolicyWorker& PolicyAcceptor::workerForNext() const {
+    auto const withRoom = std::find_if(m_workers.begin(), m_workers.end(),
+                                       [](auto const& worker) { return worker->connections() < connectionsTogether; });
+    if (withRoom != m_workers.end()) {
+        return **withRoom;
+    }
+    auto const fewer = [](auto const& one, auto const& other) {
+        return one->connections() < other->connections();
+    };
+    return **std::min_element(m_workers.begin(), m_workers.end(), fewer);
 }
 
 bool PolicyAcceptor::isFull() const {

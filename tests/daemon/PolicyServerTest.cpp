@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <mutex>
 #include <poll.h>
 #include <random>
 #include <sys/socket.h>
@@ -186,23 +187,33 @@ TEST_F(PolicyServerTest, FiveThousandConnectionsAreServed) {
     EXPECT_TRUE(log.notes().empty());
 }
 
-TEST_F(PolicyServerTest, WorkersShareTheConnectionsEvenly) {
+TEST_F(PolicyServerTest, WorkersAreFilledOneAfterTheOtherAndThenEvenly) {
     start({.workers = 3});
     std::mutex mutex;
-    std::map<std::thread::id, int> served;
+    std::vector<std::thread::id> threads; // in the order in which they got their first connection
+    std::vector<int> served;
     answerer.before = [&](PolicyRequest const&) {
         std::lock_guard<std::mutex> const holding(mutex);
-        ++served[std::this_thread::get_id()];
+        auto const found = std::find(threads.begin(), threads.end(), std::this_thread::get_id());
+        if (found == threads.end()) {
+            threads.push_back(std::this_thread::get_id());
+            served.push_back(1);
+        } else {
+            ++served[static_cast<std::size_t>(found - threads.begin())];
+        }
     };
     std::vector<PolicyClient> clients;
-    for (int i = 0; i < 30; ++i) {
-        clients.push_back(connect());
-        ASSERT_EQ(clients.back().ask(requestFrom("x")), "x");
-    }
-    ASSERT_EQ(served.size(), 3U);
-    for (auto const& [thread, count] : served) {
-        EXPECT_EQ(count, 10);
-    }
+    auto const connectUpTo = [&](std::size_t count) {
+        while (clients.size() < count) {
+            clients.push_back(connect());
+            EXPECT_EQ(clients.back().ask(requestFrom("x")), "x");
+        }
+        return served;
+    };
+    EXPECT_EQ(connectUpTo(64), (std::vector<int>{64}));
+    EXPECT_EQ(connectUpTo(65), (std::vector<int>{64, 1}));
+    EXPECT_EQ(connectUpTo(3 * 64), (std::vector<int>{64, 64, 64}));
+    EXPECT_EQ(connectUpTo(3 * 64 + 7), (std::vector<int>{67, 66, 66}));
 }
 
 // ---- what breaks
