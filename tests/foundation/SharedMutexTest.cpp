@@ -267,14 +267,24 @@ TEST(UpgradeLock, LeavesPromotedOrNot) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 // What the modes protect, as the caches use them: `byUpgraders` changes in upgrade mode, `byWriters` in exclusive mode.
-// Plain fields, so that the thread sanitizer sees every hold that does not exclude what it should.
+// Plain fields, so that the thread sanitizer sees every hold that does not exclude what it should. The counts of
+// holders are relaxed, or they would order what only the lock may order.
 struct Protected {
+    class Count {
+      public:
+        int add(int n) { return m_value.fetch_add(n, std::memory_order_relaxed); } // what it was before
+        int get() const { return m_value.load(std::memory_order_relaxed); }
+
+      private:
+        std::atomic<int> m_value{0};
+    };
+
     long byUpgraders = 0;
     long byWriters = 0;
     long byWritersCopy = 0;
-    std::atomic<int> readers{0};
-    std::atomic<int> upgraders{0};
-    std::atomic<int> writers{0};
+    Count readers;
+    Count upgraders;
+    Count writers;
 };
 
 class StressThread {
@@ -287,9 +297,7 @@ class StressThread {
             auto const mode = static_cast<Mode>(m_random() % 4);
             // Mostly shorter than the spinning of those who wait, sometimes long enough that they sleep.
             bool const longHold = m_random() % 64 == 0;
-            take(m_mutex, mode);
-            work(mode, longHold);
-            leave(m_mutex, mode);
+            hold(mode, longHold);
         }
     }
 
@@ -297,7 +305,11 @@ class StressThread {
     long writes = 0;
 
   private:
-    void work(Mode mode, bool longHold) {
+    void hold(Mode mode, bool longHold) {
+        if (mode == Mode::promoted) {
+            return promote(longHold);
+        }
+        take(m_mutex, mode);
         if (mode == Mode::shared) {
             read(longHold);
         } else if (mode == Mode::upgrade) {
@@ -305,6 +317,19 @@ class StressThread {
         } else {
             write(longHold);
         }
+        leave(m_mutex, mode);
+    }
+    void promote(bool longHold) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+        m_mutex.lockUpgrade();
+        long const upgradesBefore = m_data.byUpgraders;
+        long const writesBefore = m_data.byWriters;
+        m_mutex.promote();
+        EXPECT_EQ(m_data.byUpgraders, upgradesBefore) << "somebody came between";
+        EXPECT_EQ(m_data.byWriters, writesBefore);
+        write(longHold);
+        m_mutex.demote();
+        upgrade(longHold);
+        m_mutex.unlockUpgrade();
     }
     static void linger(bool longHold) {
         for (int i = 0; longHold && i < 50; ++i) {
@@ -312,31 +337,31 @@ class StressThread {
         }
     }
     void read(bool longHold) {
-        ++m_data.readers;
+        m_data.readers.add(1);
         linger(longHold);
-        EXPECT_EQ(m_data.writers, 0);
+        EXPECT_EQ(m_data.writers.get(), 0);
         EXPECT_EQ(m_data.byWriters, m_data.byWritersCopy);
-        --m_data.readers;
+        m_data.readers.add(-1);
     }
     void upgrade(bool longHold) {
-        EXPECT_EQ(m_data.upgraders.fetch_add(1), 0);
+        EXPECT_EQ(m_data.upgraders.add(1), 0);
         linger(longHold);
-        EXPECT_EQ(m_data.writers, 0);
+        EXPECT_EQ(m_data.writers.get(), 0);
         EXPECT_EQ(m_data.byWriters, m_data.byWritersCopy);
         ++m_data.byUpgraders;
         ++upgrades;
-        --m_data.upgraders;
+        m_data.upgraders.add(-1);
     }
     void write(bool longHold) {
-        EXPECT_EQ(m_data.writers.fetch_add(1), 0);
+        EXPECT_EQ(m_data.writers.add(1), 0);
         ++m_data.byWriters;
         linger(longHold);
-        EXPECT_EQ(m_data.readers, 0);
-        EXPECT_EQ(m_data.upgraders, 0);
+        EXPECT_EQ(m_data.readers.get(), 0);
+        EXPECT_EQ(m_data.upgraders.get(), 0);
         ++m_data.byWritersCopy;
         ++m_data.byUpgraders;
         ++writes;
-        --m_data.writers;
+        m_data.writers.add(-1);
     }
 
     SharedMutex& m_mutex;
