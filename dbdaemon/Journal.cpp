@@ -1,0 +1,240 @@
+#include "dbdaemon/Journal.h"
+
+#include "dbdaemon/FileOperations.h"
+#include "foundation/Exception.h"
+#include "foundation/Logger.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Vellum::DatabaseDaemon {
+
+namespace {
+
+constexpr std::string_view incoming = ".incoming-";
+constexpr std::string_view suffix = ".sql";
+constexpr std::size_t digits = 16;
+
+Exception failure(std::string const& what) {
+    return Exception("Journal", Exception::failure).stringParameter(what);
+}
+
+std::string fileName(std::uint64_t number, std::int32_t code) {
+    std::string const text = std::to_string(number);
+    return std::string(digits - std::min(digits, text.size()), '0') + text + '-' + std::to_string(code) +
+           std::string(suffix);
+}
+
+template <class Number>
+std::optional<Number> number(std::string_view text) {
+    Number value = 0;
+    auto const [last, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    return error == std::errc() && last == text.data() + text.size() ? std::optional(value) : std::nullopt;
+}
+
+// Number and code of an entry's file name; nothing for any other name.
+std::optional<std::pair<std::uint64_t, std::int32_t>> entryOf(std::string_view name) {
+    std::size_t const dash = name.find('-');
+    if (dash != digits || !name.ends_with(suffix)) {
+        return std::nullopt;
+    }
+    auto const serial = number<std::uint64_t>(name.substr(0, dash));
+    auto const code = number<std::int32_t>(name.substr(dash + 1, name.size() - suffix.size() - dash - 1));
+    return serial && code ? std::optional(std::pair(*serial, *code)) : std::nullopt;
+}
+
+std::set<std::string> namesIn(std::string const& directory) {
+    std::set<std::string> names;
+    std::error_code error;
+    for (auto const& entry : std::filesystem::directory_iterator(directory, error)) {
+        names.insert(entry.path().filename().string());
+    }
+    if (error) {
+        throw failure("reading " + directory + ": " + error.message());
+    }
+    return names;
+}
+
+void note(Logger::Severity severity, std::string const& text) {
+    Logger::instance(false).note(severity, text);
+}
+
+} // namespace
+
+Journal::Journal(std::string const& directory) : m_directory(directory) {
+    makeDirectory(directory);
+    lockDirectory();
+    makeDirectory(directory + "/failed");
+    readDirectory();
+}
+
+void Journal::lockDirectory() {
+    struct stat status {};
+    if (stat(m_directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+        throw failure(m_directory + " is not a directory");
+    }
+    if (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw failure(m_directory + " must belong to the daemon's user and be writable by nobody else");
+    }
+    std::string const path = m_directory + "/lock";
+    m_lockFile = FileDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!m_lockFile) {
+        throw failure("opening " + path + ": " + std::strerror(errno));
+    }
+    if (flock(m_lockFile.get(), LOCK_EX | LOCK_NB) != 0) {
+        throw failure(errno == EWOULDBLOCK ? "another vellum-dbd uses the journal " + m_directory
+                                           : "locking " + path + ": " + std::strerror(errno));
+    }
+}
+
+void Journal::readDirectory() {
+    Synchronized const held(m_lock);
+    std::set<std::int32_t> codes;
+    for (std::string const& name : namesIn(m_directory)) {
+        if (name.starts_with(incoming)) {
+            removeFile(m_directory + '/' + name);
+        } else if (auto const entry = entryOf(name)) {
+            m_entries[entry->first] = State{entry->second, false};
+            m_lastNumber = std::max(m_lastNumber, entry->first);
+            codes.insert(entry->second);
+        }
+    }
+    for (std::string const& name : namesIn(m_directory + "/failed")) {
+        if (auto const entry = entryOf(name)) {
+            m_lastNumber = std::max(m_lastNumber, entry->first); // two failures never share a name
+        }
+    }
+    for (std::int32_t const code : codes) {
+        dropSuperseded(code);
+    }
+    if (!m_entries.empty()) {
+        note(Logger::Severity::info, std::to_string(m_entries.size()) + " unfinished scripts in " + m_directory);
+    }
+}
+
+Journal::Entry Journal::accept(std::int32_t code, int script) {
+    std::uint64_t serial = 0;
+    {
+        Synchronized const held(m_lock);
+        serial = ++m_lastNumber;
+    }
+    Entry const entry{serial, code, pathOf(serial, code)};
+    copyIn(script, m_directory + '/' + std::string(incoming) + std::to_string(serial), entry.path);
+    {
+        Synchronized const held(m_lock);
+        m_entries[serial] = State{code, false};
+        dropSuperseded(code);
+    }
+    return entry;
+}
+
+void Journal::copyIn(int script, std::string const& temporary, std::string const& final) const {
+    struct stat status {};
+    if (fstat(script, &status) != 0) {
+        throw failure(std::string("reading the script: ") + std::strerror(errno));
+    }
+    copyToNewFile(script, static_cast<std::uint64_t>(status.st_size), temporary);
+    try {
+        renameFile(temporary, final);
+        syncDirectory(m_directory);
+    } catch (...) {
+        // Whoever asked is told that it was not accepted, so it must not run after a restart either.
+        unlink(temporary.c_str());
+        unlink(final.c_str());
+        throw;
+    }
+}
+
+std::vector<Journal::Entry> Journal::waiting() const {
+    Synchronized const held(m_lock);
+    std::vector<Entry> all;
+    for (auto const& [serial, state] : m_entries) {
+        if (!state.running) {
+            all.push_back({serial, state.code, pathOf(serial, state.code)});
+        }
+    }
+    return all;
+}
+
+bool Journal::begin(Entry const& entry) {
+    Synchronized const held(m_lock);
+    auto const found = m_entries.find(entry.number);
+    if (found == m_entries.end()) {
+        return false;
+    }
+    found->second.running = true;
+    return true;
+}
+
+void Journal::giveBack(Entry const& entry) {
+    Synchronized const held(m_lock);
+    m_entries[entry.number].running = false;
+    dropSuperseded(entry.code);
+}
+
+void Journal::finish(Entry const& entry) {
+    Synchronized const held(m_lock);
+    m_entries.erase(entry.number);
+    removeFile(entry.path);
+    syncDirectory(m_directory);
+}
+
+void Journal::fail(Entry const& entry) {
+    Synchronized const held(m_lock);
+    m_entries.erase(entry.number);
+    renameFile(entry.path, m_directory + "/failed/" + fileName(entry.number, entry.code));
+    syncDirectory(m_directory + "/failed");
+    syncDirectory(m_directory);
+    pruneFailures(entry.code);
+}
+
+void Journal::dropSuperseded(std::int32_t code) {
+    std::vector<std::uint64_t> ofCode; // oldest first
+    for (auto const& [serial, state] : m_entries) {
+        if (state.code == code) {
+            ofCode.push_back(serial);
+        }
+    }
+    for (std::size_t i = 0; i + 1 < ofCode.size(); ++i) {
+        auto const entry = m_entries.find(ofCode[i]);
+        if (entry->second.running) {
+            continue;
+        }
+        m_entries.erase(entry);
+        note(Logger::Severity::info, "script " + std::to_string(ofCode[i]) + " of request code " +
+                                         std::to_string(code) + " is superseded by a newer one and dropped");
+        try {
+            removeFile(pathOf(ofCode[i], code));
+        } catch (Exception const& failed) {
+            note(Logger::Severity::error, failed.asString()); // dropped again at the next start
+        }
+    }
+}
+
+void Journal::pruneFailures(std::int32_t code) const {
+    std::vector<std::string> ofCode; // oldest first, because names sort by number
+    for (std::string const& name : namesIn(m_directory + "/failed")) {
+        if (auto const entry = entryOf(name); entry && entry->second == code) {
+            ofCode.push_back(name);
+        }
+    }
+    for (std::size_t i = 0; i + keptFailures < ofCode.size(); ++i) {
+        removeFile(m_directory + "/failed/" + ofCode[i]);
+    }
+}
+
+std::string Journal::pathOf(std::uint64_t number, std::int32_t code) const {
+    return m_directory + '/' + fileName(number, code);
+}
+
+} // namespace Vellum::DatabaseDaemon

@@ -1,0 +1,85 @@
+#include "dbdaemon/Service.h"
+
+#include "foundation/Exception.h"
+#include "foundation/Logger.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace Vellum::DatabaseDaemon {
+
+namespace {
+
+void note(Logger::Severity severity, std::string const& text) {
+    Logger::instance(false).note(severity, text);
+}
+
+bool isKnown(std::int32_t code) {
+    switch (static_cast<RequestCode>(code)) {
+    case RequestCode::greylistScript:
+    case RequestCode::reputationScript:
+    case RequestCode::endpointScript:
+        return true;
+    }
+    return false;
+}
+
+Exception unreadable(std::string const& reason) {
+    return Exception("Service", Exception::failure).stringParameter(reason);
+}
+
+} // namespace
+
+Service::Service(Options const& options)
+    : m_patience(options.patience), m_journal(options.journal), m_runner(m_journal, options.pauses),
+      m_requests(options.requests, [this](ScriptRequest const& request, uid_t user) { return take(request, user); }) {
+    note(Logger::Severity::info, "taking requests on " + options.requests.socketPath + ", journal " + options.journal);
+}
+
+Service::~Service() {
+    m_runner.stop(m_patience);
+}
+
+Answer Service::take(ScriptRequest const& request, uid_t user) {
+    std::string const what =
+        "request code " + std::to_string(request.code) + " of user " + std::to_string(user) + " for " + request.path;
+    if (!isKnown(request.code)) {
+        note(Logger::Severity::error, what + " is refused: " + text(Answer::unknownCode));
+        return Answer::unknownCode;
+    }
+    Answer onFailure = Answer::scriptUnreadable;
+    try {
+        FileDescriptor const script = openScript(request.path);
+        onFailure = Answer::journalFailed;
+        Journal::Entry const entry = m_journal.accept(request.code, script.get());
+        note(Logger::Severity::info, what + " is accepted as script " + std::to_string(entry.number));
+        m_runner.wake();
+        return Answer::accepted;
+    } catch (Exception const& failure) {
+        note(Logger::Severity::error, what + " is refused: " + failure.asString());
+    } catch (std::exception const& failure) { // no memory
+        note(Logger::Severity::error, what + " is refused: " + failure.what());
+    }
+    return onFailure;
+}
+
+// Only what somebody who may ask has written himself is run: the path could otherwise name a file that this process may
+// read and he may not. Opened without waiting, because a FIFO would hold everything up.
+FileDescriptor Service::openScript(std::string const& path) const {
+    FileDescriptor script(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!script || fstat(script.get(), &status) != 0) {
+        throw unreadable(std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw unreadable("it is not a regular file");
+    }
+    if (!m_requests.mayAsk(status.st_uid)) {
+        throw unreadable("it belongs to user " + std::to_string(status.st_uid) + ", who may not ask");
+    }
+    return script;
+}
+
+} // namespace Vellum::DatabaseDaemon
