@@ -36,13 +36,14 @@ void appendPair(std::string& line, DynamicExemptId const& pair) {
     appendLogValue(line, pair->domain());
 }
 
-// Handles on all tuples that have passed. The tuples themselves are looked at after the lock is gone.
-std::vector<TupleId> passedTuples(GreyList::_TupleCache const& tuples) {
+// Handles on all tuples that have passed and live. The tuples themselves are looked at after the lock is gone. Dead
+// ones stay out: all tuples of a pair whose exemption died of disuse are dead by then, and do not earn it again.
+std::vector<TupleId> passedTuples(GreyList::_TupleCache const& tuples, long now) {
     long const firstLife = RefConfiguration::instance(nullptr)->initialExpiryHours() * secondsPerHour;
     std::vector<TupleId> passed;
     SharedLock const hold(tuples.lock);
     tuples.forEachInKeyOrder([&](auto const& entry) {
-        if (!isWaiting(entry.second, firstLife)) {
+        if (entry.second.expiry >= now && !isWaiting(entry.second, firstLife)) {
             passed.push_back(entry.first);
         }
         return true;
@@ -118,11 +119,11 @@ bool AutoExemptions::isHeld(DynamicExemptId const& pair) const {
     return m_exemptions.lookup(pair) != m_exemptions.end();
 }
 
-void AutoExemptions::rebuildPassCounts(unsigned int needed) {
+void AutoExemptions::rebuildPassCounts(unsigned int needed, long now) {
     if (needed == 0) {
         return;
     }
-    for (TupleId const& tuple : passedTuples(m_tuples)) {
+    for (TupleId const& tuple : passedTuples(m_tuples, now)) {
         std::string const domain = domainOf(tuple);
         if (isPossibleFor(domain)) {
             DynamicExemptId const pair(tuple->mask(), domain);

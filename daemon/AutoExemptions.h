@@ -41,10 +41,10 @@ class AutoExemptions {
     bool countPass(IPAddressMask const& network, std::string const& domain, GreyList::TupleId const& tuple,
                    unsigned int needed, long now);
 
-    // Counts all tuples in the cache that have passed, those counted already excepted: after the caches were loaded.
-    // A pair that is exempt is left out. Grants nothing: who has enough gets it at the next first pass.
-    // Takes both caches' locks shared, the tuples' while it gathers handles (some 50 ms for a million).
-    void rebuildPassCounts(unsigned int needed);
+    // Counts all tuples in the cache that have passed and live at `now`, those counted already excepted: after the
+    // caches were loaded. A pair that is exempt is left out. Grants nothing: who has enough gets it at the next first
+    // pass. Takes both caches' locks shared, the tuples' while it gathers handles (some 50 ms for a million).
+    void rebuildPassCounts(unsigned int needed, long now);
 
     // Removes exemptions that nobody has used for their whole life, so that they take no room from others; a decision
     // removes only the one it meets. Answers how many. To be called now and then; holds the lock shared for one walk.

@@ -5,7 +5,6 @@
 namespace Vellum::Daemon {
 namespace {
 
-using Action = Verdict::Action;
 using Reason = Verdict::Reason;
 
 Verdict passes(Reason reason) {
@@ -37,10 +36,10 @@ Verdict ofTuple(GreyList::TupleDecision const& tuple, long now) {
         verdict.secondsWaited = now - tuple.firstSeen;
         return verdict;
     }
-    verdict.action = Action::defer;
     verdict.reason = tuple.situation == Situation::fresh     ? Reason::fresh
                      : tuple.situation == Situation::expired ? Reason::restarted
                                                              : Reason::earlyRetry;
+    verdict.action = actionOf(verdict.reason);
     verdict.secondsLeft = tuple.passTime - now;
     return verdict;
 }

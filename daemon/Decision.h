@@ -47,7 +47,7 @@ class Decision {
     Verdict atRecipient(Message const& message, long now);
 
     // To be called after the caches were loaded, at start or later: see AutoExemptions.
-    void rebuildPassCounts() { m_autoExemptions.rebuildPassCounts(m_settings.get()->autoExemptAfter); }
+    void rebuildPassCounts(long now) { m_autoExemptions.rebuildPassCounts(m_settings.get()->autoExemptAfter, now); }
     // To be called now and then: see AutoExemptions::dropDead().
     std::size_t dropDeadExemptions(long now) { return m_autoExemptions.dropDead(now); }
 

@@ -38,6 +38,10 @@ struct Verdict {
 
 // As logs, listings and statistics write it: "new", "early-retry", "passed", ...
 std::string_view reasonText(Verdict::Reason reason);
+// What each reason leads to.
+Verdict::Action actionOf(Verdict::Reason reason);
+// "pass", "greylist"
+std::string_view actionText(Verdict::Action action);
 inline constexpr unsigned int reasonCount = static_cast<unsigned int>(Verdict::Reason::known) + 1;
 
 } // namespace Vellum::Daemon
