@@ -1,0 +1,148 @@
+#include "daemon/PolicyTranslator.h"
+
+#include "daemon/DecisionLog.h"
+#include "daemon/GreylistHeader.h"
+#include "foundation/Logger.h"
+#include "foundation/MailboxSyntax.h"
+
+#include <array>
+#include <unistd.h>
+#include <utility>
+
+namespace Vellum::Daemon {
+namespace {
+
+using Attribute = PolicyAttribute;
+
+constexpr std::string_view noOpinion = "action=DUNNO\n\n";
+
+// What is written in the place of a name by a mail server that has none.
+constexpr std::string_view unknownName = "unknown";
+
+std::string_view nameOrNothing(std::string_view name) {
+    return name == unknownName ? std::string_view() : name;
+}
+
+// A mail server hands addresses over without their quotes. The common case costs one allocation. Throws Exception.
+EmailAddress parseMailbox(std::string_view text) {
+    bool const plain = text.size() <= EmailAddress::maxLength && MailboxSyntax::problemOfLoose(text) == nullptr;
+    bool const bracketed = text.starts_with('<');
+    return plain && !bracketed ? EmailAddress::fromAddress(text) : EmailAddress::parseUnquoted(std::string(text));
+}
+
+// Fills in the message, and answers what keeps it from being decided; empty when nothing does. The values are in the
+// log line beside it.
+std::string_view readMessage(PolicyRequest const& request, Message& message) {
+    std::string_view const client = request[Attribute::clientAddress];
+    if (client.empty()) {
+        return "no client_address";
+    }
+    std::string_view problem = "client_address is no IP address";
+    try {
+        message.client = IPAddress(std::string(client));
+        problem = "sender is no mailbox";
+        message.sender = parseMailbox(request[Attribute::sender]);
+        problem = "recipient is no mailbox";
+        message.recipient = parseMailbox(request[Attribute::recipient]);
+    } catch (Exception const&) {
+        return problem;
+    }
+    message.clientName = HostName(std::string(nameOrNothing(request[Attribute::clientName])));
+    message.reverseName = nameOrNothing(request[Attribute::reverseClientName]);
+    message.helo = request[Attribute::heloName];
+    message.authenticatedUser = request[Attribute::saslUsername];
+    message.queueId = request[Attribute::queueId];
+    message.instance = request[Attribute::instance];
+    return message.recipient.isNull() ? "no recipient" : "";
+}
+
+void appendWithSeconds(std::string& out, std::string_view text, long seconds) {
+    for (;;) {
+        std::size_t const place = text.find(secondsPlaceholder);
+        out += text.substr(0, place);
+        if (place == std::string_view::npos) {
+            return;
+        }
+        out += std::to_string(seconds);
+        text.remove_prefix(place + secondsPlaceholder.size());
+    }
+}
+
+void logDecision(PolicyRequest const& request, Verdict const& verdict, std::string_view problem) {
+    thread_local std::string line; // keeps its memory from one request to the next
+    line.clear();
+    appendDecision(line, verdict,
+                   {.clientName = request[Attribute::clientName],
+                    .clientAddress = request[Attribute::clientAddress],
+                    .sender = request[Attribute::sender],
+                    .recipient = request[Attribute::recipient],
+                    .authenticatedUser = request[Attribute::saslUsername],
+                    .queueId = request[Attribute::queueId],
+                    .problem = problem});
+    Logger::instance(false).note(problem.empty() ? Logger::Severity::info : Logger::Severity::warning, line);
+}
+
+std::string systemName() {
+    std::array<char, 256> name{};
+    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
+}
+
+} // namespace
+
+PolicyTranslatorSettings PolicyTranslatorSettings::of(Settings const& settings) {
+    GreylistSettings const& greylist = settings.greylist;
+    return {.deferText = greylist.deferText,
+            .header = greylist.header,
+            .hostName = greylist.hostName.empty() ? systemName() : greylist.hostName,
+            .logDecisions = settings.log.decisions};
+}
+
+PolicyTranslator::PolicyTranslator(Decision& decision, PolicyTranslatorSettings settings, Clock clock)
+    : m_decision(decision), m_settings(std::move(settings)), m_clock(std::move(clock)) {}
+
+void PolicyTranslator::answer(PolicyRequest const& request, PolicyConnectionMemory& memory, std::string& out) {
+    if (request[Attribute::request] != "smtpd_access_policy" || request[Attribute::protocolState] != "RCPT") {
+        out += noOpinion;
+        return;
+    }
+    auto const settings = m_settings.get();
+    Message message;
+    std::string_view const problem = readMessage(request, message);
+    long const now = m_clock();
+    Verdict const verdict = problem.empty() ? m_decision.atRecipient(message, now) : Verdict{};
+    m_counters.count(verdict.reason);
+    appendAnswer(out, verdict, *settings, now, message.instance, memory);
+    if (settings->logDecisions || !problem.empty()) {
+        logDecision(request, verdict, problem);
+    }
+}
+
+void PolicyTranslator::appendAnswer(std::string& out, Verdict const& verdict, PolicyTranslatorSettings const& settings,
+                                    long now, std::string_view instance, PolicyConnectionMemory& memory) {
+    if (verdict.defers()) {
+        out += "action=DEFER_IF_PERMIT 4.2.0 ";
+        appendWithSeconds(out, settings.deferText, verdict.secondsLeft);
+        out += "\n\n";
+    } else if (verdict.reason == Verdict::Reason::passed && settings.header && isFirstHeader(instance, memory)) {
+        out += "action=PREPEND ";
+        appendGreylistHeader(out, verdict.secondsWaited, settings.hostName, now);
+        out += "\n\n";
+    } else {
+        out += noOpinion;
+    }
+}
+
+// Some mail servers ask about each recipient over a connection of its own, so the connection's memory alone will not
+// do; but it knows nearly always. Without an instance, messages cannot be told apart.
+bool PolicyTranslator::isFirstHeader(std::string_view instance, PolicyConnectionMemory& memory) {
+    if (instance.empty()) {
+        return true;
+    }
+    if (memory.prependedInstance == instance) {
+        return false;
+    }
+    memory.prependedInstance = instance;
+    return m_withHeader.isNew(instance);
+}
+
+} // namespace Vellum::Daemon
