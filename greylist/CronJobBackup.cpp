@@ -2,6 +2,7 @@
 
 #include "foundation/DetachedBackup.h"
 #include "foundation/Logger.h"
+#include "greylist/BackupReport.h"
 #include "greylist/Configuration.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LogCodes.h"
@@ -19,6 +20,7 @@ void backup() {
         database.write();
     } catch (Exception const& failed) {
         log(LogCode::backupOrRestoreFailed, failed);
+        BackupReport::setFailed(failed.asString());
     }
 }
 

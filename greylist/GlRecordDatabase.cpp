@@ -5,6 +5,7 @@
 #include "foundation/Logger.h"
 #include "foundation/database/DatabaseDaemon.h"
 #include "foundation/database/Query.h"
+#include "greylist/BackupReport.h"
 #include "greylist/BackupScript.h"
 #include "greylist/Configuration.h"
 #include "greylist/GlRows.h"
@@ -15,6 +16,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -61,6 +65,51 @@ LoadReport::Half load(Database::Connection& connection, std::string const& table
     }
     return half;
 }
+
+// Gathers the report of one backup, and hands it in at the end of its life.
+class ReportedBackup {
+  public:
+    ReportedBackup() {
+        m_report.attempted = true;
+        m_report.startedAt = std::time(nullptr);
+    }
+    ~ReportedBackup() {
+        auto const taken = std::chrono::steady_clock::now() - m_start;
+        m_report.milliseconds =
+            static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(taken).count());
+        BackupReport::set(m_report);
+    }
+    ReportedBackup(ReportedBackup const&) = delete;
+    ReportedBackup& operator=(ReportedBackup const&) = delete;
+
+    void holds(BackupSnapshot::Rows const& rows) {
+        m_report.tuples = rows.tuples;
+        m_report.exemptions = rows.exemptions;
+        m_report.leftOut = rows.leftOut;
+    }
+    void isWritten(std::string const& path) {
+        std::error_code unknown;
+        auto const bytes = std::filesystem::file_size(path, unknown);
+        m_report.bytes = unknown ? 0 : bytes;
+    }
+    void isAnswered(int answer) {
+        m_report.accepted = answer == 0;
+        if (answer != 0) {
+            m_report.problem = std::string("the database daemon did not take the script: ") +
+                               Vellum::DatabaseDaemon::text(static_cast<Vellum::DatabaseDaemon::Answer>(answer));
+        }
+    }
+    void hasFailed(std::string const& problem) {
+        if (!m_report.accepted) { // what fails afterwards does not take it back
+            m_report.problem = problem;
+        }
+    }
+    bool accepted() const { return m_report.accepted; }
+
+  private:
+    BackupReport m_report;
+    std::chrono::steady_clock::time_point const m_start = std::chrono::steady_clock::now();
+};
 
 // A session on the server's own database, held while a script is written: it says early that the server is away. An
 // account that may use nothing but the mail filter's database is let in without it.
@@ -123,25 +172,27 @@ void GlRecordDatabase::read() {
 bool GlRecordDatabase::write() {
     static Mutex& oneAtATime = *new Mutex; // detached threads may outlive main()
     Synchronized const hold(oneAtATime);
-    bool accepted = false;
+    ReportedBackup backup;
     try {
         _TupleCache const& tuples = **TupleCache::instance();
         std::unique_ptr<Database::Connection> const session = connectToServer();
         std::string const path = RefConfiguration::instance(nullptr)->backupPath();
         File::basic_ofstream<char> out{File::Path(path)};
-        BackupSnapshot(tuples, **DynamicExemptCache::instance()).write(out);
+        backup.holds(BackupSnapshot(tuples, **DynamicExemptCache::instance()).write(out));
         out.commit();
+        backup.isWritten(path);
         int const answer =
             Vellum::DatabaseDaemon::requestScript(Vellum::DatabaseDaemon::RequestCode::greylistScript, path);
-        accepted = answer == 0;
-        if (!accepted) {
+        backup.isAnswered(answer);
+        if (!backup.accepted()) {
             Logger::instance(false).log(LogCode::daemonRefused, 0, formatText, " ");
         }
         RefConfiguration::instance(nullptr)->backupDone();
     } catch (Exception const& failed) {
         logFailure(LogCode::writeFailed, writeFailedLine, failed);
+        backup.hasFailed(failed.asString());
     }
-    return accepted;
+    return backup.accepted();
 }
 
 void GlRecordDatabase::write(std::string const& path) {
