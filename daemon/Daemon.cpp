@@ -1,0 +1,290 @@
+#include "daemon/Daemon.h"
+
+#include "daemon/AdminHandlers.h"
+#include "daemon/ExemptRules.h"
+#include "daemon/GreylistConfiguration.h"
+#include "foundation/DetachedBackup.h"
+#include "foundation/Logger.h"
+#include "foundation/Version.h"
+#include "foundation/cron/Crontab.h"
+#include "foundation/database/DatabaseDaemon.h"
+#include "foundation/database/ServerMap.h"
+#include "foundation/ipc/Dispatcher.h"
+#include "greylist/GlRecordDatabase.h"
+#include "senderhistory/SenderHistoryDatabase.h"
+
+#include <csignal>
+#include <ctime>
+#include <sysexits.h>
+#include <utility>
+
+namespace Vellum::Daemon {
+namespace {
+
+// At the end, for a backup that runs already; the last one then waits for the database daemon as its settings say.
+constexpr std::chrono::seconds patienceWithLastBackups{120};
+
+long clockNow() {
+    return static_cast<long>(std::time(nullptr));
+}
+
+void note(Logger::Severity severity, std::string const& text) {
+    Logger::instance(false).note(severity, text);
+}
+
+GreyList::RefExemptRuleSet loadRules(Settings const& settings) {
+    if (settings.greylist.rules.empty()) {
+        return {};
+    }
+    GreyList::RefConfiguration const limits(new GreylistConfiguration(settings.greylist, {}));
+    return loadExemptRules(settings.greylist.rules, limits->maxExemptRules());
+}
+
+IPC::Dispatcher& dispatcher() {
+    return IPC::Dispatcher::instance(IPC::stateDaemonPort);
+}
+
+} // namespace
+
+Daemon::Daemon(std::string settingsPath)
+    : m_settingsPath(std::move(settingsPath)), m_startedAt(clockNow()), m_settings(Settings::load(m_settingsPath)),
+      m_loads([this] { cachesLoaded(); }) {}
+
+// Whatever may still log is gone before the loggers are.
+Daemon::~Daemon() {
+    m_housekeeping.reset();
+    m_policy.reset();
+    dispatcher().stop();
+    Cron::Crontab::instance(true).stop();
+    DetachedBackup::waitForAll(patienceWithLastBackups);
+    Logger::install(nullptr);
+}
+
+void Daemon::check() const {
+    loadRules(m_settings);
+}
+
+int Daemon::run() {
+    useLog();
+    note(Logger::Severity::info, std::string("vellumd ") + version + " starts with " + m_settingsPath);
+    try {
+        m_instanceLock = std::make_unique<InstanceLock>(m_settings.state.lockFile());
+        useDatabase();
+        useGreylistConfiguration();
+        m_rules = loadRules(m_settings);
+        bringUpState();
+        serve();
+    } catch (std::exception const& failed) {
+        note(Logger::Severity::error, std::string("the start failed: ") + failed.what());
+        throw;
+    }
+    note(Logger::Severity::info, "serving");
+
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int const signal : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&taken, signal);
+    }
+    for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
+        if (sigwait(&taken, &signal) == 0 && signal == SIGHUP) {
+            reload();
+        }
+    }
+    stop();
+    return EX_OK;
+}
+
+void Daemon::useLog() {
+    m_loggers.push_back(makeLogger(m_settings.log.target));
+    Logger::install(m_loggers.back().get());
+}
+
+void Daemon::useDatabase() {
+    Database::ServerMap::instance().install(m_settings.database);
+    DatabaseDaemon::setSocketPath(m_settings.databaseDaemon.socket);
+    DatabaseDaemon::setTimeout(std::chrono::seconds(m_settings.databaseDaemon.timeoutSeconds));
+}
+
+void Daemon::useGreylistConfiguration() {
+    auto const mayBackUp = [this] {
+        return m_loads.mayBackUp() && !restoreRunning();
+    };
+    GreyList::RefConfiguration::instance(
+        new GreylistConfiguration(m_settings.greylist, m_settings.state.greylistScript(), mayBackUp));
+}
+
+void Daemon::bringUpState() {
+    senderHistoryDatabaseCreate();
+    try {
+        senderHistoryDatabaseRepair();
+    } catch (Exception const& failed) {
+        // Such tables still load; only what they cannot tell apart is lost to a backup.
+        note(Logger::Severity::error, "the tables could not be adjusted: " + failed.asString());
+    }
+    senderHistoryDatabaseInitialize();
+    m_databaseWatch.look(clockNow());
+    if (std::string const problem = m_loads.problem(); !problem.empty()) {
+        note(Logger::Severity::error, problem + "; backups are off until a load succeeds (tried every minute) or "
+                                                "\"vellumctl greylist accept-empty\"");
+    }
+}
+
+DecisionSettings Daemon::decisionSettings() const {
+    return {m_settings.greylist.enabled, m_settings.greylist.folding, m_settings.greylist.autoExemptAfter, m_rules};
+}
+
+void Daemon::serve() {
+    m_decision = std::make_unique<Decision>(**GreyList::TupleCache::instance(),
+                                            **GreyList::DynamicExemptCache::instance(), decisionSettings());
+    m_decision->rebuildPassCounts(clockNow());
+    m_translator = std::make_unique<PolicyTranslator>(*m_decision, PolicyTranslatorSettings::of(m_settings), clockNow);
+    m_policy = std::make_unique<PolicyServer>(*m_translator);
+
+    addAdminHandlers(*this);
+    IpcSettings const& ipc = m_settings.ipc;
+    IPC::DispatcherOptions requests;
+    if (ipc.ipv6) {
+        requests.addresses.push_back("::1");
+    }
+    requests.port = static_cast<int>(ipc.port);
+    requests.allowedUsers = ipc.users;
+    requests.maxConnections = ipc.maxConnections;
+    requests.workers = ipc.workers;
+    requests.frameTimeout = std::chrono::seconds(ipc.frameTimeoutSeconds);
+    dispatcher().start(requests);
+
+    PolicySettings const& policy = m_settings.policy;
+    m_policy->start({.listen = policy.listen,
+                     .socketMode = policy.socketMode,
+                     .workers = policy.threads,
+                     .maxConnections = policy.maxConnections});
+    m_pidFile = std::make_unique<PidFile>(m_settings.state.pidFile);
+    m_housekeeping = std::make_unique<Housekeeping>([this] { keepHouse(); });
+}
+
+void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
+    auto const say = [](bool differs, char const* key) {
+        if (differs) {
+            note(Logger::Severity::warning, std::string(key) + " was changed: that takes effect at the next start");
+        }
+    };
+    auto const addresses = [](Settings const& settings) {
+        std::vector<std::string> texts;
+        for (ListenAddress const& address : settings.policy.listen) {
+            texts.push_back(address.asString());
+        }
+        return texts;
+    };
+    IpcSettings const& ipc = m_settings.ipc;
+    say(changed.state.directory != m_settings.state.directory, "[state] directory");
+    say(changed.state.pidFile != m_settings.state.pidFile, "[state] pid_file");
+    say(changed.ipc.port != ipc.port || changed.ipc.ipv6 != ipc.ipv6 || changed.ipc.users != ipc.users ||
+            changed.ipc.maxConnections != ipc.maxConnections || changed.ipc.workers != ipc.workers ||
+            changed.ipc.frameTimeoutSeconds != ipc.frameTimeoutSeconds,
+        "[ipc]");
+    say(addresses(changed) != addresses(m_settings) || changed.policy.socketMode != m_settings.policy.socketMode ||
+            changed.policy.threads != m_settings.policy.threads ||
+            changed.policy.maxConnections != m_settings.policy.maxConnections,
+        "[policy]");
+    say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
+}
+
+void Daemon::keepHouse() {
+    m_databaseWatch.look(clockNow());
+    if (m_databaseWatch.state().reachable.value_or(false)) {
+        m_loads.tryAgain();
+    }
+    m_decision->dropDeadExemptions(clockNow());
+}
+
+void Daemon::reload() {
+    Logger::instance(false).reopen();
+    try {
+        Settings const changed = Settings::load(m_settingsPath);
+        sayWhatNeedsARestart(changed);
+        bool const otherLog = changed.log.target.asString() != m_settings.log.target.asString();
+        StateSettings const state = m_settings.state; // the lock is held there
+        m_settings = changed;
+        m_settings.state = state;
+        if (otherLog) {
+            useLog();
+        }
+        useDatabase();
+        useGreylistConfiguration();
+        m_translator->install(PolicyTranslatorSettings::of(m_settings));
+        note(Logger::Severity::info, "settings read again from " + m_settingsPath);
+    } catch (Exception const& failed) {
+        note(Logger::Severity::error, std::string("the settings stay as they were: ") + failed.what());
+    }
+    try {
+        m_rules = loadRules(m_settings);
+    } catch (Exception const& failed) {
+        note(Logger::Severity::error, std::string("the exempt rules stay as they were: ") + failed.what());
+    }
+    m_decision->install(decisionSettings());
+}
+
+void Daemon::stop() {
+    note(Logger::Severity::info, "ending");
+    m_housekeeping.reset();
+    m_policy->stop(); // from here on nothing changes in the caches
+    dispatcher().stop();
+    Cron::Crontab::instance(true).stop();
+    if (!DetachedBackup::waitForAll(patienceWithLastBackups)) {
+        note(Logger::Severity::error, "a backup that was running did not end in time");
+    }
+    if (!m_settings.greylist.backup) {
+        note(Logger::Severity::info, "no last backup: backups are switched off in the settings");
+    } else if (std::string const problem = m_loads.problem(); !problem.empty()) {
+        note(Logger::Severity::warning, "no last backup: " + problem);
+    } else {
+        try {
+            GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
+        } catch (Exception const& failed) {
+            GreyList::BackupReport::setFailed(failed.asString());
+        }
+        GreyList::BackupReport const report = GreyList::BackupReport::last();
+        if (report.accepted) {
+            note(Logger::Severity::info, "last backup: " + std::to_string(report.tuples) + " tuples and " +
+                                             std::to_string(report.exemptions) +
+                                             " exemptions are with the database daemon");
+        } else {
+            note(Logger::Severity::error,
+                 "the last backup failed, what came after the one before is lost: " + report.problem);
+        }
+    }
+    note(Logger::Severity::info, "ended");
+    Logger::instance(false).flush();
+}
+
+DaemonStatus Daemon::status() const {
+    DaemonStatus status;
+    status.version = version;
+    status.startedAt = m_startedAt;
+    status.settingsPath = m_settingsPath;
+    for (ListenAddress const& address : m_policy->addresses()) {
+        status.policyListeners.push_back(address.asString());
+    }
+    for (unsigned int i = 0; i < reasonCount; ++i) {
+        auto const reason = static_cast<Verdict::Reason>(i);
+        status.decisions.push_back({std::string(actionText(actionOf(reason))), std::string(reasonText(reason)),
+                                    m_translator->counters().of(reason)});
+    }
+    status.database = m_databaseWatch.state();
+    return status;
+}
+
+BackupGate Daemon::backupGate() const {
+    std::string const problem = m_loads.problem();
+    return {problem.empty(), problem};
+}
+
+bool Daemon::acceptEmpty() {
+    return m_loads.accept();
+}
+
+void Daemon::cachesLoaded() {
+    m_decision->rebuildPassCounts(clockNow());
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,72 @@
+// The state daemon, put together: settings, caches, tables, port 29001, the policy front, jobs, and an orderly end.
+//
+// Order of start: settings, log, lock on the state directory, configuration, tables brought up and loaded, decision,
+// requests on port 29001, policy front. Whatever fails ends the start; nothing is served before everything is there.
+// Order of end (SIGTERM, SIGINT): policy front, port 29001, jobs, then the last backup, which is waited for.
+#pragma once
+
+#include "daemon/DatabaseWatch.h"
+#include "daemon/Decision.h"
+#include "daemon/GreylistAdministration.h"
+#include "daemon/Housekeeping.h"
+#include "daemon/InstanceLock.h"
+#include "daemon/LoadKeeper.h"
+#include "daemon/PolicyServer.h"
+#include "daemon/PolicyTranslator.h"
+#include "daemon/Settings.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Vellum::Daemon {
+
+class Daemon : private GreylistAdministration {
+  public:
+    // Reads the settings and does nothing else. Throws SettingsError.
+    explicit Daemon(std::string settingsPath);
+    ~Daemon() override;
+
+    // Reads the rules too, and does nothing else. Throws SettingsError.
+    void check() const;
+
+    // Starts, serves until SIGTERM or SIGINT, and ends. SIGHUP reads settings and rules again without ending a
+    // connection. Answers the process's exit status. Throws Exception when the start fails.
+    // These signals must be blocked in every thread.
+    int run();
+
+  private:
+    void useLog();
+    void useDatabase();
+    void useGreylistConfiguration();
+    void bringUpState();
+    void serve();
+    void reload();
+    void sayWhatNeedsARestart(Settings const& changed) const;
+    void stop();
+    void keepHouse();
+
+    DecisionSettings decisionSettings() const;
+
+    // AdminServices
+    DaemonStatus status() const override;
+    BackupGate backupGate() const override;
+    bool acceptEmpty() override;
+    void cachesLoaded() override;
+
+    std::string const m_settingsPath;
+    long const m_startedAt;
+    Settings m_settings;                            // as last read; main thread only
+    GreyList::RefExemptRuleSet m_rules;             // as last read without a mistake; main thread only
+    std::vector<std::unique_ptr<Logger>> m_loggers; // the last one is installed; older ones may still be in use
+    std::unique_ptr<InstanceLock> m_instanceLock;
+    std::unique_ptr<PidFile> m_pidFile;
+    LoadKeeper m_loads;
+    DatabaseWatch m_databaseWatch;
+    std::unique_ptr<Decision> m_decision;
+    std::unique_ptr<PolicyTranslator> m_translator;
+    std::unique_ptr<PolicyServer> m_policy;
+    std::unique_ptr<Housekeeping> m_housekeeping;
+};
+
+} // namespace Vellum::Daemon

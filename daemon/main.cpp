@@ -1,0 +1,59 @@
+// vellumd: the state daemon of the mail filter.
+#include "daemon/Daemon.h"
+#include "foundation/Exception.h"
+#include "foundation/Version.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <sys/stat.h>
+#include <sysexits.h>
+
+namespace {
+
+// Every thread inherits this: signals are taken by the main thread alone, when it is ready for them.
+void blockSignals() {
+    sigset_t taken;
+    sigemptyset(&taken);
+    for (int const signal : {SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&taken, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App options("The state daemon of the mail filter: greylisting for mail servers that speak the Postfix policy\n"
+                     "delegation protocol, served to tools on port 29001, kept in MariaDB.\n\n"
+                     "Signals: SIGHUP reads settings and rules again, SIGTERM takes a last backup and ends.\n"
+                     "Exit status: 0 ended as told, 69 the start failed (database, sockets, state directory),\n"
+                     "78 the settings are wrong.",
+                     "vellumd");
+    std::string settings = "/etc/vellum/vellumd.toml";
+    bool check = false;
+    options.add_option("-c,--config", settings, "settings file (TOML)")->capture_default_str();
+    options.add_flag("--check", check, "read settings and rules, say what is wrong with them, and end");
+    options.set_version_flag("-V,--version", std::string("vellumd ") + Vellum::version);
+    CLI11_PARSE(options, argc, argv);
+
+    blockSignals();
+    umask(0077);
+    try {
+        Vellum::Daemon::Daemon daemon(settings);
+        if (check) {
+            daemon.check();
+            std::printf("%s: in order\n", settings.c_str());
+            return EX_OK;
+        }
+        return daemon.run();
+    } catch (Vellum::SettingsError const& wrong) {
+        std::fprintf(stderr, "vellumd: %s\n", wrong.message().c_str());
+        return EX_CONFIG;
+    } catch (std::exception const& failed) {
+        std::fprintf(stderr, "vellumd: %s\n", failed.what());
+        return EX_UNAVAILABLE;
+    }
+}
