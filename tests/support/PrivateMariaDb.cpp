@@ -6,16 +6,13 @@
 
 #include <arpa/inet.h>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
 #include <stdexcept>
 #include <sys/file.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -35,39 +32,6 @@ std::string userOption() {
     return geteuid() == 0 ? "--user=root" : "--user=" + std::to_string(geteuid());
 }
 
-// Starts a program; it dies with the thread that started it. Its output goes to `log`.
-pid_t spawn(std::vector<std::string> const& command, std::string const& log) {
-    std::vector<char*> arguments;
-    for (std::string const& argument : command) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    pid_t const parent = getpid();
-    pid_t const child = fork();
-    if (child != 0) {
-        return child;
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int const output = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    int const nothing = open("/dev/null", O_RDONLY);
-    if (getppid() != parent || output < 0 || nothing < 0) {
-        _exit(126);
-    }
-    dup2(nothing, STDIN_FILENO);
-    dup2(output, STDOUT_FILENO);
-    dup2(output, STDERR_FILENO);
-    for (int descriptor = 3; descriptor < 1024; ++descriptor) {
-        close(descriptor);
-    }
-    execvp(arguments[0], arguments.data());
-    _exit(127);
-}
-
-bool succeeded(pid_t process) {
-    int status = 0;
-    return waitpid(process, &status, 0) == process && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 // A data directory as a fresh installation leaves it, made once for each build directory and copied for each server.
 std::string dataTemplate() {
     std::string const path = std::string(VELLUM_BINARY_DIR) + "/mariadb-template";
@@ -83,7 +47,7 @@ std::string dataTemplate() {
                                             "--skip-test-db",          "--auth-root-authentication-method=normal",
                                             "--datadir=" + unfinished, userOption()};
         command.insert(command.end(), std::begin(sizes), std::end(sizes));
-        if (!succeeded(spawn(command, log))) {
+        if (BackgroundProcess(command, log).wait() != 0) {
             throw std::runtime_error("mariadb-install-db failed, see " + log);
         }
         std::filesystem::rename(unfinished, path);
@@ -169,7 +133,7 @@ void PrivateMariaDb::launch() {
                                         "--aria-pagecache-buffer-size=8M"};
     command.insert(command.end(), std::begin(sizes), std::end(sizes));
     command.insert(command.end(), m_options.begin(), m_options.end());
-    m_process = spawn(command, m_directory + "/log");
+    m_process = std::make_unique<BackgroundProcess>(command, m_directory + "/log");
 }
 
 bool PrivateMariaDb::answers() const {
@@ -188,9 +152,8 @@ void PrivateMariaDb::start() {
             if (answers()) {
                 return;
             }
-            if (waitpid(m_process, nullptr, WNOHANG) == m_process) {
-                m_process = 0; // most likely somebody took the port
-                break;
+            if (!m_process->isRunning()) {
+                break; // most likely somebody took the port
             }
             sleepFor(0, 20);
         }
@@ -200,27 +163,23 @@ void PrivateMariaDb::start() {
 }
 
 void PrivateMariaDb::kill() {
-    if (m_process > 0) {
-        ::kill(m_process, SIGKILL);
-        waitpid(m_process, nullptr, 0);
-        m_process = 0;
-    }
+    m_process.reset();
 }
 
 void PrivateMariaDb::stop() {
-    if (m_process > 0) {
-        ::kill(m_process, SIGTERM);
-        waitpid(m_process, nullptr, 0);
-        m_process = 0;
+    if (m_process != nullptr) {
+        m_process->signal(SIGTERM);
+        m_process->wait();
+        m_process.reset();
     }
 }
 
 void PrivateMariaDb::freeze() {
-    ::kill(m_process, SIGSTOP);
+    m_process->signal(SIGSTOP);
 }
 
 void PrivateMariaDb::thaw() {
-    ::kill(m_process, SIGCONT);
+    m_process->signal(SIGCONT);
 }
 
 Server PrivateMariaDb::account() const {

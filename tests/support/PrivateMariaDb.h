@@ -8,6 +8,7 @@
 // elsewhere, so a test notices when more is needed. It dies with the process that started it, however that ends.
 #pragma once
 
+#include "BackgroundProcess.h"
 #include "foundation/database/ServerMap.h"
 
 #include <memory>
@@ -37,7 +38,7 @@ class PrivateMariaDb {
     void kill();
     void stop(); // an orderly shutdown
     void start();
-    bool isRunning() const { return m_process > 0; }
+    bool isRunning() const { return m_process != nullptr; }
     // Halts the server without closing anything, so that it takes connections and never answers; and lets it go on.
     void freeze();
     void thaw();
@@ -65,8 +66,8 @@ class PrivateMariaDb {
     std::vector<std::string> const m_options;
     std::string m_directory;
     unsigned int m_port = 0;
-    pid_t m_process = 0;
-    pid_t m_owner; // only this process ends the server, not a fork of it
+    std::unique_ptr<BackgroundProcess> m_process; // none while it is stopped
+    pid_t m_owner;                                // only this process ends the server, not a fork of it
 };
 
 // Makes a server the process's database for its life, and puts the one before back.
