@@ -4,6 +4,11 @@
 #include <utility>
 
 namespace Vellum::Cron {
+namespace {
+
+constexpr std::size_t rememberedInstants = 1000; // of a job: six weeks of an hourly one
+
+} // namespace
 
 std::size_t Schedule::add(Period const& period, long now) {
     m_entries.push_back({period, period.latestUntil(now - 1), {}});
@@ -17,8 +22,10 @@ std::optional<long> Schedule::take(Entry& entry, long now) {
     bool const run = newlyReached && entry.done.count(latest) == 0;
     if (run) {
         entry.done.insert(latest);
+        if (entry.done.size() > rememberedInstants) {
+            entry.done.erase(entry.done.begin());
+        }
     }
-    entry.done.erase(entry.done.begin(), entry.done.lower_bound(latest));
     return run ? std::optional(latest) : std::nullopt;
 }
 

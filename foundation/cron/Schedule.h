@@ -1,7 +1,7 @@
 // Which of several periodic jobs are due, as arithmetic on a given `now`.
 //
-// Invariants: for each job, no instant is answered twice; `considered` is the latest instant at or before the last
-// `now`; `done` holds the instants after `considered` that were answered before the clock was set back.
+// Invariants: for each job, `considered` is the latest instant at or before the last `now`, and `done` holds the last
+// thousand instants that were answered. None of those is answered again, however often the clock is set back.
 #pragma once
 
 #include "foundation/cron/Period.h"
@@ -29,7 +29,7 @@ class Schedule {
     struct Entry {
         Period period;
         long considered;
-        std::set<long> done;
+        std::set<long> done{};
     };
     // The instant to run now, if any.
     static std::optional<long> take(Entry& entry, long now);
