@@ -100,7 +100,7 @@ std::string absoluteListenText(SettingsTable const& policy, std::string const& t
         return text;
     }
     std::filesystem::path const directory =
-        std::filesystem::absolute(std::filesystem::path(policy.file()).parent_path());
+        std::filesystem::absolute(std::filesystem::path(policy.file())).parent_path();
     return std::string(scheme) + (directory / text.substr(scheme.size())).string();
 }
 
