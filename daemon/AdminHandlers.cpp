@@ -1,0 +1,197 @@
+#include "daemon/AdminHandlers.h"
+
+#include "daemon/AdminJson.h"
+#include "foundation/Escape.h"
+#include "foundation/Logger.h"
+#include "greylist/DynamicExemptCache.h"
+#include "greylist/TupleCache.h"
+
+#include <chrono>
+#include <ctime>
+
+namespace Vellum::Daemon {
+namespace {
+
+constexpr std::chrono::milliseconds progressInterval{100};
+
+void note(Logger::Severity severity, std::string const& text) {
+    Logger::instance(false).note(severity, "administration: " + text);
+}
+
+template <class Cache>
+CacheFill fillOf(Cache const& cache) {
+    SharedLock const hold(cache.lock);
+    return {cache.sizeNoLock(), cache.maxSize()};
+}
+
+CacheFill tupleFill() {
+    return fillOf(**GreyList::TupleCache::instance());
+}
+
+CacheFill exemptionFill() {
+    return fillOf(**GreyList::DynamicExemptCache::instance());
+}
+
+std::string recordsText(std::uint64_t tuples, std::uint64_t exemptions) {
+    return std::to_string(tuples) + " tuples and " + std::to_string(exemptions) + " exemptions";
+}
+
+void send(IPC::SocketIPC& client, IPC::PduType type, Json const& json) {
+    std::string const payload = payloadOf(json);
+    client.send(type, payload.data(), payload.size());
+}
+
+// Tells a client how far its request is, now and then.
+class ProgressSender {
+  public:
+    explicit ProgressSender(IPC::SocketIPC& client) : m_client(client) {}
+
+    // False when the client is gone.
+    bool operator()(std::uint64_t done, std::uint64_t total) {
+        auto const now = std::chrono::steady_clock::now();
+        if (now < m_next) {
+            return true;
+        }
+        m_next = now + progressInterval;
+        try {
+            send(m_client, IPC::PduType::adminProgress, {{"done", done}, {"total", total}});
+            m_client.socket().flush();
+            return true;
+        } catch (Exception const&) {
+            note(Logger::Severity::warning, "the client that asked for a restore is gone");
+            return false;
+        }
+    }
+
+  private:
+    IPC::SocketIPC& m_client;
+    std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + progressInterval;
+};
+
+// The edges of every request: JSON in, JSON out, and every failure becomes an answer.
+class AdminHandler : public IPC::HandlerImpl {
+  public:
+    int task(IPC::SocketIPC& client, IPC::Pdu const& request) const final {
+        if (request.type() != type()) {
+            note(Logger::Severity::warning, "a request of type " + std::to_string(request.type()) +
+                                                " came to the handler of " + std::to_string(type()));
+            return -1;
+        }
+        send(client, IPC::PduType::adminReply, answerOrError(client, request));
+        return 0;
+    }
+
+  protected:
+    AdminHandler(IPC::PduType type, char const* name, AdminServices& services)
+        : HandlerImpl(type, true), m_name(name), m_services(services) {}
+
+    virtual Json answer(Json const& request, IPC::SocketIPC& client) const = 0;
+    AdminServices& services() const { return m_services; }
+
+  private:
+    Json answerOrError(IPC::SocketIPC& client, IPC::Pdu const& request) const {
+        std::string problem;
+        try {
+            return answer(parseRequest(request.data().view()), client);
+        } catch (Exception const& failed) {
+            problem = failed.asString();
+        } catch (std::exception const& failed) {
+            problem = failed.what();
+        }
+        note(Logger::Severity::warning, std::string(m_name) + " refused or failed: " + problem);
+        return errorJson(problem);
+    }
+
+    char const* m_name;
+    AdminServices& m_services; // borrowed; see addAdminHandlers()
+};
+
+class StatusHandler : public AdminHandler {
+  public:
+    explicit StatusHandler(AdminServices& services) : AdminHandler(IPC::PduType::adminStatus, "status", services) {}
+
+  protected:
+    Json answer(Json const&, IPC::SocketIPC&) const override {
+        Json status = asJson(services().status(), std::time(nullptr));
+        GreyList::LoadReport const loads = GreyList::LoadReport::last();
+        status["greylist"] = {{"tuples", asJson(tupleFill(), loads.tuples)},
+                              {"exemptions", asJson(exemptionFill(), loads.exemptions)}};
+        status["backup"] = asJson(services().backupGate(), GreyList::BackupReport::last());
+        return status;
+    }
+};
+
+class BackupHandler : public AdminHandler {
+  public:
+    explicit BackupHandler(AdminServices& services) : AdminHandler(IPC::PduType::adminBackup, "backup", services) {}
+
+  protected:
+    Json answer(Json const&, IPC::SocketIPC&) const override {
+        BackupGate const gate = services().backupGate();
+        if (!gate.open) {
+            throw AdminRefusal("backups are off: " + gate.reason);
+        }
+        GreyList::BackupReport const report = services().backupNow();
+        Json json = asJson(report);
+        if (!report.accepted) {
+            json["error"] = report.problem;
+        }
+        note(report.accepted ? Logger::Severity::info : Logger::Severity::warning,
+             "backup " + (report.accepted ? "of " + recordsText(report.tuples, report.exemptions) + " handed over"
+                                          : "failed: " + report.problem));
+        return json;
+    }
+};
+
+class RestoreHandler : public AdminHandler {
+  public:
+    explicit RestoreHandler(AdminServices& services) : AdminHandler(IPC::PduType::adminRestore, "restore", services) {}
+
+  protected:
+    Json answer(Json const& request, IPC::SocketIPC& client) const override {
+        std::string const path = requiredText(request, "path");
+        if (path.empty() || path.front() != '/' || path.find('\0') != std::string::npos) {
+            throw AdminRefusal("\"path\" must be an absolute path, not \"" + escapeForLog(path) + "\"");
+        }
+        if (optionalFlag(request, "dry_run")) {
+            return asJson(path, services().previewRestore(path));
+        }
+        note(Logger::Severity::info, "restore of " + escapeForLog(path) + " begins");
+        RestoreOutcome const outcome = services().restore(path, ProgressSender(client));
+        bool const loaded = outcome.loadProblem.empty();
+        note(loaded ? Logger::Severity::info : Logger::Severity::error,
+             "restore of " + escapeForLog(path) + " done, " +
+                 (loaded ? recordsText(outcome.tuples, outcome.exemptions) + " loaded"
+                         : "but not loaded: " + outcome.loadProblem));
+        return asJson(path, outcome);
+    }
+};
+
+class AcceptEmptyHandler : public AdminHandler {
+  public:
+    explicit AcceptEmptyHandler(AdminServices& services)
+        : AdminHandler(IPC::PduType::adminAcceptEmpty, "accept-empty", services) {}
+
+  protected:
+    Json answer(Json const&, IPC::SocketIPC&) const override {
+        CacheFill const tuples = tupleFill();
+        CacheFill const exemptions = exemptionFill();
+        bool const changed = services().acceptEmpty();
+        if (changed) {
+            note(Logger::Severity::warning, "backups of " + recordsText(tuples.size, exemptions.size) +
+                                                " may now replace tables that could not be loaded");
+        }
+        return {{"changed", changed}, {"tuples", tuples.size}, {"exemptions", exemptions.size}};
+    }
+};
+
+} // namespace
+
+void addAdminHandlers(AdminServices& services, IPC::Dispatcher& dispatcher) {
+    dispatcher.add(IPC::MyHandler<StatusHandler>(new StatusHandler(services)));
+    dispatcher.add(IPC::MyHandler<BackupHandler>(new BackupHandler(services)));
+    dispatcher.add(IPC::MyHandler<RestoreHandler>(new RestoreHandler(services)));
+    dispatcher.add(IPC::MyHandler<AcceptEmptyHandler>(new AcceptEmptyHandler(services)));
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,36 @@
+// The daemon's own requests on port 29001: state, backup, restore.
+//
+// A request's payload is a JSON object (an empty payload is {}); keys that it does not know are ignored. The last reply
+// is one adminReply with a JSON object, which holds "error" with a text when nothing came of it; what is no JSON is
+// answered so too. Times are seconds since the epoch.
+//
+//   adminStatus       {"version", "pid", "started", "uptime_seconds", "settings", "policy_listeners": [text],
+//                      "greylist": {"tuples": CACHE, "exemptions": CACHE},
+//                      "backup": {"allowed", "reason", "last": BACKUP or null},
+//                      "database": {"reachable": true, false or null, "as_of", "problem"},
+//                      "decisions": [{"action", "reason", "count"}]}
+//                     CACHE: {"size", "capacity", "load": {"attempted", "loaded", "rows", "problem"}}
+//   adminBackup       BACKUP: {"accepted", "started", "milliseconds", "tuples", "exemptions", "left_out", "bytes",
+//                      "problem"}; "accepted": the database daemon has the script and will run it
+//   adminRestore      request {"path": absolute, "dry_run": true or false}
+//                     dry run: {"path", "script": {"bytes", "modified", "tuples", "exemptions", "newest", "complete"},
+//                      "tables": {"tuples", "exemptions"}, "caches": {"tuples", "exemptions"}}
+//                     otherwise adminProgress {"done", "total"} (bytes) at most every 100 ms, then
+//                      {"path", "restored": true, "loaded": {"tuples", "exemptions"}, "milliseconds"}; with "error"
+//                      beside them when the tables were restored but could not be loaded. A client that goes away
+//                      meanwhile abandons the restore, and the tables stay as they were.
+//   adminAcceptEmpty  {"changed", "tuples", "exemptions"}: backups are allowed from now on, of so many records
+//
+// All of them run on workers. Each but adminStatus leaves a line in the log.
+#pragma once
+
+#include "daemon/AdminServices.h"
+#include "foundation/ipc/Dispatcher.h"
+
+namespace Vellum::Daemon {
+
+// Registers the four handlers. The services are borrowed; they outlive the dispatcher's service.
+void addAdminHandlers(AdminServices& services,
+                      IPC::Dispatcher& dispatcher = IPC::Dispatcher::instance(IPC::stateDaemonPort));
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,115 @@
+#include "daemon/AdminJson.h"
+
+#include <unistd.h>
+
+namespace Vellum::Daemon {
+namespace {
+
+Json asJson(DaemonStatus::DatabaseState const& state) {
+    return {{"reachable", state.reachable ? Json(*state.reachable) : Json()},
+            {"as_of", state.asOf},
+            {"problem", state.problem}};
+}
+
+Json counts(std::uint64_t tuples, std::uint64_t exemptions) {
+    return {{"tuples", tuples}, {"exemptions", exemptions}};
+}
+
+} // namespace
+
+Json asJson(CacheFill const& fill, GreyList::LoadReport::Half const& load) {
+    return {{"size", fill.size},
+            {"capacity", fill.capacity},
+            {"load",
+             {{"attempted", load.attempted}, {"loaded", load.loaded}, {"rows", load.rows}, {"problem", load.problem}}}};
+}
+
+Json asJson(GreyList::BackupReport const& report) {
+    return {{"accepted", report.accepted}, {"started", report.startedAt},     {"milliseconds", report.milliseconds},
+            {"tuples", report.tuples},     {"exemptions", report.exemptions}, {"left_out", report.leftOut},
+            {"bytes", report.bytes},       {"problem", report.problem}};
+}
+
+Json asJson(BackupGate const& gate, GreyList::BackupReport const& last) {
+    return {{"allowed", gate.open}, {"reason", gate.reason}, {"last", last.attempted ? asJson(last) : Json()}};
+}
+
+Json asJson(DaemonStatus const& status, long now) {
+    Json decisions = Json::array();
+    for (DaemonStatus::DecisionCount const& decision : status.decisions) {
+        decisions.push_back({{"action", decision.action}, {"reason", decision.reason}, {"count", decision.count}});
+    }
+    return {{"version", status.version},           {"pid", ::getpid()},
+            {"started", status.startedAt},         {"uptime_seconds", now - status.startedAt},
+            {"settings", status.settingsPath},     {"policy_listeners", status.policyListeners},
+            {"database", asJson(status.database)}, {"decisions", decisions}};
+}
+
+Json asJson(std::string const& path, RestorePreview const& preview) {
+    return {{"path", path},
+            {"script",
+             {{"bytes", preview.bytes},
+              {"modified", preview.modified},
+              {"tuples", preview.scriptTuples},
+              {"exemptions", preview.scriptExemptions},
+              {"newest", preview.newest},
+              {"complete", preview.complete}}},
+            {"tables", counts(preview.tableTuples, preview.tableExemptions)},
+            {"caches", counts(preview.cachedTuples, preview.cachedExemptions)}};
+}
+
+Json asJson(std::string const& path, RestoreOutcome const& outcome) {
+    Json json = {{"path", path},
+                 {"restored", true},
+                 {"loaded", counts(outcome.tuples, outcome.exemptions)},
+                 {"milliseconds", outcome.milliseconds}};
+    if (!outcome.loadProblem.empty()) {
+        json["error"] = "the tables were restored, but could not be loaded: " + outcome.loadProblem;
+    }
+    return json;
+}
+
+Json errorJson(std::string_view text) {
+    return {{"error", text}};
+}
+
+Json parseRequest(std::string_view payload) {
+    if (payload.empty()) {
+        return Json::object();
+    }
+    Json request;
+    try {
+        request = Json::parse(payload);
+    } catch (Json::exception const& failed) {
+        throw AdminRefusal(std::string("the request is not JSON: ") + failed.what());
+    }
+    if (!request.is_object()) {
+        throw AdminRefusal(std::string("the request is JSON, but no object: ") + request.type_name());
+    }
+    return request;
+}
+
+std::string requiredText(Json const& request, char const* key) {
+    auto const found = request.find(key);
+    if (found == request.end() || !found->is_string()) {
+        throw AdminRefusal(std::string("the request needs \"") + key + "\", a text");
+    }
+    return found->get<std::string>();
+}
+
+bool optionalFlag(Json const& request, char const* key) {
+    auto const found = request.find(key);
+    if (found == request.end()) {
+        return false;
+    }
+    if (!found->is_boolean()) {
+        throw AdminRefusal(std::string("\"") + key + "\" must be true or false");
+    }
+    return found->get<bool>();
+}
+
+std::string payloadOf(Json const& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,40 @@
+// The JSON texts of administration requests, from the values of AdminServices.h.
+#pragma once
+
+#include "daemon/AdminServices.h"
+#include "greylist/LoadReport.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace Vellum::Daemon {
+
+using Json = nlohmann::json;
+
+// How full a cache is.
+struct CacheFill {
+    std::uint32_t size = 0;
+    std::uint32_t capacity = 0;
+};
+
+Json asJson(CacheFill const& fill, GreyList::LoadReport::Half const& load);
+Json asJson(GreyList::BackupReport const& report);
+Json asJson(BackupGate const& gate, GreyList::BackupReport const& last);
+Json asJson(DaemonStatus const& status, long now); // all but "greylist" and "backup"
+Json asJson(std::string const& path, RestorePreview const& preview);
+Json asJson(std::string const& path, RestoreOutcome const& outcome);
+Json errorJson(std::string_view text);
+
+// The object in a request's payload. Throws AdminRefusal when it is no JSON, or no object.
+Json parseRequest(std::string_view payload);
+// A text that must be there, and a flag that may be. Throw AdminRefusal naming the key.
+std::string requiredText(Json const& request, char const* key);
+bool optionalFlag(Json const& request, char const* key);
+
+// As it travels: bytes that are not UTF-8, in a file name for example, are replaced.
+std::string payloadOf(Json const& json);
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,126 @@
+#include "daemon/GreylistAdministration.h"
+
+#include "daemon/ScriptFacts.h"
+#include "foundation/DetachedBackup.h"
+#include "foundation/Exception.h"
+#include "foundation/database/Query.h"
+#include "foundation/database/ResultAccess.h"
+#include "foundation/database/RowParser.h"
+#include "greylist/DynamicExemptCache.h"
+#include "greylist/GlRecordDatabase.h"
+#include "greylist/LoadReport.h"
+#include "greylist/TupleCache.h"
+
+#include <charconv>
+#include <chrono>
+#include <string_view>
+
+namespace Vellum::Daemon {
+namespace {
+
+constexpr std::chrono::seconds patienceWithBackups{120};
+
+// The one number of a result.
+class NumberParser : public Database::RowParser {
+  public:
+    void parse(void* handle, void* result) override {
+        if (db_result_row_num(handle, result) > 0) {
+            std::string_view const text = db_result_get_value(handle, result, db_result_fetch_row(result, 0), 0);
+            std::from_chars(text.data(), text.data() + text.size(), number);
+        }
+    }
+
+    std::uint64_t number = 0;
+};
+
+std::uint64_t rowsIn(Database::Connection& connection, std::string const& table) {
+    NumberParser rows;
+    Database::Query query(connection, &rows, true);
+    query << "select count(*) from " << table << ";";
+    query.execute();
+    return rows.number;
+}
+
+template <class Cache>
+std::uint64_t sizeOf(Cache const& cache) {
+    SharedLock const hold(cache.lock);
+    return cache.sizeNoLock();
+}
+
+// Marks the restore in hand; a second one is refused.
+class RestoreMark {
+  public:
+    explicit RestoreMark(std::atomic<bool>& restoring) : m_restoring(restoring) {
+        if (m_restoring.exchange(true)) {
+            throw AdminRefusal("another restore is running");
+        }
+    }
+    ~RestoreMark() { m_restoring = false; }
+    RestoreMark(RestoreMark const&) = delete;
+    RestoreMark& operator=(RestoreMark const&) = delete;
+
+  private:
+    std::atomic<bool>& m_restoring;
+};
+
+std::string problemOf(GreyList::LoadReport const& loads) {
+    std::string problem = loads.tuples.problem;
+    if (!problem.empty() && !loads.exemptions.problem.empty()) {
+        problem += "; ";
+    }
+    return problem + loads.exemptions.problem;
+}
+
+} // namespace
+
+GreyList::BackupReport GreylistAdministration::backupNow() {
+    if (restoreRunning()) {
+        throw AdminRefusal("a restore is running");
+    }
+    Synchronized const hold(m_inHand);
+    GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
+    return GreyList::BackupReport::last();
+}
+
+RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
+    ScriptFacts const script = ScriptFacts::of(path);
+    RestorePreview preview;
+    preview.bytes = script.bytes;
+    preview.modified = script.modified;
+    preview.scriptTuples = script.tuples;
+    preview.scriptExemptions = script.exemptions;
+    preview.newest = script.newest;
+    preview.complete = script.complete;
+
+    Database::Connection connection(GreyList::databaseName, "", "", Database::Connection::defaultAddress());
+    preview.tableTuples = rowsIn(connection, GreyList::greyListTable);
+    preview.tableExemptions = rowsIn(connection, GreyList::autoExemptTable);
+    preview.cachedTuples = sizeOf(**GreyList::TupleCache::instance());
+    preview.cachedExemptions = sizeOf(**GreyList::DynamicExemptCache::instance());
+    return preview;
+}
+
+RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreProgress const& progress) {
+    RestoreMark const mark(m_restoring);
+    ScriptFacts::requireReadable(path); // says in plain words what is wrong with a path, before anything is waited for
+    Synchronized const hold(m_inHand);
+    if (!DetachedBackup::waitForAll(patienceWithBackups)) {
+        throw AdminRefusal("a backup is still running");
+    }
+    auto const start = std::chrono::steady_clock::now();
+    GreyList::GlRecordDatabase database(Database::Connection::defaultAddress());
+    database.runScript(path, progress);
+    database.read();
+    cachesLoaded();
+
+    GreyList::LoadReport const loads = GreyList::LoadReport::last();
+    RestoreOutcome outcome;
+    outcome.tuples = loads.tuples.rows;
+    outcome.exemptions = loads.exemptions.rows;
+    outcome.loadProblem = problemOf(loads);
+    outcome.milliseconds = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+    return outcome;
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,37 @@
+// Backup and restore of the greylist on an administrator's request.
+#pragma once
+
+#include "daemon/AdminServices.h"
+#include "foundation/Locks.h"
+
+#include <atomic>
+
+namespace Vellum::Daemon {
+
+// The part of the services that the library does; the daemon adds what only it knows.
+//
+// A restore replaces the tables and then loads the caches from them. A backup in between would put the old records
+// back, so no backup may begin while restoreRunning() (the daemon's configuration asks it, backupNow() refuses), and a
+// restore waits for backups that run before it begins.
+class GreylistAdministration : public AdminServices {
+  public:
+    // Waits until the database daemon has the script, at most some minutes.
+    GreyList::BackupReport backupNow() override;
+
+    // Throws Exception when the file cannot be read or the database cannot be asked.
+    RestorePreview previewRestore(std::string const& path) override;
+    // One at a time. All or nothing as far as the tables go.
+    RestoreOutcome restore(std::string const& path, RestoreProgress const& progress) override;
+
+    bool restoreRunning() const { return m_restoring; }
+
+  protected:
+    // The caches hold what the tables held, or the load has failed; LoadReport.h says which.
+    virtual void cachesLoaded() = 0;
+
+  private:
+    Mutex m_inHand; // held by an operation that makes or replaces the tables' rows
+    std::atomic<bool> m_restoring{false};
+};
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,144 @@
+#include "daemon/ScriptFacts.h"
+
+#include "foundation/Exception.h"
+#include "foundation/FileDescriptor.h"
+#include "greylist/GlRecordDatabase.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <system_error>
+#include <vector>
+
+namespace Vellum::Daemon {
+namespace {
+
+constexpr std::size_t pieceBytes = 256U << 10;
+constexpr std::size_t longestLine = 4096; // what goes beyond is no row, and its end is not looked at
+
+[[noreturn]] void fail(std::string const& path, std::string const& reason) {
+    throw Exception("ScriptFacts::of", Exception::failure, "ScriptFacts").stringParameter(path + ": " + reason);
+}
+
+std::string reasonOf(int error) {
+    return std::generic_category().message(error);
+}
+
+FileDescriptor openScript(std::string const& path, struct stat& status) {
+    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        fail(path, reasonOf(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        fail(path, "not a regular file");
+    }
+    return file;
+}
+
+// Takes the lines of a script one after the other.
+class LineCounter {
+  public:
+    explicit LineCounter(ScriptFacts& facts) : m_facts(facts) {}
+
+    void take(std::string_view line) {
+        if (line.empty()) {
+            return;
+        }
+        m_facts.complete = line == "UNLOCK TABLES;" || line == "commit;";
+        if (line.substr(0, 2) == "('") {
+            takeRow(line);
+        } else if (line.substr(0, insertInto.size()) == insertInto) {
+            line.remove_prefix(insertInto.size());
+            m_rows = rowsOf(line.substr(0, line.find(' ')));
+        }
+    }
+
+  private:
+    static constexpr std::string_view insertInto = "INSERT INTO ";
+
+    std::uint64_t* rowsOf(std::string_view table) {
+        if (table == GreyList::greyListTable) {
+            return &m_facts.tuples;
+        }
+        return table == GreyList::autoExemptTable ? &m_facts.exemptions : nullptr;
+    }
+    // "('192.0.2.0/24', ..., 'x@example.org', 1700000000,1700014400),": the first number is the creation time.
+    void takeRow(std::string_view line) {
+        constexpr std::string_view endOfTexts = "', ";
+        std::size_t const texts = line.rfind(endOfTexts);
+        if (m_rows == nullptr || texts == std::string_view::npos) {
+            return;
+        }
+        ++*m_rows;
+        long created = 0;
+        std::from_chars(line.data() + texts + endOfTexts.size(), line.data() + line.size(), created);
+        m_facts.newest = std::max(m_facts.newest, created);
+    }
+
+    ScriptFacts& m_facts;
+    std::uint64_t* m_rows = nullptr; // of the table that the last INSERT named
+};
+
+// Cuts a stream of pieces into lines, and a line into what fits.
+class LineCutter {
+  public:
+    explicit LineCutter(LineCounter& counter) : m_counter(counter) {}
+
+    void take(std::string_view piece) {
+        for (std::size_t end = piece.find('\n'); end != std::string_view::npos; end = piece.find('\n')) {
+            if (m_begun.empty()) {
+                m_counter.take(piece.substr(0, std::min(end, longestLine)));
+            } else {
+                keep(piece.substr(0, end));
+                finish();
+            }
+            piece.remove_prefix(end + 1);
+        }
+        keep(piece);
+    }
+    void finish() {
+        m_counter.take(m_begun);
+        m_begun.clear();
+    }
+
+  private:
+    void keep(std::string_view part) { m_begun.append(part.substr(0, longestLine - m_begun.size())); }
+
+    LineCounter& m_counter;
+    std::string m_begun; // a line whose end has not been read yet; at most longestLine of it
+};
+
+} // namespace
+
+ScriptFacts ScriptFacts::of(std::string const& path) {
+    struct stat status {};
+    FileDescriptor const file = openScript(path, status);
+    ScriptFacts facts;
+    facts.bytes = static_cast<std::uint64_t>(status.st_size);
+    facts.modified = status.st_mtime;
+    LineCounter counter(facts);
+    LineCutter cutter(counter);
+    std::vector<char> piece(pieceBytes);
+    for (;;) {
+        ssize_t const length = ::read(file.get(), piece.data(), piece.size());
+        if (length < 0 && errno != EINTR) {
+            fail(path, reasonOf(errno));
+        }
+        if (length == 0) {
+            break;
+        }
+        cutter.take({piece.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))});
+    }
+    cutter.finish();
+    return facts;
+}
+
+void ScriptFacts::requireReadable(std::string const& path) {
+    struct stat status {};
+    openScript(path, status);
+}
+
+} // namespace Vellum::Daemon
