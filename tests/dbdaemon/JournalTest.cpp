@@ -1,0 +1,215 @@
+#include "dbdaemon/Journal.h"
+
+#include "../support/CapturingLogger.h"
+#include "../support/TemporaryDirectory.h"
+#include "Files.h"
+#include "foundation/Exception.h"
+
+#include <csignal>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace Vellum::DatabaseDaemon {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class JournalTest : public testing::Test {
+  protected:
+    JournalTest() { open(); }
+
+    void open() { m_journal.emplace(path()); }
+    void reopen() {
+        m_journal.reset();
+        open();
+    }
+    Journal& journal() { return *m_journal; }
+    std::string path() const { return m_directory.path() + "/journal"; }
+    std::string script(std::string const& text) const {
+        std::string const file = m_directory.path() + "/script.sql";
+        writeFile(file, text);
+        return file;
+    }
+    Journal::Entry accept(std::int32_t code, std::string const& text) {
+        return journal().accept(code, opened(script(text)).get());
+    }
+    std::vector<std::uint64_t> waiting() {
+        std::vector<std::uint64_t> numbers;
+        for (Journal::Entry const& entry : journal().waiting()) {
+            numbers.push_back(entry.number);
+        }
+        return numbers;
+    }
+    static std::string failureOf(std::function<void()> const& operation) {
+        try {
+            operation();
+        } catch (Exception const& failure) {
+            return failure.asString();
+        }
+        return "none";
+    }
+
+    CapturingLogger m_log;
+    TemporaryDirectory m_directory;
+
+  private:
+    std::optional<Journal> m_journal;
+};
+
+TEST_F(JournalTest, AcceptedScriptIsACopyUnderItsNumber) {
+    std::string const text = std::string("any\0bytes\xff", 10) + std::string(3000000, 'x');
+    Journal::Entry const entry = accept(4, text);
+    writeFile(m_directory.path() + "/script.sql", "changed afterwards");
+    EXPECT_THAT(namesIn(path()), ElementsAre("0000000000000001-4.sql"));
+    EXPECT_EQ(entry.path, path() + "/0000000000000001-4.sql");
+    EXPECT_EQ(readFile(entry.path), text);
+    struct stat status {};
+    ASSERT_EQ(stat(entry.path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+    ASSERT_EQ(stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700U);
+}
+
+TEST_F(JournalTest, CopiesFromAnotherFileSystem) {
+    std::string const shared = "/dev/shm/vellum-journal-test-" + std::to_string(getpid());
+    writeFile(shared, "from memory");
+    FileDescriptor const file = opened(shared);
+    std::filesystem::remove(shared);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(readFile(journal().accept(4, file.get()).path), "from memory");
+}
+
+TEST_F(JournalTest, CopyBeginsAtTheFilesStartWhereverItWasRead) {
+    FileDescriptor const file = opened(script("whole"));
+    char two[2];
+    ASSERT_EQ(read(file.get(), two, 2), 2);
+    EXPECT_EQ(readFile(journal().accept(4, file.get()).path), "whole");
+}
+
+TEST_F(JournalTest, EmptyScriptIsAccepted) {
+    EXPECT_EQ(readFile(accept(4, "").path), "");
+}
+
+TEST_F(JournalTest, FailedCopyLeavesNothingBehind) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    auto const handler = std::signal(SIGXFSZ, SIG_IGN);
+    FileDescriptor const file = opened(script(std::string(100000, 'x')));
+    rlimit small = before;
+    small.rlim_cur = 50000;
+    setrlimit(RLIMIT_FSIZE, &small);
+    std::string const failure = failureOf([&] { journal().accept(4, file.get()); });
+    setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_THAT(failure, HasSubstr("writing " + path() + "/.incoming-1: File too large"));
+    EXPECT_THAT(namesIn(path()), IsEmpty());
+    EXPECT_THAT(waiting(), IsEmpty());
+    accept(4, "next");
+    EXPECT_THAT(waiting(), ElementsAre(2));
+}
+
+TEST_F(JournalTest, UnfinishedScriptsWaitAgainAfterARestartInOrder) {
+    accept(9, "first");
+    accept(4, "second");
+    writeFile(path() + "/.incoming-7", "half a copy");
+    writeFile(path() + "/notes.txt", "somebody else's");
+    writeFile(path() + "/17-4.sql", "not ours either");
+    reopen();
+    EXPECT_THAT(waiting(), ElementsAre(1, 2));
+    EXPECT_THAT(namesIn(path()),
+                ElementsAre("0000000000000001-9.sql", "0000000000000002-4.sql", "17-4.sql", "notes.txt"));
+    EXPECT_EQ(readFile(journal().waiting()[0].path), "first");
+    accept(5, "third");
+    EXPECT_THAT(waiting(), ElementsAre(1, 2, 3));
+}
+
+TEST_F(JournalTest, NumbersGoOnBehindFailures) {
+    Journal::Entry const entry = accept(4, "bad");
+    journal().begin(entry);
+    journal().fail(entry);
+    reopen();
+    EXPECT_EQ(accept(4, "next").number, 2U);
+}
+
+TEST_F(JournalTest, NewerScriptOfACodeSupersedesTheWaitingOne) {
+    accept(4, "old");
+    accept(5, "other code");
+    accept(4, "new");
+    EXPECT_THAT(waiting(), ElementsAre(2, 3));
+    EXPECT_THAT(namesIn(path()), ElementsAre("0000000000000002-5.sql", "0000000000000003-4.sql"));
+    EXPECT_THAT(m_log.notes(), ElementsAre("script 1 of request code 4 is superseded by a newer one and dropped"));
+}
+
+TEST_F(JournalTest, RunningScriptIsNotSupersededUntilItWaitsAgain) {
+    Journal::Entry const running = accept(4, "old");
+    ASSERT_TRUE(journal().begin(running));
+    Journal::Entry const second = accept(4, "newer");
+    accept(4, "newest");
+    EXPECT_THAT(waiting(), ElementsAre(3));
+    EXPECT_FALSE(journal().begin(second)) << "superseded";
+    EXPECT_TRUE(std::filesystem::exists(running.path));
+    journal().giveBack(running);
+    EXPECT_THAT(waiting(), ElementsAre(3));
+    EXPECT_FALSE(std::filesystem::exists(running.path));
+}
+
+TEST_F(JournalTest, OnlyTheNewestOfACodeSurvivesARestart) {
+    Journal::Entry const running = accept(4, "old");
+    ASSERT_TRUE(journal().begin(running));
+    accept(4, "new");
+    EXPECT_EQ(namesIn(path()).size(), 2U);
+    reopen();
+    EXPECT_THAT(waiting(), ElementsAre(2));
+    EXPECT_THAT(namesIn(path()), ElementsAre("0000000000000002-4.sql"));
+}
+
+TEST_F(JournalTest, FinishedScriptIsGone) {
+    Journal::Entry const entry = accept(4, "done");
+    ASSERT_TRUE(journal().begin(entry));
+    EXPECT_THAT(waiting(), IsEmpty()) << "it runs";
+    journal().finish(entry);
+    EXPECT_THAT(namesIn(path()), IsEmpty());
+    reopen();
+    EXPECT_THAT(waiting(), IsEmpty());
+}
+
+TEST_F(JournalTest, LastFailuresOfEachCodeAreKept) {
+    for (int i = 1; i <= 5; ++i) {
+        for (std::int32_t const code : {4, 9}) {
+            Journal::Entry const entry = accept(code, "bad " + std::to_string(i));
+            journal().begin(entry);
+            journal().fail(entry);
+        }
+    }
+    EXPECT_THAT(namesIn(path()), IsEmpty());
+    EXPECT_THAT(namesIn(path() + "/failed"),
+                ElementsAre("0000000000000005-4.sql", "0000000000000006-9.sql", "0000000000000007-4.sql",
+                            "0000000000000008-9.sql", "0000000000000009-4.sql", "0000000000000010-9.sql"));
+    EXPECT_EQ(readFile(path() + "/failed/0000000000000009-4.sql"), "bad 5");
+}
+
+TEST_F(JournalTest, SecondDaemonIsRefused) {
+    accept(4, "theirs");
+    writeFile(path() + "/.incoming-2", "being copied by the first");
+    EXPECT_THAT(failureOf([&] { Journal{path()}; }), HasSubstr("another vellum-dbd uses the journal " + path()));
+    EXPECT_EQ(namesIn(path()).size(), 2U) << "and has touched nothing";
+}
+
+TEST_F(JournalTest, DirectoryThatOthersMayWriteIsRefused) {
+    std::string const open = m_directory.path() + "/open";
+    std::filesystem::create_directory(open);
+    chmod(open.c_str(), 0770);
+    EXPECT_THAT(failureOf([&] { Journal{open}; }), HasSubstr("writable by nobody else"));
+    chmod(open.c_str(), 0750);
+    EXPECT_EQ(failureOf([&] { Journal{open}; }), "none");
+    EXPECT_THAT(failureOf([&] { Journal{m_directory.path() + "/no/parent"}; }), HasSubstr("No such file"));
+    EXPECT_THAT(failureOf([&] { Journal{script("a file")}; }), HasSubstr("is not a directory"));
+}
+
+} // namespace
+} // namespace Vellum::DatabaseDaemon
