@@ -32,7 +32,8 @@ class LeftOut {
 
   private:
     static constexpr std::uint64_t shownOneByOne = 20; // a flood of forged addresses must not flood the log
-    static void log(std::string const& text) {
+    static void log(std::string text) {
+        std::replace(text.begin(), text.end(), '\0', '?'); // a domain may hold one, and would end the text there
         Logger::instance(false).log(LogCode::recordNotStored, 0, formatText, text.c_str());
     }
     std::uint64_t m_count = 0;
@@ -67,7 +68,7 @@ char const* whyNotStorable(_TupleId const& id, std::string const& mask) {
 }
 
 char const* whyNotStorable(_DynamicExemptId const& id) {
-    if (id.mask().prefix().isNull()) {
+    if (id.mask() == IPAddressMask()) { // its text is empty, which a loader refuses
         return "it has no network";
     }
     if (id.domain().empty()) {
