@@ -217,7 +217,7 @@ void PrivateMariaDb::removeDatabases() {
 
 void PrivateMariaDb::freshDatabase() {
     removeDatabases();
-    Connection connection(Connection::defaultAddress(), "");
+    Connection connection(account(), "");
     connection.dbCreate("fe_sender_history");
 }
 
