@@ -6,14 +6,11 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace Vellum::Daemon {
 namespace {
@@ -60,25 +57,6 @@ SocketAddress parseInet(std::string_view text, std::string_view whole) {
     refuseAddress(whole);
 }
 
-sockaddr_un unixAddress(std::string const& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(static_cast<char*>(address.sun_path), longestPath);
-    return address;
-}
-
-// What connecting to the socket file answers: 0, or the error.
-int connectError(std::string const& path) {
-    int const probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (probe < 0) {
-        return errno;
-    }
-    sockaddr_un const address = unixAddress(path);
-    int const error = connect(probe, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 ? 0 : errno;
-    close(probe);
-    return error;
-}
-
 } // namespace
 
 ListenAddress ListenAddress::parse(std::string_view text) {
@@ -102,48 +80,27 @@ std::string ListenAddress::asString() const {
 }
 
 ListeningSocket::ListeningSocket(ListenAddress const& address, mode_t unixMode) : m_address(address) {
-    try {
-        if (m_address.isUnix()) {
-            listenUnix(unixMode);
-        } else {
-            listenInet();
-        }
-    } catch (...) {
-        release();
-        throw;
-    }
-}
-
-ListeningSocket::~ListeningSocket() {
-    release();
-}
-
-void ListeningSocket::release() {
-    struct stat now {};
-    if (m_inode != 0 && lstat(m_address.path.c_str(), &now) == 0 && now.st_dev == m_device && now.st_ino == m_inode) {
-        unlink(m_address.path.c_str());
-    }
-    if (m_descriptor >= 0) {
-        close(m_descriptor);
-    }
-}
-
-void ListeningSocket::open(int family) {
-    m_descriptor = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_descriptor < 0) {
-        fail("socket", errno);
+    if (address.isUnix()) {
+        m_unix.emplace(address.path, unixMode);
+    } else {
+        listenInet();
     }
 }
 
 void ListeningSocket::listenInet() {
     bool const isV6 = m_address.inet.address().isV6();
-    open(isV6 ? AF_INET6 : AF_INET);
+    m_inet = FileDescriptor(socket(isV6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!m_inet) {
+        fail("socket");
+    }
     // Accepted connections inherit these. An answer is one small segment that nothing follows, and a peer whose machine
     // is gone never says so: only the kernel's probes tell it from one that has nothing to ask.
-    int const on = 1;
-    setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    setsockopt(m_descriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(m_descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setOption(SOL_SOCKET, SO_REUSEADDR);
+    setOption(SOL_SOCKET, SO_KEEPALIVE);
+    setOption(IPPROTO_TCP, TCP_NODELAY);
+    if (isV6) {
+        setOption(IPPROTO_IPV6, IPV6_V6ONLY);
+    }
     auto const& bytes = m_address.inet.address().bytes();
     auto const port = htons(static_cast<std::uint16_t>(m_address.inet.port()));
     sockaddr_in v4{AF_INET, port, {}, {}};
@@ -152,73 +109,28 @@ void ListeningSocket::listenInet() {
     std::memcpy(&v6.sin6_addr, bytes.data(), sizeof v6.sin6_addr);
     auto* const address = isV6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4);
     socklen_t length = isV6 ? sizeof v6 : sizeof v4;
-    if (isV6) {
-        setsockopt(m_descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    if (bind(m_inet.get(), address, length) != 0) {
+        fail("bind");
     }
-    if (bind(m_descriptor, address, length) != 0) {
-        fail("bind", errno);
+    if (listen(m_inet.get(), SOMAXCONN) != 0) {
+        fail("listen");
     }
-    if (listen(m_descriptor, SOMAXCONN) != 0) {
-        fail("listen", errno);
-    }
-    if (getsockname(m_descriptor, address, &length) != 0) {
-        fail("getsockname", errno);
+    if (getsockname(m_inet.get(), address, &length) != 0) {
+        fail("getsockname");
     }
     m_address.inet = {m_address.inet.address(), ntohs(isV6 ? v6.sin6_port : v4.sin_port)};
 }
 
-void ListeningSocket::listenUnix(mode_t mode) {
-    removeStaleFile();
-    open(AF_UNIX);
-    // Before bind(), this sets the permissions that the file is made with (less the umask); the umask's bits come back
-    // afterwards. So the file is never open to more users than it should be.
-    if (fchmod(m_descriptor, mode) != 0) {
-        fail("fchmod", errno);
-    }
-    sockaddr_un const address = unixAddress(m_address.path);
-    if (bind(m_descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
-        fail("bind", errno);
-    }
-    struct stat made {};
-    if (lstat(m_address.path.c_str(), &made) != 0) {
-        fail("lstat", errno);
-    }
-    m_device = made.st_dev;
-    m_inode = made.st_ino;
-    if ((made.st_mode & ALLPERMS) != mode &&
-        fchmodat(AT_FDCWD, m_address.path.c_str(), mode, AT_SYMLINK_NOFOLLOW) != 0) {
-        fail("chmod", errno);
-    }
-    if (listen(m_descriptor, SOMAXCONN) != 0) {
-        fail("listen", errno);
+void ListeningSocket::setOption(int level, int option) const {
+    int const on = 1;
+    if (setsockopt(m_inet.get(), level, option, &on, sizeof on) != 0) {
+        fail("setsockopt");
     }
 }
 
-void ListeningSocket::removeStaleFile() const {
-    struct stat found {};
-    if (lstat(m_address.path.c_str(), &found) != 0) {
-        return; // nothing there, or bind() will say what is wrong with the path
-    }
-    if (!S_ISSOCK(found.st_mode)) {
-        throw Exception("ListeningSocket::ListeningSocket", Exception::failure, "ListeningSocket")
-            .stringParameter(m_address.asString() + ": something that is not a socket is there already");
-    }
-    int const error = connectError(m_address.path);
-    if (error == 0 || error == EAGAIN) { // its queue may be full
-        throw Exception("ListeningSocket::ListeningSocket", Exception::failure, "ListeningSocket")
-            .stringParameter(m_address.asString() + ": another process listens there");
-    }
-    if (error != ECONNREFUSED) {
-        fail("connect, to see whether the socket there is in use", error);
-    }
-    if (unlink(m_address.path.c_str()) != 0) {
-        fail("unlink of the left-over socket", errno);
-    }
-}
-
-void ListeningSocket::fail(std::string const& operation, int error) const {
+void ListeningSocket::fail(char const* operation) const {
     throw Exception("ListeningSocket::ListeningSocket", Exception::failure, "ListeningSocket")
-        .stringParameter(m_address.asString() + ": " + operation + ": " + std::generic_category().message(error));
+        .stringParameter(m_address.asString() + ": " + operation + ": " + std::generic_category().message(errno));
 }
 
 } // namespace Vellum::Daemon

@@ -3,8 +3,11 @@
 //   inet:127.0.0.1:10031   inet:[::1]:10031   unix:/run/vellum/policy
 #pragma once
 
+#include "foundation/FileDescriptor.h"
 #include "foundation/SocketAddress.h"
+#include "foundation/UnixListener.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -22,37 +25,28 @@ struct ListenAddress {
     std::string asString() const;
 };
 
-// A non-blocking listening socket, closed at the end of its life.
-//
-// A Unix socket gets exactly the permissions asked for, whatever the umask, and at no moment wider ones. A socket file
-// left over by a process that died is replaced: only if it is a socket and nobody answers behind it. Anything else at
-// that path, a symbolic link too, is left alone and refused. At the end the file is removed, unless somebody has put
-// another in its place.
+// A non-blocking listening socket, closed at the end of its life. What becomes of the file of a Unix socket is said in
+// foundation/UnixListener.h.
 class ListeningSocket {
   public:
     // Throws Exception naming the address and the system's reason.
     ListeningSocket(ListenAddress const& address, mode_t unixMode);
-    ~ListeningSocket();
     ListeningSocket(ListeningSocket const&) = delete;
     ListeningSocket& operator=(ListeningSocket const&) = delete;
 
-    int descriptor() const { return m_descriptor; }
+    int descriptor() const { return m_unix ? m_unix->descriptor() : m_inet.get(); }
     // Where it listens; a port 0 is replaced by the one that the kernel chose.
     ListenAddress const& address() const { return m_address; }
 
   private:
     void listenInet();
-    void listenUnix(mode_t mode);
-    void removeStaleFile() const;
-    void open(int family);
-    void release();
-    [[noreturn]] void fail(std::string const& operation, int error) const;
+    void setOption(int level, int option) const;
+    [[noreturn]] void fail(char const* operation) const;
 
     ListenAddress m_address;
-    int m_descriptor = -1;
-    // The socket file as it was made; 0 when there is none.
-    dev_t m_device = 0;
-    ino_t m_inode = 0;
+    // One of them.
+    FileDescriptor m_inet;
+    std::optional<UnixListener> m_unix;
 };
 
 } // namespace Vellum::Daemon

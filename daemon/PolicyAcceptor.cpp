@@ -1,14 +1,12 @@
 #include "daemon/PolicyAcceptor.h"
 
-#include "foundation/Exception.h"
+#include "foundation/ServiceThread.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <netinet/in.h>
 #include <new>
-#include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <system_error>
 
@@ -40,33 +38,24 @@ bool isExhaustion(int error) {
 } // namespace
 
 PolicyAcceptor::PolicyAcceptor(Sockets const& sockets, Workers const& workers, Limits limits)
-    : m_sockets(sockets), m_workers(workers), m_limits(limits), m_wake(makeEvent()), m_epoll(makeEpoll(m_wake.get())) {
+    : m_sockets(sockets), m_workers(workers), m_limits(limits) {
     for (auto const& socket : m_sockets) {
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.ptr = socket.get();
-        if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, socket->descriptor(), &event) != 0) {
-            throw Exception("PolicyAcceptor::PolicyAcceptor", Exception::failure, "PolicyAcceptor")
-                .stringParameter("epoll_ctl: " + std::generic_category().message(errno));
-        }
+        m_ready.add(socket->descriptor(), EPOLLIN, socket.get());
     }
     m_thread = startServiceThread("policy-accept", [this] { run(); });
 }
 
 PolicyAcceptor::~PolicyAcceptor() {
     m_ending.store(true);
-    signalEvent(m_wake.get());
+    m_ready.wake();
     m_thread.join();
 }
 
 void PolicyAcceptor::run() {
-    std::array<epoll_event, 16> events;
+    std::array<epoll_event, 16> memory;
     while (!m_ending.load()) {
-        int const ready = epoll_wait(m_epoll.get(), events.data(), events.size(), -1);
-        for (int i = 0; i < ready; ++i) {
-            if (auto const* const socket = static_cast<ListeningSocket const*>(events[i].data.ptr)) {
-                acceptAll(*socket);
-            }
+        for (epoll_event const& event : m_ready.wait(memory, EpollSet::forEver)) {
+            acceptAll(*static_cast<ListeningSocket const*>(event.data.ptr));
         }
     }
 }
@@ -81,19 +70,19 @@ void PolicyAcceptor::acceptAll(ListeningSocket const& socket) {
         next = acceptFailed(socket, ENOMEM);
     }
     if (next == Next::pause) {
-        pause();
+        m_ready.pause(static_cast<int>(pauseTime.count()));
     }
 }
 
 PolicyAcceptor::Next PolicyAcceptor::acceptOne(ListeningSocket const& socket) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    int const descriptor =
-        accept4(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (descriptor < 0) {
+    FileDescriptor taken(
+        accept4(socket.descriptor(), reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!taken) {
         return acceptFailed(socket, errno);
     }
-    auto connection = PolicyConnection::take(descriptor, peerAddress(address));
+    auto connection = std::make_unique<PolicyConnection>(std::move(taken), peerAddress(address));
     m_exhausted.ends("policy: accepting connections again");
     if (isFull() && !makeRoom()) {
         m_refused.increment();
@@ -159,11 +148,6 @@ bool PolicyAcceptor::makeRoom() {
     auto const before = PolicyWorker::Clock::now() - m_limits.silentGrace;
     return std::any_of(m_workers.begin(), m_workers.end(),
                        [before](auto const& worker) { return worker->closeSilent(before); });
-}
-
-void PolicyAcceptor::pause() {
-    pollfd wake{m_wake.get(), POLLIN, 0};
-    poll(&wake, 1, static_cast<int>(pauseTime.count()));
 }
 
 } // namespace Vellum::Daemon

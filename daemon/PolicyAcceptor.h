@@ -11,7 +11,9 @@
 // connections and says nothing does not keep the mail server out.
 #pragma once
 
+#include "daemon/EpollSet.h"
 #include "daemon/ListeningSocket.h"
+#include "daemon/OngoingTrouble.h"
 #include "daemon/PolicyWorker.h"
 
 #include <atomic>
@@ -37,7 +39,7 @@ class PolicyAcceptor {
         std::chrono::milliseconds silentGrace;
     };
 
-    // Starts the thread. Sockets and workers are borrowed and stay as they are. Throws Exception.
+    // Starts the thread. Sockets and workers are borrowed and stay as they are. Throws as PolicyWorker does.
     PolicyAcceptor(Sockets const& sockets, Workers const& workers, Limits limits);
     // Waits for the thread. The sockets stay open.
     ~PolicyAcceptor();
@@ -58,7 +60,6 @@ class PolicyAcceptor {
     PolicyWorker& workerForNext() const;
     bool isFull() const;
     bool makeRoom();
-    void pause();
 
     Sockets const& m_sockets;
     Workers const& m_workers;
@@ -70,8 +71,7 @@ class PolicyAcceptor {
     PolicyCounter m_refused;
 
     std::atomic<bool> m_ending{false};
-    Descriptor m_wake; // an event descriptor, readable once m_ending
-    Descriptor m_epoll;
+    EpollSet m_ready;     // woken once m_ending
     std::thread m_thread; // last: it uses everything above
 };
 

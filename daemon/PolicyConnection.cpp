@@ -1,12 +1,8 @@
 #include "daemon/PolicyConnection.h"
 
-#include "foundation/Escape.h"
-#include "foundation/Exception.h"
-
 #include <cerrno>
 #include <sys/socket.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace Vellum::Daemon {
 namespace {
@@ -30,19 +26,6 @@ void discard(std::string& text) {
 
 } // namespace
 
-std::unique_ptr<PolicyConnection> PolicyConnection::take(int socket, SocketAddress const& peer) {
-    try {
-        return std::unique_ptr<PolicyConnection>(new PolicyConnection(socket, peer));
-    } catch (...) {
-        close(socket);
-        throw;
-    }
-}
-
-PolicyConnection::~PolicyConnection() {
-    close(m_socket);
-}
-
 PolicyConnection::Wants PolicyConnection::proceed(Workplace& workplace) {
     m_wants = m_unsent.empty() ? read(workplace) : write(workplace);
     return m_wants;
@@ -54,7 +37,7 @@ PolicyConnection::Wants PolicyConnection::write(Workplace& workplace) {
 }
 
 PolicyConnection::Wants PolicyConnection::read(Workplace& workplace) {
-    ssize_t const received = recv(m_socket, workplace.input.data(), workplace.input.size(), 0);
+    ssize_t const received = recv(socket(), workplace.input.data(), workplace.input.size(), 0);
     if (received == 0) {
         return endOfInput(workplace);
     }
@@ -142,7 +125,7 @@ void PolicyConnection::sendAnswers(std::string& answers) {
     if (answers.empty()) {
         return;
     }
-    ssize_t const sent = send(m_socket, answers.data(), answers.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t const sent = send(socket(), answers.data(), answers.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno == EAGAIN) {
         m_unsent = answers;
     } else if (sent >= 0 && static_cast<std::size_t>(sent) < answers.size()) {
@@ -152,7 +135,7 @@ void PolicyConnection::sendAnswers(std::string& answers) {
 }
 
 void PolicyConnection::sendRest() {
-    ssize_t const sent = send(m_socket, m_unsent.data(), m_unsent.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t const sent = send(socket(), m_unsent.data(), m_unsent.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
         m_unsent.erase(0, static_cast<std::size_t>(sent));
     } else if (errno != EAGAIN && errno != EINTR) {
@@ -186,7 +169,7 @@ std::string PolicyConnection::peer() const {
     }
     ucred owner{};
     socklen_t length = sizeof owner;
-    if (getsockopt(m_socket, SOL_SOCKET, SO_PEERCRED, &owner, &length) != 0) {
+    if (getsockopt(socket(), SOL_SOCKET, SO_PEERCRED, &owner, &length) != 0) {
         return "unknown process";
     }
     return "process " + std::to_string(owner.pid) + " of user " + std::to_string(owner.uid);
@@ -194,7 +177,7 @@ std::string PolicyConnection::peer() const {
 
 void PolicyConnection::shutDown() {
     m_shutDown.store(true, std::memory_order_relaxed);
-    shutdown(m_socket, SHUT_RDWR);
+    shutdown(socket(), SHUT_RDWR);
 }
 
 } // namespace Vellum::Daemon

@@ -7,16 +7,17 @@
 // Used by the one thread that serves it; wasServed() and shutDown() by any.
 #pragma once
 
-#include "daemon/NoteLimiter.h"
 #include "daemon/PolicyAnswerer.h"
+#include "foundation/FileDescriptor.h"
+#include "foundation/NoteLimiter.h"
 #include "foundation/SocketAddress.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Vellum::Daemon {
@@ -63,17 +64,14 @@ class PolicyConnection {
         PolicyCounter failedAnswers;
     };
 
-    // Takes over the socket; `peer` is null for a Unix socket. The socket is closed when this throws std::bad_alloc.
-    static std::unique_ptr<PolicyConnection> take(int socket, SocketAddress const& peer);
-    ~PolicyConnection();
-    PolicyConnection(PolicyConnection const&) = delete;
-    PolicyConnection& operator=(PolicyConnection const&) = delete;
+    // `peer` is null for a Unix socket.
+    PolicyConnection(FileDescriptor socket, SocketAddress const& peer) : m_socket(std::move(socket)), m_peer(peer) {}
 
     // To be called when the socket is ready for what wants() says. Answers what it wants next. Never waits.
     Wants proceed(Workplace& workplace);
     Wants wants() const { return m_wants; }
 
-    int socket() const { return m_socket; }
+    int socket() const { return m_socket.get(); }
     // "127.0.0.1:4711", or "process 815 of user 104".
     std::string peer() const;
     Clock::time_point since() const { return m_since; }
@@ -84,8 +82,6 @@ class PolicyConnection {
     bool wasShutDown() const { return m_shutDown.load(std::memory_order_relaxed); }
 
   private:
-    PolicyConnection(int socket, SocketAddress const& peer) : m_socket(socket), m_peer(peer) {}
-
     static constexpr std::size_t outputPiece = std::size_t{16} * 1024;
 
     Wants write(Workplace& workplace);
@@ -98,7 +94,7 @@ class PolicyConnection {
     Wants endOfInput(Workplace& workplace);
     Wants brokenProtocol(std::string_view bytes, Workplace& workplace);
 
-    int const m_socket;
+    FileDescriptor const m_socket;
     SocketAddress const m_peer;
     Clock::time_point const m_since = Clock::now();
     std::atomic<bool> m_served{false};

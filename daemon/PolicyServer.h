@@ -3,8 +3,8 @@
 //   PolicyServer server(answerer);
 //   server.start({.listen = {ListenAddress::parse("unix:/run/vellum/policy")}});
 //
-// Threads: one accepts; the workers, as many as cores unless told otherwise, serve the connections, each its own share,
-// and call the answerer. None of them waits for a client: a request is answered in the thread that read it.
+// Threads: one accepts; the workers, as many as cores unless told otherwise, serve the connections, each its own, and
+// call the answerer. None of them waits for a client: a request is answered in the thread that read it.
 //
 // A connection is never closed for saying nothing: a mail server keeps its connections, and finding one closed costs it
 // a second. What ends a connection is its client, stop(), bytes that break the protocol (PolicyRequest.h; one line in
@@ -13,6 +13,7 @@
 
 #include "daemon/ListeningSocket.h"
 #include "daemon/PolicyAnswerer.h"
+#include "foundation/Locks.h"
 
 #include <chrono>
 #include <cstdint>
@@ -25,7 +26,7 @@ namespace Vellum::Daemon {
 struct PolicyServerOptions {
     std::vector<ListenAddress> listen{};          // at least one
     mode_t socketMode = 0666;                     // of Unix sockets: like TCP on the loopback, open to every local user
-    unsigned int workers = 0;                     // threads; 0: one for each core
+    unsigned int workers = 0;                     // threads at most; 0: one for each core
     std::size_t maxConnections = 10000;           // what lies between this and the limit of descriptors is for others
     std::chrono::milliseconds silentGrace{10000}; // see PolicyAcceptor.h
 };
@@ -48,14 +49,15 @@ class PolicyServer {
     PolicyServer(PolicyServer const&) = delete;
     PolicyServer& operator=(PolicyServer const&) = delete;
 
-    // Listens and serves from now on. Throws Exception naming address and reason; then nothing is served. start(),
-    // stop() and the others are called by one thread at a time.
+    // Listens and serves from now on. Throws Exception naming address and reason; then nothing is served. start()
+    // and stop() are called by one thread at a time.
     void start(PolicyServerOptions const& options);
     // Stops listening, answers the requests that have arrived completely, closes all connections and waits for the
     // threads. Does nothing when it is not running. May be started again.
     void stop();
 
-    // Where it listens, in the order of the options, ports chosen by the kernel filled in; empty when it does not run.
+    // Thread-safe, both. Where it listens, in the order of the options, ports chosen by the kernel filled in; empty
+    // when it does not run.
     std::vector<ListenAddress> addresses() const;
     // All zero when it does not run.
     PolicyServerFigures figures() const;
@@ -64,7 +66,8 @@ class PolicyServer {
     struct Running;
 
     PolicyAnswerer& m_answerer;
-    std::unique_ptr<Running> m_running;
+    mutable Mutex m_mutex;
+    std::unique_ptr<Running> m_running VELLUM_GUARDED_BY(m_mutex);
 };
 
 } // namespace Vellum::Daemon

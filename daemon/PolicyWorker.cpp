@@ -1,18 +1,13 @@
 #include "daemon/PolicyWorker.h"
 
-#include "foundation/Exception.h"
+#include "foundation/ServiceThread.h"
 
-#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <sys/epoll.h>
-#include <system_error>
 
 namespace Vellum::Daemon {
 namespace {
 
 constexpr std::size_t eventsAtOnce = 64;
-constexpr int untilSomethingHappens = -1;
 
 std::uint32_t eventsFor(PolicyConnection::Wants wants) {
     return wants == PolicyConnection::Wants::outputSpace ? EPOLLOUT : EPOLLIN;
@@ -21,29 +16,26 @@ std::uint32_t eventsFor(PolicyConnection::Wants wants) {
 } // namespace
 
 PolicyWorker::PolicyWorker(PolicyAnswerer& answerer, PolicyNotes& notes, std::string const& name)
-    : m_workplace(answerer, notes), m_wake(makeEvent()), m_epoll(makeEpoll(m_wake.get())) {
+    : m_workplace(answerer, notes) {
     m_thread = startServiceThread(name, [this] { run(); });
 }
 
 PolicyWorker::~PolicyWorker() {
     m_ending.store(true);
-    signalEvent(m_wake.get());
+    m_ready.wake();
     m_thread.join();
 }
 
 void PolicyWorker::adopt(std::unique_ptr<PolicyConnection> connection) {
     PolicyConnection* const taken = connection.get();
     Synchronized const holding(m_mutex);
-    epoll_event event{};
-    event.events = eventsFor(taken->wants());
-    event.data.ptr = taken;
     m_connections.emplace(taken, std::move(connection));
-    // Last: the thread may serve it, and close it, from here on; closing waits for the lock.
-    if (epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, taken->socket(), &event) != 0) {
-        int const error = errno;
+    try {
+        // Last: the thread may serve it, and close it, from here on; closing waits for the lock.
+        m_ready.add(taken->socket(), eventsFor(taken->wants()), taken);
+    } catch (...) {
         m_connections.erase(taken);
-        throw Exception("PolicyWorker::adopt", Exception::failure, "PolicyWorker")
-            .stringParameter("epoll_ctl: " + std::generic_category().message(error));
+        throw;
     }
     m_count.store(m_connections.size(), std::memory_order_relaxed);
 }
@@ -65,7 +57,7 @@ bool PolicyWorker::closeSilent(Clock::time_point before) {
 
 void PolicyWorker::run() {
     while (!m_ending.load()) {
-        serveReady(untilSomethingHappens);
+        serveReady(EpollSet::forEver);
     }
     lastRounds();
     Synchronized const holding(m_mutex);
@@ -81,16 +73,13 @@ void PolicyWorker::lastRounds() {
     }
 }
 
-std::size_t PolicyWorker::serveReady(int timeoutMilliseconds) {
-    std::array<epoll_event, eventsAtOnce> events;
-    int const ready = epoll_wait(m_epoll.get(), events.data(), eventsAtOnce, timeoutMilliseconds);
-    auto const count = static_cast<std::size_t>(std::max(ready, 0)); // below 0: interrupted
-    for (std::size_t i = 0; i < count; ++i) {
-        if (auto* const connection = static_cast<PolicyConnection*>(events[i].data.ptr)) {
-            serve(*connection);
-        }
+std::size_t PolicyWorker::serveReady(int milliseconds) {
+    std::array<epoll_event, eventsAtOnce> memory;
+    auto const ready = m_ready.wait(memory, milliseconds);
+    for (epoll_event const& event : ready) {
+        serve(*static_cast<PolicyConnection*>(event.data.ptr));
     }
-    return count;
+    return ready.size();
 }
 
 void PolicyWorker::serve(PolicyConnection& connection) {
@@ -100,22 +89,12 @@ void PolicyWorker::serve(PolicyConnection& connection) {
         if (wants == PolicyConnection::Wants::closing) {
             drop(connection);
         } else if (wants != wanted) {
-            watch(connection);
+            m_ready.change(connection.socket(), eventsFor(wants), &connection);
         }
     } catch (std::exception const& e) { // no memory for this connection: the others go on
         m_workplace.notes.brokenConnection.note(Logger::Severity::error,
                                                 std::string("policy: a connection had to be closed: ") + e.what());
         drop(connection);
-    }
-}
-
-void PolicyWorker::watch(PolicyConnection& connection) {
-    epoll_event event{};
-    event.events = eventsFor(connection.wants());
-    event.data.ptr = &connection;
-    if (epoll_ctl(m_epoll.get(), EPOLL_CTL_MOD, connection.socket(), &event) != 0) {
-        throw Exception("PolicyWorker::watch", Exception::failure, "PolicyWorker")
-            .stringParameter("epoll_ctl: " + std::generic_category().message(errno));
     }
 }
 

@@ -1,8 +1,8 @@
 // One thread of a policy server, and the connections it serves.
 #pragma once
 
+#include "daemon/EpollSet.h"
 #include "daemon/PolicyConnection.h"
-#include "daemon/ServiceThread.h"
 #include "foundation/Locks.h"
 
 #include <atomic>
@@ -19,7 +19,8 @@ class PolicyWorker {
   public:
     using Clock = PolicyConnection::Clock;
 
-    // Starts the thread, under that name (at most 15 characters). Both arguments are borrowed. Throws Exception.
+    // Starts the thread, under that name (at most 15 characters). Answerer and notes are borrowed. Throws Exception,
+    // and std::system_error when there is no thread to be had.
     PolicyWorker(PolicyAnswerer& answerer, PolicyNotes& notes, std::string const& name);
     // Answers what has arrived by now, closes all connections, and waits for the thread.
     ~PolicyWorker();
@@ -41,15 +42,13 @@ class PolicyWorker {
   private:
     void run();
     void lastRounds();
-    std::size_t serveReady(int timeoutMilliseconds);
+    std::size_t serveReady(int milliseconds);
     void serve(PolicyConnection& connection);
-    void watch(PolicyConnection& connection);
     void drop(PolicyConnection& connection);
 
     PolicyConnection::Workplace m_workplace; // the thread's own, but for its counters
     std::atomic<bool> m_ending{false};
-    Descriptor m_wake; // an event descriptor, readable once m_ending
-    Descriptor m_epoll;
+    EpollSet m_ready; // woken once m_ending
     std::atomic<std::size_t> m_count{0};
 
     Mutex m_mutex; // held for a few instructions, and while a socket is closed

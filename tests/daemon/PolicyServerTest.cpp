@@ -421,6 +421,12 @@ TEST_F(PolicyServerTest, StartsAndStopsManyTimesUnderLoad) {
             }
         }
     });
+    std::thread observer([&] {
+        while (!done) {
+            EXPECT_EQ(server.figures().protocolErrors, 0U);
+            EXPECT_LE(server.addresses().size(), 2U);
+        }
+    });
     for (int i = 0; i < 20; ++i) {
         start();
         running = true;
@@ -430,6 +436,7 @@ TEST_F(PolicyServerTest, StartsAndStopsManyTimesUnderLoad) {
     }
     done = true;
     client.join();
+    observer.join();
 }
 
 TEST_F(PolicyServerTest, StartRefusesToRunTwiceOrNowhere) {
