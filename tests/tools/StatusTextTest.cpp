@@ -1,0 +1,157 @@
+#include "tools/vellumctl/StatusText.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace Vellum::Tools {
+namespace {
+
+constexpr std::int64_t now = 1795255440; // 2026-11-21 10:04:00 UTC
+
+class StatusText : public testing::Test {
+  protected:
+    StatusText() {
+        ::setenv("TZ", "UTC", 1);
+        ::tzset();
+    }
+
+    static Json load(std::uint64_t rows) {
+        return {{"attempted", true}, {"loaded", true}, {"rows", rows}, {"problem", ""}};
+    }
+    static Json status() {
+        return {{"version", "1.2.3"},
+                {"pid", 4711},
+                {"started", now - 3 * 86400 - 4 * 3600},
+                {"uptime_seconds", 3 * 86400 + 4 * 3600},
+                {"settings", "/etc/vellum/vellumd.toml"},
+                {"policy_listeners", {"127.0.0.1:10023", "unix:/run/vellum/policy"}},
+                {"greylist",
+                 {{"tuples", {{"size", 123456}, {"capacity", 1000000}, {"load", load(123000)}}},
+                  {"exemptions", {{"size", 1}, {"capacity", 0}, {"load", load(1)}}}}},
+                {"backup",
+                 {{"allowed", true},
+                  {"reason", ""},
+                  {"last",
+                   {{"accepted", true},
+                    {"started", now - 180},
+                    {"milliseconds", 340},
+                    {"tuples", 123456},
+                    {"exemptions", 1},
+                    {"left_out", 0},
+                    {"bytes", 12345678},
+                    {"problem", ""}}}}},
+                {"database", {{"reachable", true}, {"as_of", now - 60}, {"problem", ""}}},
+                {"decisions",
+                 {{{"action", "defer"}, {"reason", "new"}, {"count", 1234}},
+                  {{"action", "pass"}, {"reason", "known"}, {"count", 99999}}}}};
+    }
+};
+
+TEST_F(StatusText, AHealthyDaemonAtAGlance) {
+    EXPECT_EQ(statusText(status(), now),
+              "Daemon       1.2.3, process 4711, up 3 d 4 h (since 2026-11-18 06:04)\n"
+              "Settings     /etc/vellum/vellumd.toml\n"
+              "Policy       127.0.0.1:10023, unix:/run/vellum/policy\n"
+              "Tuples       123456 of 1000000 (12 %); 123000 rows loaded\n"
+              "Exemptions   1 of 0; 1 row loaded\n"
+              "Backups      on\n"
+              "Last backup  2026-11-21 10:01 (3 min ago): 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
+              "Database     reachable, as of 2026-11-21 10:03 (1 min ago)\n"
+              "Decisions    defer new               1234\n"
+              "             pass known              99999\n");
+}
+
+TEST_F(StatusText, WhatIsWrongStandsOut) {
+    Json ill = status();
+    ill["greylist"]["tuples"]["load"] = {
+        {"attempted", true}, {"loaded", false}, {"rows", 0}, {"problem", "row 17 of grey_list"}};
+    ill["greylist"]["exemptions"]["load"] = {{"attempted", false}};
+    ill["backup"] = {{"allowed", false}, {"reason", "the last load failed"}, {"last", nullptr}};
+    ill["database"] = {{"reachable", false}, {"as_of", now}, {"problem", "Connection refused"}};
+    ill["decisions"] = Json::array();
+    EXPECT_EQ(statusText(ill, now), "Daemon       1.2.3, process 4711, up 3 d 4 h (since 2026-11-18 06:04)\n"
+                                    "Settings     /etc/vellum/vellumd.toml\n"
+                                    "Policy       127.0.0.1:10023, unix:/run/vellum/policy\n"
+                                    "Tuples       123456 of 1000000 (12 %); THE LAST LOAD FAILED: row 17 of grey_list\n"
+                                    "Exemptions   1 of 0; nothing loaded yet\n"
+                                    "Backups      OFF: the last load failed\n"
+                                    "Last backup  none since the start\n"
+                                    "Database     NOT REACHABLE, as of 2026-11-21 10:04 (now): Connection refused\n");
+}
+
+TEST_F(StatusText, WhatADaemonDoesNotTellIsLeftOut) {
+    EXPECT_EQ(statusText(Json::object(), now), "Daemon       -, process 0, up 0 s (since 1970-01-01 00:00)\n"
+                                               "Settings     -\n"
+                                               "Policy       -\n"
+                                               "Tuples       0 of 0; nothing loaded yet\n"
+                                               "Exemptions   0 of 0; nothing loaded yet\n"
+                                               "Backups      OFF: -\n"
+                                               "Last backup  none since the start\n"
+                                               "Database     not asked yet\n");
+}
+
+TEST_F(StatusText, TextsOfTheDaemonCannotDriveATerminal) {
+    Json forged = status();
+    forged["settings"] = "\x1b[2J\nBackups      on";
+    EXPECT_NE(statusText(forged, now).find("Settings     \\x1b[2J\\nBackups      on\n"), std::string::npos);
+}
+
+TEST_F(StatusText, AnAnswerOfAnotherTypeIsNoticed) {
+    Json wrong = status();
+    wrong["settings"] = 7;
+    EXPECT_THROW(statusText(wrong, now), Json::exception);
+}
+
+TEST_F(StatusText, LoadsThatSucceededHaveNoProblem) {
+    EXPECT_EQ(loadProblem(status()), "");
+    EXPECT_EQ(loadedText(status()), "123000 tuples and 1 exemption loaded");
+}
+
+TEST_F(StatusText, EachLoadThatFailedIsNamedWithItsRow) {
+    Json failed = status();
+    failed["greylist"]["tuples"]["load"] = {{"attempted", true}, {"loaded", false}, {"problem", "row 17 of grey_list"}};
+    EXPECT_EQ(loadProblem(failed), "the tuples could not be loaded: row 17 of grey_list");
+    failed["greylist"]["exemptions"]["load"] = {{"attempted", false}};
+    EXPECT_EQ(loadProblem(failed), "the tuples could not be loaded: row 17 of grey_list; "
+                                   "the exemptions could not be loaded: not tried");
+}
+
+TEST_F(StatusText, ABackupSaysWhatIsNotInIt) {
+    Json backup = status()["backup"]["last"];
+    backup["left_out"] = 2;
+    EXPECT_EQ(backupText(backup),
+              "123456 tuples and 1 exemption, 12.3 MB in 340 ms, 2 records left out (the log says which)");
+    backup["accepted"] = false;
+    backup["problem"] = "no daemon";
+    EXPECT_EQ(backupText(backup), "FAILED: no daemon");
+}
+
+TEST_F(StatusText, ARestoreIsPreviewedBesideWhatItReplaces) {
+    Json preview = {{"path", "/backup.sql"},
+                    {"script",
+                     {{"bytes", 1000},
+                      {"modified", now - 3600},
+                      {"tuples", 10},
+                      {"exemptions", 2},
+                      {"newest", now - 7200},
+                      {"complete", true}}},
+                    {"tables", {{"tuples", 11}, {"exemptions", 3}}},
+                    {"caches", {{"tuples", 12}, {"exemptions", 4}}}};
+    EXPECT_EQ(previewText(preview, now), "Script       /backup.sql\n"
+                                         "             written 2026-11-21 09:04 (1 h ago), 1.0 kB\n"
+                                         "             10 tuples and 2 exemptions, the newest of 2026-11-21 08:04 "
+                                         "(2 h ago)\n"
+                                         "Replaces     11 tuples and 3 exemptions in the tables\n"
+                                         "             12 tuples and 4 exemptions in the daemon's memory\n"
+                                         "Whatever is newer than the script is lost.\n");
+    preview["script"]["complete"] = false;
+    preview["script"]["newest"] = 0;
+    std::string const text = previewText(preview, now);
+    EXPECT_NE(text.find("IT DOES NOT END AS A BACKUP DOES"), std::string::npos);
+    EXPECT_EQ(text.find("the newest of"), std::string::npos);
+}
+
+} // namespace
+} // namespace Vellum::Tools

@@ -1,0 +1,141 @@
+#include "tools/vellumctl/AdminCommands.h"
+
+#include "foundation/Escape.h"
+#include "tools/vellumctl/Failure.h"
+#include "tools/vellumctl/StatusText.h"
+
+#include <ctime>
+#include <iostream>
+#include <unistd.h>
+
+namespace Vellum::Tools {
+namespace {
+
+// The daemon's own words for what went wrong; empty when nothing did.
+std::string errorIn(Json const& answer) {
+    auto const found = answer.find("error");
+    if (found == answer.end()) {
+        return {};
+    }
+    return found->is_string() ? escapeForLog(found->get<std::string>()) : found->dump();
+}
+
+// Asks on standard error, so that standard output holds nothing but the result.
+bool confirmed() {
+    std::cerr << "Restore it? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+} // namespace
+
+void AdminCommands::writeJson(Json const& answer) {
+    m_output.write(answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n");
+    m_output.flush();
+}
+
+void AdminCommands::writeText(std::string const& text) {
+    m_output.write(text);
+    m_output.flush();
+}
+
+void AdminCommands::settle(Json const& answer) {
+    if (m_json) {
+        writeJson(answer);
+    }
+    std::string const error = errorIn(answer);
+    if (!error.empty()) {
+        throw Failure(ExitCode::failed, error);
+    }
+}
+
+void AdminCommands::status() {
+    DaemonConnection daemon(m_place);
+    Json const answer = daemon.ask(IPC::PduType::adminStatus);
+    settle(answer);
+    if (!m_json) {
+        writeText(statusText(answer, std::time(nullptr)));
+    }
+}
+
+void AdminCommands::backup() {
+    DaemonConnection daemon(m_place);
+    Json const answer = daemon.ask(IPC::PduType::adminBackup);
+    settle(answer);
+    if (!m_json) {
+        writeText("the database daemon has the backup: " + backupText(answer) + "\n");
+    }
+}
+
+void AdminCommands::acceptEmpty() {
+    DaemonConnection daemon(m_place);
+    Json const answer = daemon.ask(IPC::PduType::adminAcceptEmpty);
+    settle(answer);
+    if (!m_json) {
+        writeText(acceptedText(answer));
+    }
+}
+
+Json AdminCommands::statusAfterReload(DaemonConnection& daemon) {
+    try {
+        return daemon.ask(IPC::PduType::adminStatus);
+    } catch (Failure const&) {
+        // The daemon ends the connection of a request that failed altogether.
+    }
+    DaemonConnection again(m_place);
+    Json const status = again.ask(IPC::PduType::adminStatus);
+    if (m_json) {
+        writeJson(status);
+    }
+    throw Failure(ExitCode::failed, "the daemon could not reload, its log says why; most likely the database cannot be "
+                                    "reached");
+}
+
+void AdminCommands::reload() {
+    DaemonConnection daemon(m_place);
+    daemon.ask(IPC::PduType::adminStatus); // a daemon that does not serve us says so now, not after the reload
+    daemon.send(IPC::PduType::reloadGreylist);
+    Json const status = statusAfterReload(daemon);
+    settle(status);
+    std::string const problem = loadProblem(status);
+    if (!problem.empty()) {
+        throw Failure(ExitCode::failed, problem +
+                                            "\nWhat could not be loaded is as it was before, and backups stay off. "
+                                            "Correct the row and reload, or give the table's rows up with "
+                                            "\"vellumctl greylist accept-empty\".");
+    }
+    if (!m_json) {
+        writeText(loadedText(status) + "\n");
+    }
+}
+
+void AdminCommands::restore(RestoreRequest const& request, ProgressBar& bar) {
+    if (!request.yes && (::isatty(STDIN_FILENO) == 0 || ::isatty(STDERR_FILENO) == 0)) {
+        throw Failure(ExitCode::usage, "there is no terminal to ask on: say --yes to restore without being asked");
+    }
+    DaemonConnection daemon(m_place);
+    Json const preview = daemon.ask(IPC::PduType::adminRestore, {{"path", request.path}, {"dry_run", true}});
+    if (!errorIn(preview).empty()) {
+        settle(preview);
+    }
+    std::string const text = previewText(preview, std::time(nullptr));
+    if (m_json) {
+        std::cerr << text << std::flush;
+    } else {
+        writeText(text);
+    }
+    if (!request.yes && !confirmed()) {
+        throw Failure(ExitCode::failed, "not restored");
+    }
+    Json const outcome = daemon.ask(IPC::PduType::adminRestore, {{"path", request.path}}, [&](Json const& progress) {
+        bar.update(progress.value("done", std::uint64_t{0}), progress.value("total", std::uint64_t{0}));
+    });
+    bar.erase();
+    settle(outcome);
+    if (!m_json) {
+        writeText(restoredText(outcome));
+    }
+}
+
+} // namespace Vellum::Tools

@@ -1,0 +1,279 @@
+#include "tools/vellumctl/Arguments.h"
+
+#include "foundation/Exception.h"
+#include "foundation/Utf8.h"
+#include "tools/vellumctl/Failure.h"
+#include "tools/vellumctl/HelpTexts.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <ctime>
+#include <filesystem>
+#include <limits>
+
+namespace Vellum::Tools {
+namespace {
+
+constexpr char const* version = "vellumctl " VELLUM_VERSION;
+constexpr unsigned int highestPort = 65535;
+constexpr std::uint64_t longestTimeout = 24 * 60 * 60;   // seconds
+constexpr std::uint64_t timeoutOfListings = 60;          // seconds
+constexpr std::uint64_t timeoutOfDatabaseWork = 10 * 60; // seconds; a load or a commit of a million rows says nothing
+
+// What the command line says, as text; checked once it is whole.
+struct Words {
+    std::string port, timeout, limit, network, sender, recipient, sort, path;
+    bool ipv6 = false, json = false, noHeader = false, yes = false, reverse = false;
+    bool waiting = false, passed = false, active = false, expired = false;
+};
+
+[[noreturn]] void wrong(std::string const& text) {
+    throw Failure(ExitCode::usage, text);
+}
+
+std::uint64_t wholeNumber(char const* option, std::string const& text, std::uint64_t lowest, std::uint64_t highest) {
+    std::uint64_t number = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error == std::errc::invalid_argument || end != text.data() + text.size()) {
+        wrong(std::string(option) + " \"" + text + "\" is not a whole number");
+    }
+    if (error != std::errc() || number < lowest || number > highest) {
+        std::string const bound = highest == std::numeric_limits<std::uint64_t>::max()
+                                      ? std::to_string(lowest) + " or more"
+                                      : std::to_string(lowest) + " to " + std::to_string(highest);
+        wrong(std::string(option) + " " + text + " is out of range: expected " + bound);
+    }
+    return number;
+}
+
+StringPattern pattern(char const* option, std::string const& text) {
+    try {
+        return StringPattern(text);
+    } catch (Exception const& failed) {
+        std::string const why = failed.stringParameters().empty() ? "" : ": " + failed.stringParameters().back();
+        wrong(std::string(option) + " \"" + text + "\" is no pattern" + why);
+    }
+}
+
+IPAddressMask network(std::string const& text) {
+    try {
+        return parseNetwork(text);
+    } catch (Exception const&) {
+        wrong("--network \"" + text + "\" is no network: expected an address, or address/length");
+    }
+}
+
+SortBy sortBy(std::string const& text, Listed listed) {
+    bool const tuples = listed == Listed::tuples;
+    if (text.empty()) {
+        return SortBy::asSent;
+    }
+    if (text == "network") {
+        return SortBy::network;
+    }
+    if (text == (tuples ? "sender" : "domain")) {
+        return SortBy::sender;
+    }
+    if (tuples && text == "recipient") {
+        return SortBy::recipient;
+    }
+    if (tuples && text == "pass-time") {
+        return SortBy::passTime;
+    }
+    if (text == "expiry") {
+        return SortBy::expiry;
+    }
+    wrong("--sort \"" + text + "\" is not known: expected network, " +
+          (tuples ? "sender, recipient, pass-time" : "domain") + " or expiry");
+}
+
+std::string absolutePath(std::string const& text) {
+    for (std::string_view rest = text; !rest.empty();) {
+        std::size_t const length = Utf8::decode(rest).length;
+        if (length == 0) {
+            wrong("the name of the file is not UTF-8");
+        }
+        rest.remove_prefix(length);
+    }
+    if (text.empty()) {
+        wrong("the name of the file is empty");
+    }
+    return std::filesystem::absolute(text).lexically_normal();
+}
+
+// Where the words of a command line go, and what is known of them.
+class Parser {
+  public:
+    Parser() : m_app(HelpText::about, "vellumctl") {
+        m_app.require_subcommand(1);
+        m_app.footer(HelpText::exitCodes);
+        addPlaceOptions(m_app);
+        addPlain("status", "Show how the daemon, its caches and its backups are", Command::status, "");
+        addGreylist();
+        addPlain("backup", "Save the caches now", Command::backup, HelpText::backup);
+        addRestore();
+    }
+
+    std::optional<Arguments> parse(int count, char const* const* values, std::ostream& out) {
+        try {
+            m_app.parse(count, values);
+        } catch (CLI::Success const& answered) { // help, version
+            m_app.exit(answered, out, out);
+            return std::nullopt;
+        } catch (CLI::ParseError const& failed) {
+            std::vector<std::string> const unknown = m_app.remaining(true);
+            wrong("vellumctl: " +
+                  (unknown.empty() ? std::string(failed.what()) : "\"" + unknown.front() + "\" is not known here") +
+                  "\nSee vellumctl --help.");
+        }
+        try {
+            check();
+        } catch (Failure const& failed) {
+            wrong("vellumctl " + m_arguments.name + ": " + failed.what());
+        }
+        return m_arguments;
+    }
+
+  private:
+    CLI::App* add(CLI::App& parent, std::string const& name, std::string const& text, std::string const& footer) {
+        CLI::App* const command = parent.add_subcommand(name, text);
+        command->set_version_flag("--version", version, "Show the version and exit");
+        command->footer(footer.empty() ? HelpText::exitCodes : footer + "\n\n" + HelpText::exitCodes);
+        return command;
+    }
+    CLI::App* addLeaf(CLI::App& parent, std::string const& name, std::string const& text, Command kind,
+                      std::string const& footer) {
+        CLI::App* const command = add(parent, name, text, footer);
+        std::string const whole = (&parent == &m_app ? "" : parent.get_name() + " ") + name;
+        command->callback([this, kind, whole] {
+            m_arguments.command = kind;
+            m_arguments.name = whole;
+        });
+        return command;
+    }
+    void addPlaceOptions(CLI::App& command) {
+        if (&command == &m_app) {
+            command.set_version_flag("--version", version, "Show the version and exit");
+        }
+        std::string const group = "Where and how";
+        command.add_option("--port", m_words.port, "Port of the daemon (29001)")->group(group)->type_name("N");
+        command.add_flag("--ipv6", m_words.ipv6, "Connect to ::1 instead of 127.0.0.1")->group(group);
+        command
+            .add_option("--timeout", m_words.timeout,
+                        "Give up when the daemon says nothing for so long (60; 600 for backup, restore and reload)")
+            ->group(group)
+            ->type_name("SECONDS");
+        command.add_flag("--json", m_words.json, "Write JSON, for programs")->group(group);
+    }
+    void addPlain(std::string const& name, std::string const& text, Command kind, std::string const& footer) {
+        addPlaceOptions(*addLeaf(m_app, name, text, kind, footer));
+    }
+    void addGreylist() {
+        CLI::App& greylist = *add(m_app, "greylist", "Tuples and automatic exemptions", "");
+        greylist.require_subcommand(1);
+        addList(greylist);
+        addExemptions(greylist);
+        addPlaceOptions(
+            *addLeaf(greylist, "reload", "Load the caches from the tables again", Command::reload, HelpText::reload));
+        addPlaceOptions(*addLeaf(greylist, "accept-empty", "Give up tables that could not be loaded",
+                                 Command::acceptEmpty, HelpText::acceptEmpty));
+    }
+    void addList(CLI::App& greylist) {
+        CLI::App& list = *addLeaf(greylist, "list", "List the tuples: network, sender, recipient, and their times",
+                                  Command::list, HelpText::list);
+        addNetworkOption(list);
+        list.add_option("--sender", m_words.sender, "Only senders that match")->type_name("PATTERN");
+        list.add_option("--recipient", m_words.recipient, "Only recipients that match")->type_name("PATTERN");
+        list.add_flag("--waiting", m_words.waiting, "Those whose delay is not over");
+        list.add_flag("--passed", m_words.passed, "Those whose delay is over: mail may pass");
+        list.add_flag("--expired", m_words.expired, "Those that are too old");
+        addShapeOptions(list, "network, sender, recipient, pass-time or expiry");
+    }
+    void addExemptions(CLI::App& greylist) {
+        CLI::App& list = *addLeaf(greylist, "exemptions",
+                                  "List the automatic exemptions: networks and domains whose mail need not wait",
+                                  Command::list, HelpText::exemptions);
+        m_exemptions = &list;
+        addNetworkOption(list);
+        list.add_option("--domain", m_words.sender, "Only domains that match")->type_name("PATTERN");
+        list.add_flag("--active", m_words.active, "Those that hold");
+        list.add_flag("--expired", m_words.expired, "Those that are too old");
+        addShapeOptions(list, "network, domain or expiry");
+    }
+    void addNetworkOption(CLI::App& list) {
+        list.add_option("--network", m_words.network,
+                        "Only networks that hold this address, or that overlap this network (192.0.2.0/24)")
+            ->type_name("NETWORK");
+    }
+    void addShapeOptions(CLI::App& list, std::string const& keys) {
+        list.add_option("--limit", m_words.limit, "Show so many at most")->type_name("N");
+        CLI::Option* const sort =
+            list.add_option("--sort", m_words.sort,
+                            "Sort by " + keys + "; all of them are held until the listing has ended")
+                ->type_name("KEY");
+        list.add_flag("--reverse", m_words.reverse, "Sort the other way round")->needs(sort);
+        list.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
+        addPlaceOptions(list);
+    }
+    void addRestore() {
+        CLI::App& restore = *addLeaf(m_app, "restore", "Replace the tables and the caches by a backup",
+                                     Command::restore, HelpText::restore);
+        restore.add_option("FILE", m_words.path, "The script")->required()->type_name("");
+        restore.add_flag("--yes", m_words.yes, "Do not ask");
+        addPlaceOptions(restore);
+    }
+
+    void check() {
+        Arguments& all = m_arguments;
+        if (!m_words.port.empty()) {
+            all.place.port = static_cast<unsigned int>(wholeNumber("--port", m_words.port, 1, highestPort));
+        }
+        all.place.ipv6 = m_words.ipv6;
+        bool const quick = all.command == Command::list || all.command == Command::status;
+        std::uint64_t const seconds = m_words.timeout.empty()
+                                          ? (quick ? timeoutOfListings : timeoutOfDatabaseWork)
+                                          : wholeNumber("--timeout", m_words.timeout, 1, longestTimeout);
+        all.place.timeout = std::chrono::seconds(seconds);
+        all.json = m_words.json;
+        if (all.command == Command::list) {
+            checkList(all.list);
+        } else if (all.command == Command::restore) {
+            all.path = absolutePath(m_words.path);
+            all.yes = m_words.yes;
+        }
+    }
+    void checkList(ListRequest& list) {
+        list.style.listed = m_exemptions->parsed() ? Listed::exemptions : Listed::tuples;
+        list.style.json = m_words.json;
+        list.style.header = !m_words.noHeader;
+        list.style.now = std::time(nullptr);
+        if (!m_words.network.empty()) {
+            list.filter.network = network(m_words.network);
+        }
+        list.filter.sender = pattern(list.style.listed == Listed::tuples ? "--sender" : "--domain", m_words.sender);
+        list.filter.recipient = pattern("--recipient", m_words.recipient);
+        list.filter.waiting = m_words.waiting;
+        list.filter.passed = m_words.passed;
+        list.filter.active = m_words.active;
+        list.filter.expired = m_words.expired;
+        if (!m_words.limit.empty()) {
+            list.limit = wholeNumber("--limit", m_words.limit, 1, std::numeric_limits<std::uint64_t>::max());
+        }
+        list.sort = sortBy(m_words.sort, list.style.listed);
+        list.reverse = m_words.reverse;
+    }
+
+    CLI::App m_app;
+    CLI::App* m_exemptions = nullptr; // owned by m_app
+    Words m_words;
+    Arguments m_arguments;
+};
+
+} // namespace
+
+std::optional<Arguments> parseArguments(int count, char const* const* values, std::ostream& out) {
+    return Parser().parse(count, values, out);
+}
+
+} // namespace Vellum::Tools

@@ -1,0 +1,65 @@
+// What --help tells beyond the options.
+#pragma once
+
+namespace Vellum::Tools::HelpText {
+
+inline constexpr char const* about =
+    "Looks into the Vellum state daemon on this machine, and has it back up, restore and reload.\n"
+    "It speaks to port 29001 of the loopback; the daemon serves root, its own user and the users that its\n"
+    "settings name.";
+
+inline constexpr char const* exitCodes = "Exit codes:\n"
+                                         "  0  done\n"
+                                         "  1  the daemon refused, or the operation failed\n"
+                                         "  2  the command line is wrong\n"
+                                         "  3  no daemon: nothing listens on the port, or it does not serve this user\n"
+                                         "  4  the connection ended too early: the result is not whole";
+
+inline constexpr char const* list =
+    "States, judged by this machine's clock:\n"
+    "  waiting  the delay is not over: mail is deferred\n"
+    "  passed   the delay is over: mail may pass (whether any came is not told)\n"
+    "  expired  too old: forgotten when the daemon meets it next; wins over the others\n"
+    "Several of --waiting, --passed, --expired show what is in any of these states.\n"
+    "\n"
+    "PATTERN: * is any run of characters, ? any one character, /expression/ a regular expression found\n"
+    "anywhere; letter case does not count. The null sender, of bounces, is <>.\n"
+    "Addresses are shown up to their 256th byte. Bytes that could drive a terminal are shown as \\xNN.\n"
+    "\n"
+    "JSON: an array of objects with network, sender, recipient, state, pass_time, expiry (seconds since the\n"
+    "epoch). A byte that is not UTF-8 is written as if it were Latin-1, and then sender_hex or recipient_hex\n"
+    "has all bytes. When the connection breaks, the array is left open.";
+
+inline constexpr char const* exemptions =
+    "An exemption is a sending network and a sender domain whose mail need not wait.\n"
+    "States, judged by this machine's clock:\n"
+    "  active   mail need not wait\n"
+    "  expired  too old: forgotten when the daemon meets it next\n"
+    "\n"
+    "PATTERN: * is any run of characters, ? any one character, /expression/ a regular expression found\n"
+    "anywhere; letter case does not count.\n"
+    "\n"
+    "JSON: an array of objects with network, domain, state, expiry (seconds since the epoch). A byte that is\n"
+    "not UTF-8 is written as if it were Latin-1, and then domain_hex has all bytes. When the connection\n"
+    "breaks, the array is left open.";
+
+inline constexpr char const* reload =
+    "For tables that were changed by somebody else. What is in memory only is lost. A table that cannot be\n"
+    "read leaves its cache as it was, and the row that is to blame is named; backups then stay off until a\n"
+    "load succeeds, or \"vellumctl greylist accept-empty\".";
+
+inline constexpr char const* acceptEmpty =
+    "After a load that failed backups are off, so that an empty memory does not overwrite a full table. This\n"
+    "allows them again: the next backup replaces the rows of the tables by what is in memory, and the rows\n"
+    "that could not be loaded are gone. Save them first if they matter.";
+
+inline constexpr char const* backup =
+    "Waits until the database daemon has the script in its journal; from then on it is run whatever happens\n"
+    "to either daemon.";
+
+inline constexpr char const* restore =
+    "FILE is a script that a backup wrote. It is run as a whole or not at all, and the caches are loaded from\n"
+    "the tables afterwards. The command tells first what would be lost, and asks. The daemon reads the file,\n"
+    "so the daemon's user must be able to. Ended half-way, it leaves everything as it was.";
+
+} // namespace Vellum::Tools::HelpText

@@ -1,0 +1,47 @@
+// Standard output, in large pieces, and what became of its reader.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace Vellum::Tools {
+
+// A reader that goes away (`| head`) is no error: the output is just no longer open. The caller stops when it sees
+// that. SIGPIPE must be ignored.
+class Output {
+  public:
+    static constexpr std::size_t pieceBytes = 64U << 10;
+
+    // `descriptor` is borrowed.
+    explicit Output(int descriptor) : m_descriptor(descriptor) {}
+
+    // Called before bytes go to the descriptor, for what else is on the same terminal.
+    void beforeWriting(std::function<void()> call) { m_beforeWriting = std::move(call); }
+
+    // Where to append; call written() afterwards.
+    std::string& buffer() { return m_buffer; }
+    void written() {
+        if (m_buffer.size() >= pieceBytes) {
+            flush();
+        }
+    }
+    void write(std::string_view text) {
+        m_buffer.append(text);
+        written();
+    }
+    // Hands over everything. Throws Failure when that cannot be written for another reason than a reader that is gone.
+    void flush();
+
+    // Looks whether the reader is still there, also when nothing is to be written.
+    bool isOpen();
+
+  private:
+    int m_descriptor;
+    std::string m_buffer;
+    std::function<void()> m_beforeWriting;
+    bool m_open = true;
+};
+
+} // namespace Vellum::Tools

@@ -1,0 +1,188 @@
+#include "tools/vellumctl/StatusText.h"
+
+#include "foundation/Escape.h"
+#include "tools/vellumctl/TimeText.h"
+
+namespace Vellum::Tools {
+namespace {
+
+constexpr std::size_t labelColumns = 13;
+
+// A member, or null.
+Json const& part(Json const& json, char const* key) {
+    static Json const absent;
+    if (!json.is_object()) {
+        return absent;
+    }
+    auto const found = json.find(key);
+    return found == json.end() ? absent : *found;
+}
+
+std::string text(Json const& json) {
+    return json.is_null() ? "-" : escapeForLog(json.get<std::string>());
+}
+
+std::int64_t whole(Json const& json) {
+    return json.is_null() ? 0 : json.get<std::int64_t>();
+}
+
+bool flag(Json const& json) {
+    return !json.is_null() && json.get<bool>();
+}
+
+std::string count(std::int64_t number, char const* one, char const* many) {
+    return std::to_string(number) + " " + (number == 1 ? one : many);
+}
+
+// Of an object with "tuples" and "exemptions".
+std::string recordsText(Json const& json) {
+    return count(whole(part(json, "tuples")), "tuple", "tuples") + " and " +
+           count(whole(part(json, "exemptions")), "exemption", "exemptions");
+}
+
+// Labels and values; a label is shown once for all its values.
+class Lines {
+  public:
+    void add(std::string const& label, std::string const& value) {
+        std::string const shown = label == m_label ? "" : label;
+        m_label = label;
+        m_text += shown + std::string(labelColumns - shown.size(), ' ') + value + "\n";
+    }
+    std::string const& all() const { return m_text; }
+
+  private:
+    std::string m_label;
+    std::string m_text;
+};
+
+std::string daemonText(Json const& status) {
+    std::int64_t const up = whole(part(status, "uptime_seconds"));
+    return text(part(status, "version")) + ", process " + std::to_string(whole(part(status, "pid"))) + ", up " +
+           durationText(up) + " (since " + localTime(whole(part(status, "started"))) + ")";
+}
+
+std::string listenersText(Json const& listeners) {
+    std::string all;
+    for (Json const& listener : listeners) {
+        all += (all.empty() ? "" : ", ") + text(listener);
+    }
+    return all.empty() ? "-" : all;
+}
+
+std::string loadText(Json const& load) {
+    if (!flag(part(load, "attempted"))) {
+        return "nothing loaded yet";
+    }
+    if (!flag(part(load, "loaded"))) {
+        return "THE LAST LOAD FAILED: " + text(part(load, "problem"));
+    }
+    return count(whole(part(load, "rows")), "row", "rows") + " loaded";
+}
+
+std::string cacheText(Json const& cache) {
+    std::int64_t const size = whole(part(cache, "size"));
+    std::int64_t const capacity = whole(part(cache, "capacity"));
+    std::string const share =
+        capacity > 0 ? " (" + std::to_string(static_cast<int>(100.0 * double(size) / double(capacity))) + " %)" : "";
+    return std::to_string(size) + " of " + std::to_string(capacity) + share + "; " + loadText(part(cache, "load"));
+}
+
+std::string lastBackupText(Json const& last, std::int64_t now) {
+    return last.is_null() ? "none since the start"
+                          : timeText(whole(part(last, "started")), now) + ": " + backupText(last);
+}
+
+std::string databaseText(Json const& database, std::int64_t now) {
+    Json const& reachable = part(database, "reachable");
+    if (reachable.is_null()) {
+        return "not asked yet";
+    }
+    std::string const when = ", as of " + timeText(whole(part(database, "as_of")), now);
+    return flag(reachable) ? "reachable" + when : "NOT REACHABLE" + when + ": " + text(part(database, "problem"));
+}
+
+void addDecisions(Lines& lines, Json const& decisions) {
+    for (Json const& decision : decisions) {
+        std::string what = text(part(decision, "action")) + " " + text(part(decision, "reason"));
+        constexpr std::size_t columns = 24;
+        what.resize(std::max(what.size() + 1, columns), ' ');
+        lines.add("Decisions", what + std::to_string(whole(part(decision, "count"))));
+    }
+}
+
+} // namespace
+
+std::string statusText(Json const& status, std::int64_t now) {
+    Json const& backup = part(status, "backup");
+    Json const& greylist = part(status, "greylist");
+    Lines lines;
+    lines.add("Daemon", daemonText(status));
+    lines.add("Settings", text(part(status, "settings")));
+    lines.add("Policy", listenersText(part(status, "policy_listeners")));
+    lines.add("Tuples", cacheText(part(greylist, "tuples")));
+    lines.add("Exemptions", cacheText(part(greylist, "exemptions")));
+    lines.add("Backups", flag(part(backup, "allowed")) ? "on" : "OFF: " + text(part(backup, "reason")));
+    lines.add("Last backup", lastBackupText(part(backup, "last"), now));
+    lines.add("Database", databaseText(part(status, "database"), now));
+    addDecisions(lines, part(status, "decisions"));
+    return lines.all();
+}
+
+std::string loadProblem(Json const& status) {
+    std::string problems;
+    for (char const* half : {"tuples", "exemptions"}) {
+        Json const& load = part(part(part(status, "greylist"), half), "load");
+        if (!flag(part(load, "loaded"))) {
+            std::string const why = flag(part(load, "attempted")) ? text(part(load, "problem")) : "not tried";
+            problems += (problems.empty() ? "" : "; ") + std::string("the ") + half + " could not be loaded: " + why;
+        }
+    }
+    return problems;
+}
+
+std::string loadedText(Json const& status) {
+    Json const& greylist = part(status, "greylist");
+    auto const rows = [&](char const* half) {
+        return part(part(part(greylist, half), "load"), "rows");
+    };
+    return recordsText({{"tuples", rows("tuples")}, {"exemptions", rows("exemptions")}}) + " loaded";
+}
+
+std::string backupText(Json const& report) {
+    if (!flag(part(report, "accepted"))) {
+        return "FAILED: " + text(part(report, "problem"));
+    }
+    std::int64_t const leftOut = whole(part(report, "left_out"));
+    return recordsText(report) + ", " + bytesText(static_cast<std::uint64_t>(whole(part(report, "bytes")))) + " in " +
+           millisecondsText(static_cast<std::uint64_t>(whole(part(report, "milliseconds")))) +
+           (leftOut > 0 ? ", " + count(leftOut, "record", "records") + " left out (the log says which)" : "");
+}
+
+std::string previewText(Json const& preview, std::int64_t now) {
+    Json const& script = part(preview, "script");
+    std::int64_t const newest = whole(part(script, "newest"));
+    Lines lines;
+    lines.add("Script", text(part(preview, "path")));
+    lines.add("Script", "written " + timeText(whole(part(script, "modified")), now) + ", " +
+                            bytesText(static_cast<std::uint64_t>(whole(part(script, "bytes")))));
+    lines.add("Script", recordsText(script) + (newest == 0 ? "" : ", the newest of " + timeText(newest, now)));
+    if (!flag(part(script, "complete"))) {
+        lines.add("Script", "IT DOES NOT END AS A BACKUP DOES: cut off, or written by something else");
+    }
+    lines.add("Replaces", recordsText(part(preview, "tables")) + " in the tables");
+    lines.add("Replaces", recordsText(part(preview, "caches")) + " in the daemon's memory");
+    return lines.all() + "Whatever is newer than the script is lost.\n";
+}
+
+std::string restoredText(Json const& outcome) {
+    return "restored: " + recordsText(part(outcome, "loaded")) + " loaded in " +
+           millisecondsText(static_cast<std::uint64_t>(whole(part(outcome, "milliseconds")))) + "\n";
+}
+
+std::string acceptedText(Json const& answer) {
+    return flag(part(answer, "changed"))
+               ? "accepted: the next backup replaces the tables by " + recordsText(answer) + "\n"
+               : "nothing to accept: backups are on\n";
+}
+
+} // namespace Vellum::Tools

@@ -1,0 +1,31 @@
+// The daemon's answers, for people.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <string>
+
+namespace Vellum::Tools {
+
+using Json = nlohmann::json;
+
+// `now` in seconds since the epoch. Whatever an answer does not hold is left out or shown as "-"; texts are escaped for
+// a terminal. Throw Json::exception when something is of another type than it should be.
+
+// The answer to adminStatus, one fact on each line.
+std::string statusText(Json const& status, std::int64_t now);
+// What went wrong when the tables were loaded last; empty when nothing did.
+std::string loadProblem(Json const& status);
+// "12 tuples and 3 exemptions loaded".
+std::string loadedText(Json const& status);
+// The answer to adminBackup.
+std::string backupText(Json const& report);
+// The answer to a dry run of adminRestore: what the script holds, and what would be lost.
+std::string previewText(Json const& preview, std::int64_t now);
+// The answer to adminRestore.
+std::string restoredText(Json const& outcome);
+// The answer to adminAcceptEmpty.
+std::string acceptedText(Json const& answer);
+
+} // namespace Vellum::Tools

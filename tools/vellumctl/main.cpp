@@ -1,0 +1,78 @@
+// The administrator's hand on the state daemon. It knows of it what port 29001 tells, and nothing else.
+#include "tools/vellumctl/AdminCommands.h"
+#include "tools/vellumctl/Arguments.h"
+#include "tools/vellumctl/Failure.h"
+
+#include <csignal>
+#include <iostream>
+#include <unistd.h>
+
+namespace Vellum::Tools {
+namespace {
+
+void run(Arguments const& arguments) {
+    Output output(STDOUT_FILENO);
+    ProgressBar bar(standardErrorTerminal(), arguments.command == Command::list ? "records" : "bytes");
+    if (::isatty(STDOUT_FILENO) != 0) {
+        output.beforeWriting([&bar] { bar.erase(); });
+    }
+    AdminCommands commands(arguments.place, arguments.json, output);
+    switch (arguments.command) {
+    case Command::list: {
+        DaemonConnection daemon(arguments.place);
+        list(daemon, arguments.list, output, bar);
+        break;
+    }
+    case Command::status:
+        commands.status();
+        break;
+    case Command::reload:
+        commands.reload();
+        break;
+    case Command::acceptEmpty:
+        commands.acceptEmpty();
+        break;
+    case Command::backup:
+        commands.backup();
+        break;
+    case Command::restore:
+        commands.restore({arguments.path, arguments.yes}, bar);
+        break;
+    }
+}
+
+ExitCode report(std::string const& line, ExitCode exitCode) {
+    std::cerr << line << "\n";
+    return exitCode;
+}
+
+ExitCode runGuarded(Arguments const& arguments) {
+    std::string const name = "vellumctl " + arguments.name + ": ";
+    try {
+        run(arguments);
+        return ExitCode::done;
+    } catch (Failure const& failed) {
+        return report(name + failed.what(), failed.exitCode());
+    } catch (Json::exception const& failed) {
+        return report(name + "the daemon's answer is not what was expected: " + failed.what(), ExitCode::incomplete);
+    } catch (std::exception const& failed) {
+        return report(name + failed.what(), ExitCode::failed);
+    }
+}
+
+ExitCode main(int count, char const* const* values) {
+    try {
+        std::optional<Arguments> const arguments = parseArguments(count, values, std::cout);
+        return arguments ? runGuarded(*arguments) : ExitCode::done;
+    } catch (Failure const& wrong) {
+        return report(wrong.what(), wrong.exitCode());
+    }
+}
+
+} // namespace
+} // namespace Vellum::Tools
+
+int main(int count, char** values) {
+    std::signal(SIGPIPE, SIG_IGN); // a reader that goes away is seen at the write
+    return static_cast<int>(Vellum::Tools::main(count, values));
+}
