@@ -1,6 +1,6 @@
 #include "foundation/ipc/FrameReader.h"
 
-#include "tests/ipc/RawClient.h"
+#include "tests/support/RawClient.h"
 
 #include <gtest/gtest.h>
 #include <random>

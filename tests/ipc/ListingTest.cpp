@@ -2,7 +2,7 @@
 #include "foundation/ipc/Listing.h"
 
 #include "foundation/Exception.h"
-#include "tests/ipc/RawClient.h"
+#include "tests/support/RawClient.h"
 
 #include <deque>
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "foundation/ipc/Dispatcher.h"
-#include "tests/ipc/RawClient.h"
+#include "tests/support/RawClient.h"
 #include "tests/support/CapturingLogger.h"
 
 #include <condition_variable>

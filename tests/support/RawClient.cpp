@@ -1,4 +1,4 @@
-#include "tests/ipc/RawClient.h"
+#include "tests/support/RawClient.h"
 
 #include "foundation/ipc/Address.h"
 
