@@ -1,5 +1,6 @@
 """A private MariaDB server."""
 
+import contextlib
 import os
 import subprocess
 
@@ -48,11 +49,31 @@ class PrivateMariaDb:
         self.process.kill()
         self.socket.unlink(missing_ok=True)
 
+    def _client(self, *options):
+        return ["mariadb", "--no-defaults", "-N", "-B", "-n", "--default-character-set=binary", "-u", "root",
+                f"--socket={self.socket}", *options]
+
+    @contextlib.contextmanager
+    def locked(self, table):
+        """Keeps everybody from writing to a table. The server may be killed meanwhile."""
+        client = subprocess.Popen(self._client(self.database), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.DEVNULL, text=True)
+        try:
+            client.stdin.write(f"LOCK TABLES {table} READ; SELECT 'locked';\n")
+            client.stdin.flush()
+            if client.stdout.readline() != "locked\n":
+                raise StageError(f"no lock on {table}")
+            yield
+        finally:
+            client.kill()
+            client.wait()
+            client.stdin.close()
+            client.stdout.close()
+
     def query(self, statements, database=None):
         """Runs statements as the server's root; returns the rows as lists of text."""
-        ran = subprocess.run(["mariadb", "--no-defaults", "-N", "-B", "--default-character-set=binary", "-u", "root",
-                              f"--socket={self.socket}", "-e", statements, database or self.database],
-                             capture_output=True, check=False)
+        ran = subprocess.run(self._client("-e", statements, database or self.database), capture_output=True,
+                             check=False)
         if ran.returncode != 0:
             raise StageError(f"{statements}: {ran.stderr.decode(errors='replace')}")
         return [line.split("\t") for line in ran.stdout.decode(errors="replace").splitlines()]

@@ -1,0 +1,194 @@
+"""What survives: crashes of the daemons and of the database, backups at bad moments, senders that no table likes."""
+
+import json
+import random
+import time
+import unittest
+
+from world import Client, World, deferral_of, identity, wait_until
+
+LONGEST_STORED = 128  # bytes of an address that a table can hold
+
+# Senders that Postfix lets through as they are. What ours must not do with them: lose them, mix two of them up, or let
+# one spoil the others.
+AWKWARD_SENDERS = [
+    "",
+    "Jo@awkward.example",
+    "jo@awkward.example",
+    "jO@awkward.example",
+    "o'neill@awkward.example",
+    "100%@awkward.example",
+    "%s%n@awkward.example",
+    "a=b!c#d$e&f*g/h?i^j_k`l{m|n}o~p@awkward.example",
+    '"two words"@awkward.example',
+    '"trailing blank "@awkward.example',
+    '"trailing blank"@awkward.example',
+    '"back\\\\slash"@awkward.example',
+    '"quo\\"te"@awkward.example',
+    '"at@sign"@awkward.example',
+    "nodomain",
+    "jo@[192.0.2.1]",
+    "x" * 112 + "@awkward.example",
+    "x" * 113 + "@awkward.example",
+    "y" * 128 + "first@awkward.example",
+    "y" * 128 + "second@awkward.example",
+    "jo@" + "long." * 20 + "example",
+    "jo@xn--bcher-kva.example",
+]
+
+
+def setUpModule():
+    global world
+    world = World()
+
+
+def tearDownModule():
+    world.close()
+
+
+def stored_tuples():
+    return int(world.mariadb.query("SELECT COUNT(*) FROM grey_list")[0][0])
+
+
+def storable():
+    """What the daemon holds and a table can hold."""
+    return sorted(record for record in map(identity, world.vellum.tuples()) if len(record[1]) <= LONGEST_STORED)
+
+
+def wait_for_stored(count):
+    wait_until(lambda: stored_tuples() == count, f"{count} rows in grey_list")
+
+
+class Persistence(unittest.TestCase):
+    def test_awkward_senders_are_each_known_after_backup_kill_and_restart(self):
+        client = Client("192.0.2.200")
+        through = []
+        for sender in AWKWARD_SENDERS:
+            reply = world.send(client, sender, "awkward@example.org")[0][0]
+            if reply.code >= 500:
+                continue  # Postfix itself would not have it
+            self.assertEqual(str(reply), deferral_of("awkward@example.org"), sender)
+            through.append(sender)
+        self.assertGreaterEqual(len(through), len(AWKWARD_SENDERS) - 3, through)
+        world.wait_out_the_delay()
+        for sender in through:
+            self.assertEqual(world.send(client, sender, "awkward@example.org")[0][0].code, 250, sender)
+        before = sorted(map(identity, world.vellum.tuples()))
+        self.assertEqual(len(set(before)), len(before))
+        stored = storable()
+        self.assertEqual(len(before) - len(stored), 3, "one byte too long, and two that agree in their beginning")
+
+        world.vellum.ctl("backup")
+        wait_for_stored(len(stored))
+        for record in set(before) - set(stored):
+            world.logged("0x03000199: .*" + record[1][:LONGEST_STORED])
+        world.restart_after_kill()
+
+        self.assertEqual(sorted(map(identity, world.vellum.tuples())), stored)
+        for sender in through:
+            if len(sender) <= LONGEST_STORED:
+                self.assertEqual(world.send(client, sender, "awkward@example.org")[0][0].code, 250, sender)
+
+    def test_reload_request_finds_the_same_as_a_restart(self):
+        world.send(Client("192.0.2.201"), "jo@reload.example", "a@example.org")
+        before = storable()
+        world.vellum.ctl("backup")
+        wait_for_stored(len(before))
+        world.vellum.ctl("greylist", "reload")
+        self.assertEqual(sorted(map(identity, world.vellum.tuples())), before)
+
+    def test_mail_goes_on_while_the_state_daemon_is_dead_and_it_comes_back_with_its_state(self):
+        client = Client("192.0.2.202")
+        world.send(client, "jo@crash.example", "b@example.org")
+        world.vellum.ctl("backup")
+        wait_for_stored(len(storable()))
+        world.vellum.daemon.kill()
+        replies, message = world.send(client, "jo@crash.example", "b@example.org")
+        self.assertEqual((replies[0].code, message.code), (250, 250), "main.cf says default_action=DUNNO")
+        world.vellum.start_daemon()
+        replies, _ = world.send(client, "jo@crash.example", "b@example.org")
+        self.assertEqual(str(replies[0]), deferral_of("b@example.org"))
+        world.wait_out_the_delay()
+        replies, _ = world.send(client, "jo@crash.example", "b@example.org")
+        self.assertEqual(replies[0].code, 250)
+
+    def test_decisions_go_on_without_the_database_and_backups_when_it_is_back(self):
+        client = Client("192.0.2.203")
+        world.send(client, "before@down.example", "c@example.org")
+        world.mariadb.kill()
+        replies, _ = world.send(client, "during@down.example", "c@example.org")
+        self.assertEqual(str(replies[0]), deferral_of("c@example.org"))
+        world.wait_out_the_delay()
+        for sender in ("before@down.example", "during@down.example"):
+            self.assertEqual(world.send(client, sender, "c@example.org")[0][0].code, 250, sender)
+        world.mariadb.start()
+        world.vellum.ctl("backup")
+        wait_for_stored(len(storable()))
+        senders = [row[0] for row in world.mariadb.query("SELECT SenderEmailAddress FROM grey_list")]
+        self.assertIn("during@down.example", senders)
+
+    def test_accepted_backup_survives_a_crash_of_the_database_daemon(self):
+        self.check_accepted_backup("journal.example", world.vellum.dbd.kill, world.vellum.start_dbd)
+
+    def test_accepted_backup_survives_a_crash_of_the_database(self):
+        self.check_accepted_backup("server.example", world.mariadb.kill, world.mariadb.start)
+
+    def check_accepted_backup(self, domain, crash, start):
+        before = stored_tuples()
+        for number in range(3):
+            world.send(Client("192.0.2.204"), f"jo{number}x@{domain}", "d@example.org")
+        held = len(storable())
+        self.assertNotEqual(held, before)
+        with world.mariadb.locked("grey_list"):  # the script waits for the table meanwhile
+            world.vellum.ctl("backup")
+            crash()
+        start()
+        wait_for_stored(held)
+
+    def test_crash_at_any_moment_of_a_backup_leaves_all_of_the_old_rows_or_all_of_the_new(self):
+        seed = random.randrange(1 << 32)
+        chance = random.Random(seed)
+        policy = world.policy()
+        self.addCleanup(policy.close)
+        world.vellum.ctl("backup")
+        wait_for_stored(len(storable()))
+        for attempt in range(6):
+            stored = stored_tuples()
+            for number in range(3000):
+                policy.ask(f"10.{attempt}.{number % 256}.1", f"s{number}x@crash{attempt}.example", "e@example.org")
+            held = len(storable())
+            victim = (world.vellum.dbd, world.mariadb, world.vellum.daemon)[attempt % 3]
+            backup = world.vellum.start_ctl("backup")
+            time.sleep(chance.uniform(0, 0.4))  # any moment will do
+            victim.kill()
+            backup.wait()
+            if victim is world.mariadb:
+                world.mariadb.start()
+            self.assertIn(stored_tuples(), (stored, held), f"seed {seed}, attempt {attempt}")
+            if victim is world.vellum.dbd:
+                world.vellum.start_dbd()
+            if victim is world.vellum.daemon:
+                world.vellum.start_daemon()
+                policy.close()
+                policy = world.policy()
+                self.addCleanup(policy.close)
+            world.vellum.ctl("backup")
+            wait_for_stored(len(storable()))
+
+
+class OrderlyStop(unittest.TestCase):
+    def test_everything_known_is_in_the_tables_after_sigterm(self):
+        client = Client("192.0.2.205")
+        world.send(client, "last@stop.example", "f@example.org")
+        tuples, exemptions = self.listed()
+        self.assertEqual(world.vellum.daemon.terminate(), 0)
+        wait_for_stored(len(tuples))
+        self.assertEqual(world.vellum.dbd.terminate(), 0)
+        world.vellum.start()
+        self.assertEqual(self.listed(), (tuples, exemptions))
+
+    @staticmethod
+    def listed():
+        """All that can be stored, with all its times."""
+        tuples = [record for record in world.vellum.tuples() if len(record["sender"]) <= LONGEST_STORED]
+        return sorted(map(json.dumps, tuples)), sorted(map(json.dumps, world.vellum.exemptions()))
