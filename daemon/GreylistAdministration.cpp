@@ -78,7 +78,11 @@ GreyList::BackupReport GreylistAdministration::backupNow() {
         throw AdminRefusal("a restore is running");
     }
     Synchronized const hold(m_inHand);
-    GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
+    try {
+        GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
+    } catch (Exception const& failed) {
+        GreyList::BackupReport::setFailed(failed.asString());
+    }
     return GreyList::BackupReport::last();
 }
 

@@ -1,0 +1,322 @@
+#include "daemon/AdminHandlers.h"
+
+#include "foundation/Exception.h"
+#include "foundation/ipc/Endpoint.h"
+#include "greylist/DynamicExemptCache.h"
+#include "greylist/LoadReport.h"
+#include "greylist/TupleCache.h"
+#include "tests/support/CapturingLogger.h"
+#include "tests/support/GreylistConfiguration.h"
+#include "tests/support/GreylistIdentities.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <ctime>
+#include <unistd.h>
+#include <vector>
+
+namespace Vellum::Daemon {
+namespace {
+
+using nlohmann::json;
+
+// Services that do as the test says, and remember what they were asked.
+struct FakeServices : public AdminServices {
+    DaemonStatus status() const override { return answeredStatus; }
+    BackupGate backupGate() const override { return gate; }
+    GreyList::BackupReport backupNow() override {
+        ++backups;
+        return report;
+    }
+    RestorePreview previewRestore(std::string const& path) override {
+        paths.push_back(path);
+        return preview;
+    }
+    RestoreOutcome restore(std::string const& path, RestoreProgress const& progress) override {
+        paths.push_back(path);
+        return restoring(progress);
+    }
+    bool acceptEmpty() override { return changes; }
+
+    DaemonStatus answeredStatus;
+    BackupGate gate;
+    GreyList::BackupReport report;
+    RestorePreview preview;
+    std::function<RestoreOutcome(RestoreProgress const&)> restoring = [](RestoreProgress const&) {
+        return RestoreOutcome{};
+    };
+    bool changes = false;
+    std::atomic<int> backups{0};
+    std::vector<std::string> paths; // of restores and their previews
+};
+
+class AdminHandlers : public testing::Test {
+  protected:
+    AdminHandlers() {
+        GreyList::LoadReport::setTuples({});
+        GreyList::LoadReport::setExemptions({});
+        GreyList::BackupReport::set({});
+        (**GreyList::TupleCache::instance()).clear();
+        (**GreyList::DynamicExemptCache::instance()).clear();
+        addAdminHandlers(m_services, m_dispatcher);
+        IPC::DispatcherOptions options;
+        options.port = 0;
+        m_dispatcher.start(options);
+        IPC::Endpoint::map(IPC::stateDaemonPort, "127.0.0.1", m_dispatcher.boundPort());
+        m_client.connect(IPC::stateDaemonPort);
+    }
+    ~AdminHandlers() override {
+        m_client.close();
+        m_dispatcher.stop();
+        IPC::Endpoint::unmap(IPC::stateDaemonPort);
+    }
+
+    void send(IPC::PduType request, std::string const& payload) {
+        m_client << IPC::Pdu(request, Buffer(payload.data(), static_cast<unsigned int>(payload.size()), true));
+    }
+    IPC::Pdu receive() {
+        IPC::Pdu unit(IPC::PduType::receiveBuffer, 1024);
+        m_client >> unit;
+        return unit;
+    }
+    json askText(IPC::PduType request, std::string const& payload) {
+        send(request, payload);
+        IPC::Pdu const reply = receive();
+        EXPECT_TRUE(reply.is(IPC::PduType::adminReply));
+        return json::parse(reply.data().view());
+    }
+    json ask(IPC::PduType request) { return askText(request, {}); }
+    json ask(IPC::PduType request, json const& content) { return askText(request, content.dump()); }
+
+    CapturingLogger m_log;
+    GreyList::InstalledConfiguration m_configuration;
+    FakeServices m_services;
+    IPC::Dispatcher m_dispatcher{IPC::stateDaemonPort};
+    IPC::SocketIPC m_client;
+};
+
+TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
+    long const now = std::time(nullptr);
+    m_services.answeredStatus = {"1.2.3",
+                                 now - 100,
+                                 "/etc/vellum/vellumd.toml",
+                                 {"127.0.0.1:10023"},
+                                 {{"defer", "new", 7}, {"pass", "known", 9}},
+                                 {true, now - 5, ""}};
+    GreyList::LoadReport::setTuples({true, true, 17, ""});
+    GreyList::LoadReport::setExemptions({true, false, 0, "row 3 of autoexempt"});
+    GreyList::BackupReport::set({true, true, now - 50, 40, 16, 2, 1, 1500, ""});
+    m_services.gate = {false, "the exemptions could not be loaded"};
+    (**GreyList::TupleCache::instance()).add(GreyList::tuple(1), GreyList::Status(0, 0, 0));
+
+    json status = ask(IPC::PduType::adminStatus);
+    EXPECT_GE(status["uptime_seconds"], 100);
+    EXPECT_LE(status["uptime_seconds"], 160);
+    status.erase("uptime_seconds");
+    json const capacity = (**GreyList::TupleCache::instance()).maxSize();
+    EXPECT_EQ(status,
+              json({{"version", "1.2.3"},
+                    {"pid", ::getpid()},
+                    {"started", now - 100},
+                    {"settings", "/etc/vellum/vellumd.toml"},
+                    {"policy_listeners", {"127.0.0.1:10023"}},
+                    {"greylist",
+                     {{"tuples",
+                       {{"size", 1},
+                        {"capacity", capacity},
+                        {"load", {{"attempted", true}, {"loaded", true}, {"rows", 17}, {"problem", ""}}}}},
+                      {"exemptions",
+                       {{"size", 0},
+                        {"capacity", capacity},
+                        {"load",
+                         {{"attempted", true}, {"loaded", false}, {"rows", 0}, {"problem", "row 3 of autoexempt"}}}}}}},
+                    {"backup",
+                     {{"allowed", false},
+                      {"reason", "the exemptions could not be loaded"},
+                      {"last",
+                       {{"accepted", true},
+                        {"started", now - 50},
+                        {"milliseconds", 40},
+                        {"tuples", 16},
+                        {"exemptions", 2},
+                        {"left_out", 1},
+                        {"bytes", 1500},
+                        {"problem", ""}}}}},
+                    {"database", {{"reachable", true}, {"as_of", now - 5}, {"problem", ""}}},
+                    {"decisions",
+                     {{{"action", "defer"}, {"reason", "new"}, {"count", 7}},
+                      {{"action", "pass"}, {"reason", "known"}, {"count", 9}}}}}));
+}
+
+TEST_F(AdminHandlers, WhatIsNotKnownYetIsNull) {
+    json const status = ask(IPC::PduType::adminStatus);
+    EXPECT_TRUE(status.at("backup").at("last").is_null());
+    EXPECT_TRUE(status.at("database").at("reachable").is_null());
+    EXPECT_EQ(status.at("decisions"), json::array());
+}
+
+TEST_F(AdminHandlers, BytesThatAreNotUtf8DoNotSpoilAnAnswer) {
+    m_services.answeredStatus.settingsPath = "/etc/\xff.toml";
+    EXPECT_EQ(ask(IPC::PduType::adminStatus).at("settings"), "/etc/\xef\xbf\xbd.toml");
+}
+
+TEST_F(AdminHandlers, ABackupAnswersItsNumbers) {
+    m_services.report = {true, true, 1000, 40, 16, 2, 1, 1500, ""};
+    EXPECT_EQ(ask(IPC::PduType::adminBackup), json({{"accepted", true},
+                                                    {"started", 1000},
+                                                    {"milliseconds", 40},
+                                                    {"tuples", 16},
+                                                    {"exemptions", 2},
+                                                    {"left_out", 1},
+                                                    {"bytes", 1500},
+                                                    {"problem", ""}}));
+    EXPECT_EQ(m_services.backups, 1);
+    EXPECT_TRUE(m_log.waitForNote("administration: backup of 16 tuples and 2 exemptions handed over"));
+}
+
+TEST_F(AdminHandlers, ABackupThatTheDatabaseDaemonRefusedIsAnError) {
+    m_services.report.attempted = true;
+    m_services.report.problem = "the daemon cannot be reached";
+    json const answer = ask(IPC::PduType::adminBackup);
+    EXPECT_EQ(answer.at("accepted"), false);
+    EXPECT_EQ(answer.at("error"), "the daemon cannot be reached");
+}
+
+TEST_F(AdminHandlers, WhileTheGateIsShutNoBackupBegins) {
+    m_services.gate = {false, "row 17 of grey_list"};
+    EXPECT_EQ(ask(IPC::PduType::adminBackup), json({{"error", "backups are off: row 17 of grey_list"}}));
+    EXPECT_EQ(m_services.backups, 0);
+}
+
+TEST_F(AdminHandlers, ADryRunTellsWhatWouldBeReplacedAndReplacesNothing) {
+    m_services.preview = {1000, 2000, 10, 2, 1900, true, 11, 3, 12, 4};
+    m_services.restoring = [](RestoreProgress const&) -> RestoreOutcome {
+        throw AdminRefusal("restored!");
+    };
+    EXPECT_EQ(ask(IPC::PduType::adminRestore, {{"path", "/backup.sql"}, {"dry_run", true}}),
+              json({{"path", "/backup.sql"},
+                    {"script",
+                     {{"bytes", 1000},
+                      {"modified", 2000},
+                      {"tuples", 10},
+                      {"exemptions", 2},
+                      {"newest", 1900},
+                      {"complete", true}}},
+                    {"tables", {{"tuples", 11}, {"exemptions", 3}}},
+                    {"caches", {{"tuples", 12}, {"exemptions", 4}}}}));
+    EXPECT_EQ(m_services.paths, std::vector<std::string>{"/backup.sql"});
+}
+
+TEST_F(AdminHandlers, ARestoreAnswersWhatWasLoaded) {
+    m_services.restoring = [](RestoreProgress const&) {
+        return RestoreOutcome{10, 2, 77, ""};
+    };
+    EXPECT_EQ(ask(IPC::PduType::adminRestore, {{"path", "/backup.sql"}}),
+              json({{"path", "/backup.sql"},
+                    {"restored", true},
+                    {"loaded", {{"tuples", 10}, {"exemptions", 2}}},
+                    {"milliseconds", 77}}));
+    EXPECT_TRUE(m_log.waitForNote("restore of /backup.sql done, 10 tuples and 2 exemptions loaded"));
+}
+
+TEST_F(AdminHandlers, ARestoreThatCouldNotBeLoadedSaysBoth) {
+    m_services.restoring = [](RestoreProgress const&) {
+        return RestoreOutcome{0, 2, 77, "row 3 of grey_list"};
+    };
+    json const answer = ask(IPC::PduType::adminRestore, {{"path", "/backup.sql"}});
+    EXPECT_EQ(answer.at("restored"), true);
+    EXPECT_EQ(answer.at("error"), "the tables were restored, but could not be loaded: row 3 of grey_list");
+}
+
+TEST_F(AdminHandlers, ProgressArrivesWhileTheRestoreRuns) {
+    std::atomic<bool> seen{false};
+    m_services.restoring = [&](RestoreProgress const& progress) {
+        while (!seen) {
+            EXPECT_TRUE(progress(3, 8));
+        }
+        return RestoreOutcome{};
+    };
+    send(IPC::PduType::adminRestore, R"({"path": "/backup.sql"})");
+    IPC::Pdu const unit = receive();
+    seen = true;
+    EXPECT_TRUE(unit.is(IPC::PduType::adminProgress));
+    EXPECT_EQ(json::parse(unit.data().view()), json({{"done", 3}, {"total", 8}}));
+    for (IPC::Pdu next = receive(); !next.is(IPC::PduType::adminReply); next = receive()) {
+        EXPECT_TRUE(next.is(IPC::PduType::adminProgress));
+    }
+}
+
+TEST_F(AdminHandlers, AClientThatGoesAwayAbandonsTheRestore) {
+    std::atomic<bool> begun{false};
+    std::atomic<bool> abandoned{false};
+    m_services.restoring = [&](RestoreProgress const& progress) -> RestoreOutcome {
+        begun = true;
+        while (progress(3, 8)) {
+        }
+        abandoned = true;
+        throw AdminRefusal("abandoned");
+    };
+    send(IPC::PduType::adminRestore, R"({"path": "/backup.sql"})");
+    receive();
+    m_client.close();
+    EXPECT_TRUE(m_log.waitForNote("the client that asked for a restore is gone"));
+    m_dispatcher.stop();
+    EXPECT_TRUE(abandoned);
+}
+
+TEST_F(AdminHandlers, PathsThatAreNotAbsoluteAreRefused) {
+    for (json const& request :
+         {json({{"path", "backup.sql"}}), json({{"path", ""}}), json({{"path", std::string("/a\0b", 4)}}),
+          json({{"path", 7}}), json({{"file", "/backup.sql"}}), json({{"path", "/x"}, {"dry_run", "yes"}})}) {
+        json const answer = ask(IPC::PduType::adminRestore, request);
+        EXPECT_TRUE(answer.contains("error")) << request;
+        EXPECT_EQ(answer.size(), 1U) << request;
+    }
+    EXPECT_TRUE(m_services.paths.empty());
+}
+
+TEST_F(AdminHandlers, AcceptEmptyTellsWhatMayReplaceTheTables) {
+    m_services.changes = true;
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty), json({{"changed", true}, {"tuples", 0}, {"exemptions", 0}}));
+    EXPECT_TRUE(m_log.waitForNote("backups of 0 tuples and 0 exemptions may now replace tables"));
+    m_services.changes = false;
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty).at("changed"), false);
+}
+
+TEST_F(AdminHandlers, KeysThatARequestDoesNotKnowAreIgnored) {
+    EXPECT_TRUE(askText(IPC::PduType::adminStatus, R"({"colour": "red", "nested": {"a": [1, 2]}})").contains("pid"));
+}
+
+TEST_F(AdminHandlers, APayloadThatIsNoJsonObjectIsAnsweredWithAnError) {
+    for (std::string const& payload :
+         {std::string("{"), std::string("nonsense"), std::string("[]"), std::string("7"), std::string("null"),
+          std::string("\0", 1), std::string("\xff\xfe{}"), std::string("{\"path\": \"\xff\"}"), std::string("{} {}"),
+          std::string(100'000, '['), std::string(100'000, '{')}) {
+        for (IPC::PduType const request : {IPC::PduType::adminStatus, IPC::PduType::adminBackup,
+                                           IPC::PduType::adminRestore, IPC::PduType::adminAcceptEmpty}) {
+            json const answer = askText(request, payload);
+            EXPECT_TRUE(answer.contains("error")) << payload.substr(0, 20);
+            EXPECT_EQ(answer.size(), 1U);
+        }
+    }
+    EXPECT_TRUE(ask(IPC::PduType::adminStatus).contains("pid")) << "and the connection lives on";
+    EXPECT_EQ(m_services.backups, 0);
+}
+
+TEST_F(AdminHandlers, WhatAServiceThrowsBecomesTheAnswer) {
+    m_services.restoring = [](RestoreProgress const&) -> RestoreOutcome {
+        throw Exception("QueryFile::execute", Exception::failure).stringParameter("statement 3");
+    };
+    EXPECT_NE(ask(IPC::PduType::adminRestore, {{"path", "/x"}}).at("error").get<std::string>().find("statement 3"),
+              std::string::npos);
+    m_services.restoring = [](RestoreProgress const&) -> RestoreOutcome {
+        throw std::bad_alloc();
+    };
+    EXPECT_TRUE(ask(IPC::PduType::adminRestore, {{"path", "/x"}}).contains("error"));
+    EXPECT_TRUE(m_log.waitForNote("administration: restore refused or failed: "));
+}
+
+} // namespace
+} // namespace Vellum::Daemon

@@ -1,0 +1,219 @@
+#include "daemon/GreylistAdministration.h"
+
+#include "foundation/Exception.h"
+#include "greylist/DynamicExemptCache.h"
+#include "greylist/GlDynamicExemptDatabase.h"
+#include "greylist/GlRecordDatabase.h"
+#include "greylist/LoadReport.h"
+#include "greylist/TupleCache.h"
+#include "tests/daemon/FakeDatabaseDaemon.h"
+#include "tests/support/CapturingLogger.h"
+#include "tests/support/GreylistConfiguration.h"
+#include "tests/support/GreylistIdentities.h"
+#include "tests/support/PrivateMariaDb.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace Vellum::Daemon {
+namespace {
+
+using GreyList::exemption;
+using GreyList::Status;
+using GreyList::tuple;
+
+struct TestAdministration : public GreylistAdministration {
+    DaemonStatus status() const override { return {}; }
+    BackupGate backupGate() const override { return {}; }
+    bool acceptEmpty() override { return false; }
+    void cachesLoaded() override { ++loads; }
+
+    int loads = 0;
+};
+
+class GreylistAdministrationTest : public testing::Test {
+  protected:
+    GreylistAdministrationTest() {
+        PrivateMariaDb::shared().useAccount();
+        PrivateMariaDb::shared().freshDatabase();
+        SocketAddress const server = Database::Connection::defaultAddress();
+        GreyList::GlRecordDatabase(server).createTable();
+        GreyList::DynamicExemptDatabase(server).createTable();
+        configuration->path = directory.path() + "/greylist.sql";
+        tuples().clear();
+        exemptions().clear();
+        GreyList::BackupReport::set({});
+    }
+
+    static GreyList::_TupleCache& tuples() { return **GreyList::TupleCache::instance(); }
+    static GreyList::_DynamicExemptCache& exemptions() { return **GreyList::DynamicExemptCache::instance(); }
+    static std::uint32_t size(auto const& cache) {
+        SharedLock const hold(cache.lock);
+        return cache.sizeNoLock();
+    }
+    static std::vector<std::string> rows() {
+        return PrivateMariaDb::shared().query("select SenderEmailAddress from grey_list order by 1");
+    }
+
+    std::string write(std::string const& text) {
+        std::string const path = directory.path() + "/given.sql";
+        std::ofstream(path) << text;
+        return path;
+    }
+    static std::string script(std::string const& rowsOfGreyList) {
+        return "LOCK TABLES grey_list WRITE,autoexempt WRITE;\ndelete from grey_list;\nINSERT INTO grey_list VALUES" +
+               rowsOfGreyList + ";\ndelete from autoexempt;\n;\ncommit;\nUNLOCK TABLES;\n";
+    }
+    static constexpr char const* twoRows = "\n('192.0.2.0/24', 'one@example.net', 'b@example.org', 100,200),"
+                                           "\n('192.0.2.0/24', 'two@example.net', 'b@example.org', 150,300)";
+
+    CapturingLogger log;
+    TemporaryDirectory directory;
+    FakeDatabaseDaemon databaseDaemon;
+    GreyList::InstalledConfiguration configuration;
+    TestAdministration administration;
+};
+
+TEST_F(GreylistAdministrationTest, ABackupTellsWhatItHandedOver) {
+    tuples().add(tuple(1), Status(100, 200, 0));
+    tuples().add(tuple("192.0.2.0/24", std::string(200, 's'), "b@example.org"), Status(100, 200, 0));
+    exemptions().add(exemption(1), Status(100, 200, 0));
+    GreyList::BackupReport const report = administration.backupNow();
+    EXPECT_TRUE(report.attempted);
+    EXPECT_TRUE(report.accepted) << report.problem;
+    EXPECT_EQ(report.tuples, 1U);
+    EXPECT_EQ(report.exemptions, 1U);
+    EXPECT_EQ(report.leftOut, 1U) << "its sender is longer than the column";
+    ASSERT_EQ(databaseDaemon.scripts().size(), 1U);
+    EXPECT_EQ(report.bytes, databaseDaemon.scripts()[0].size());
+    EXPECT_EQ(report.problem, "");
+}
+
+TEST_F(GreylistAdministrationTest, ABackupThatIsNotAcceptedSaysWhy) {
+    databaseDaemon.answer = DatabaseDaemon::Answer::journalFailed;
+    GreyList::BackupReport const report = administration.backupNow();
+    EXPECT_FALSE(report.accepted);
+    EXPECT_NE(report.problem.find("could not be kept in the journal"), std::string::npos) << report.problem;
+}
+
+TEST_F(GreylistAdministrationTest, ABackupThatCannotBeWrittenSaysWhy) {
+    configuration->path = directory.path() + "/missing/greylist.sql";
+    GreyList::BackupReport const report = administration.backupNow();
+    EXPECT_TRUE(report.attempted);
+    EXPECT_FALSE(report.accepted);
+    EXPECT_NE(report.problem.find("No such file or directory"), std::string::npos) << report.problem;
+    EXPECT_TRUE(databaseDaemon.scripts().empty());
+}
+
+TEST_F(GreylistAdministrationTest, APreviewComparesTheScriptWithWhatIsThere) {
+    PrivateMariaDb::shared().run({"insert into grey_list values ('192.0.2.0/24', 'old@example.net', 'b@x', 1, 2)",
+                                  "insert into autoexempt values ('192.0.2.0/24', 'a.example', 1, 2)",
+                                  "insert into autoexempt values ('192.0.2.0/24', 'b.example', 1, 2)"},
+                                 "fe_sender_history");
+    tuples().add(tuple(1), Status(100, 200, 0));
+    tuples().add(tuple(2), Status(100, 200, 0));
+    tuples().add(tuple(3), Status(100, 200, 0));
+    RestorePreview const preview = administration.previewRestore(write(script(twoRows)));
+    EXPECT_EQ(preview.scriptTuples, 2U);
+    EXPECT_EQ(preview.scriptExemptions, 0U);
+    EXPECT_EQ(preview.newest, 150);
+    EXPECT_TRUE(preview.complete);
+    EXPECT_EQ(preview.tableTuples, 1U);
+    EXPECT_EQ(preview.tableExemptions, 2U);
+    EXPECT_EQ(preview.cachedTuples, 3U);
+    EXPECT_EQ(preview.cachedExemptions, 0U);
+    EXPECT_EQ(rows(), std::vector<std::string>{"old@example.net"}) << "nothing was replaced";
+}
+
+TEST_F(GreylistAdministrationTest, ARestoreReplacesTablesAndCaches) {
+    PrivateMariaDb::shared().run({"insert into grey_list values ('192.0.2.0/24', 'old@example.net', 'b@x', 1, 2)"},
+                                 "fe_sender_history");
+    tuples().add(tuple(1), Status(100, 200, 0));
+    std::uint64_t last = 0;
+    std::uint64_t all = 0;
+    std::string const text = script(twoRows);
+    RestoreOutcome const outcome = administration.restore(write(text), [&](std::uint64_t done, std::uint64_t total) {
+        EXPECT_GE(done, last);
+        EXPECT_TRUE(administration.restoreRunning());
+        last = done;
+        all = total;
+        return true;
+    });
+    EXPECT_EQ(all, text.size());
+    EXPECT_GT(last, 0U);
+    EXPECT_EQ(outcome.tuples, 2U);
+    EXPECT_EQ(outcome.exemptions, 0U);
+    EXPECT_EQ(outcome.loadProblem, "");
+    EXPECT_EQ(rows(), (std::vector<std::string>{"one@example.net", "two@example.net"}));
+    EXPECT_EQ(size(tuples()), 2U);
+    EXPECT_EQ(administration.loads, 1);
+    EXPECT_FALSE(administration.restoreRunning());
+}
+
+TEST_F(GreylistAdministrationTest, ARestoreThatIsAbandonedLeavesEverything) {
+    PrivateMariaDb::shared().run({"insert into grey_list values ('192.0.2.0/24', 'old@example.net', 'b@x', 1, 2)"},
+                                 "fe_sender_history");
+    tuples().add(tuple(1), Status(100, 200, 0));
+    int calls = 0;
+    EXPECT_THROW(
+        administration.restore(write(script(twoRows)), [&](std::uint64_t, std::uint64_t) { return ++calls < 3; }),
+        Exception);
+    EXPECT_EQ(rows(), std::vector<std::string>{"old@example.net"});
+    EXPECT_EQ(size(tuples()), 1U);
+    EXPECT_EQ(administration.loads, 0);
+    EXPECT_FALSE(administration.restoreRunning()) << "and the next one may begin";
+}
+
+TEST_F(GreylistAdministrationTest, AScriptWithAMistakeLeavesEverything) {
+    PrivateMariaDb::shared().run({"insert into grey_list values ('192.0.2.0/24', 'old@example.net', 'b@x', 1, 2)"},
+                                 "fe_sender_history");
+    EXPECT_THROW(administration.restore(write(script("\n('192.0.2.0/24', 'one@example.net')")), nullptr), Exception);
+    EXPECT_EQ(rows(), std::vector<std::string>{"old@example.net"});
+    EXPECT_EQ(administration.loads, 0);
+}
+
+TEST_F(GreylistAdministrationTest, RowsThatCannotBeLoadedAreNamed) {
+    tuples().add(tuple(1), Status(100, 200, 0));
+    RestoreOutcome const outcome = administration.restore(
+        write(script("\n('192.0.2.0/24', 'fine@example.net', 'b@x', 1,2),\n('no network', 'bad@example.net', "
+                     "'b@x', 1,2)")),
+        nullptr);
+    EXPECT_NE(outcome.loadProblem.find("row 2 of grey_list"), std::string::npos) << outcome.loadProblem;
+    EXPECT_EQ(size(tuples()), 1U) << "the cache is as it was";
+    EXPECT_EQ(rows().size(), 2U);
+    EXPECT_EQ(administration.loads, 1);
+}
+
+TEST_F(GreylistAdministrationTest, AFileThatIsNotThereIsSaidBeforeAnythingHappens) {
+    EXPECT_THROW(administration.restore(directory.path() + "/none.sql", nullptr), Exception);
+    EXPECT_THROW(administration.previewRestore(directory.path() + "/none.sql"), Exception);
+    EXPECT_EQ(administration.loads, 0);
+}
+
+TEST_F(GreylistAdministrationTest, WhileARestoreRunsNothingElseBegins) {
+    std::string const path = write(script(twoRows));
+    RestoreOutcome const outcome = administration.restore(path, [&](std::uint64_t, std::uint64_t) {
+        EXPECT_THROW(administration.restore(path, nullptr), AdminRefusal);
+        EXPECT_THROW(administration.backupNow(), AdminRefusal);
+        return true;
+    });
+    EXPECT_EQ(outcome.tuples, 2U);
+    EXPECT_TRUE(databaseDaemon.scripts().empty());
+}
+
+TEST_F(GreylistAdministrationTest, WithoutADatabaseItSaysSo) {
+    Database::Server nowhere;
+    nowhere.socket = directory.path() + "/no-such-socket";
+    InstalledServer const installed(nowhere);
+    EXPECT_THROW(administration.previewRestore(write(script(twoRows))), Exception);
+    EXPECT_THROW(administration.restore(write(script(twoRows)), nullptr), Exception);
+    EXPECT_FALSE(administration.restoreRunning());
+    GreyList::BackupReport const report = administration.backupNow();
+    EXPECT_TRUE(report.attempted);
+    EXPECT_FALSE(report.accepted);
+    EXPECT_NE(report.problem, "");
+}
+
+} // namespace
+} // namespace Vellum::Daemon
