@@ -11,6 +11,7 @@
 #include "foundation/database/ServerMap.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "greylist/GlRecordDatabase.h"
+#include "greylist/LogCodes.h"
 #include "senderhistory/SenderHistoryDatabase.h"
 
 #include <csignal>
@@ -95,7 +96,9 @@ int Daemon::run() {
 }
 
 void Daemon::useLog() {
-    m_loggers.push_back(makeLogger(m_settings.log.target));
+    AsyncLogger::Options options;
+    options.informational = {GreyList::LogCode::cacheCreated, GreyList::LogCode::reloadDone};
+    m_loggers.push_back(makeLogger(m_settings.log.target, options));
     Logger::install(m_loggers.back().get());
 }
 
