@@ -150,6 +150,48 @@ TEST(PolicyRequest, ARealRequestLandsInItsFields) {
     EXPECT_EQ(valuesOf(parser.request()), expectedValues(realLines));
 }
 
+TEST(PolicyRequest, WhatPostfix37SendsIsRead) {
+    // Recorded from Postfix 3.7.11, a bounce to its first recipient.
+    std::string const text = "request=smtpd_access_policy\n"
+                             "protocol_state=RCPT\n"
+                             "protocol_name=ESMTP\n"
+                             "client_address=127.0.0.1\n"
+                             "client_name=localhost\n"
+                             "client_port=52846\n"
+                             "reverse_client_name=localhost\n"
+                             "server_address=127.0.0.1\n"
+                             "server_port=12525\n"
+                             "helo_name=helo.example.net\n"
+                             "sender=\n"
+                             "recipient=d@example.org\n"
+                             "recipient_count=0\n"
+                             "queue_id=\n"
+                             "instance=7b9d.6b0174c5.c9040.1\n"
+                             "size=0\n"
+                             "etrn_domain=\n"
+                             "stress=\n"
+                             "sasl_method=\n"
+                             "sasl_username=\n"
+                             "sasl_sender=\n"
+                             "ccert_subject=\n"
+                             "ccert_issuer=\n"
+                             "ccert_fingerprint=\n"
+                             "ccert_pubkey_fingerprint=\n"
+                             "encryption_protocol=\n"
+                             "encryption_cipher=\n"
+                             "encryption_keysize=0\n"
+                             "policy_context=\n"
+                             "\n";
+    PolicyRequestParser parser;
+    ASSERT_EQ(parser.parse(text), Outcome::complete);
+    EXPECT_EQ(parser.length(), text.size());
+    EXPECT_EQ(parser.request()[PolicyAttribute::instance], "7b9d.6b0174c5.c9040.1");
+    EXPECT_EQ(parser.request()[PolicyAttribute::recipient], "d@example.org");
+    EXPECT_TRUE(parser.request().has(PolicyAttribute::sender));
+    EXPECT_TRUE(parser.request().has(PolicyAttribute::policyContext));
+    EXPECT_FALSE(parser.request().has(PolicyAttribute::compatibilityLevel));
+}
+
 TEST(PolicyRequest, ValuesAreNotCopied) {
     std::string const text = "sender=a@example.net\n\n";
     PolicyRequestParser parser;
