@@ -116,7 +116,35 @@ void Daemon::useGreylistConfiguration() {
         new GreylistConfiguration(m_settings.greylist, m_settings.state.greylistScript(), mayBackUp));
 }
 
+// A backup that was accepted before this start may not be in the tables yet. Loading them now would bring back what was
+// before it, and the next backup would make that last.
+void Daemon::awaitDatabaseDaemon() const {
+    using DatabaseDaemon::Answer;
+    auto const end = std::chrono::steady_clock::now() + DatabaseDaemon::timeout();
+    for (bool said = false;; said = true) {
+        Answer const answer = DatabaseDaemon::askWhetherSettled();
+        if (answer == Answer::accepted) {
+            return;
+        }
+        if (answer != Answer::notSettled) {
+            note(Logger::Severity::warning, "the database daemon on " + DatabaseDaemon::socketPath() +
+                                                " does not answer: " + DatabaseDaemon::text(answer) +
+                                                "; backups fail until it does");
+            return;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            throw Exception("Daemon", Exception::failure)
+                .stringParameter("the database daemon has not finished the last backup; its log says why");
+        }
+        if (!said) {
+            note(Logger::Severity::info, "waiting for the database daemon to finish the last backup");
+        }
+        sleepFor(0, 100);
+    }
+}
+
 void Daemon::bringUpState() {
+    awaitDatabaseDaemon();
     senderHistoryDatabaseCreate();
     try {
         senderHistoryDatabaseRepair();

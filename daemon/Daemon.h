@@ -39,6 +39,7 @@ class Daemon : private GreylistAdministration {
     void useLog();
     void useDatabase();
     void useGreylistConfiguration();
+    void awaitDatabaseDaemon() const;
     void bringUpState();
     void serve();
     void reload();

@@ -16,8 +16,10 @@ void note(Logger::Severity severity, std::string const& text) {
     Logger::instance(false).note(severity, text);
 }
 
-bool isKnown(std::int32_t code) {
+bool isScript(std::int32_t code) {
     switch (static_cast<RequestCode>(code)) {
+    case RequestCode::isSettled: // names no script
+        return false;
     case RequestCode::greylistScript:
     case RequestCode::reputationScript:
     case RequestCode::endpointScript:
@@ -43,9 +45,12 @@ Service::~Service() {
 }
 
 Answer Service::take(ScriptRequest const& request, uid_t user) {
+    if (request.code == static_cast<std::int32_t>(RequestCode::isSettled)) {
+        return m_runner.waitUntilIdle(std::chrono::milliseconds(0)) ? Answer::accepted : Answer::notSettled;
+    }
     std::string const what =
         "request code " + std::to_string(request.code) + " of user " + std::to_string(user) + " for " + request.path;
-    if (!isKnown(request.code)) {
+    if (!isScript(request.code)) {
         note(Logger::Severity::error, what + " is refused: " + text(Answer::unknownCode));
         return Answer::unknownCode;
     }

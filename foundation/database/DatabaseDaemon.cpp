@@ -149,6 +149,8 @@ char const* text(Answer answer) {
         return "the script could not be kept in the journal";
     case Answer::notAllowed:
         return "this user may not ask";
+    case Answer::notSettled:
+        return "scripts that were accepted are not done yet";
     }
     return "an unknown answer";
 }
@@ -181,6 +183,15 @@ Buffer request(RequestCode code, std::string const& path) {
     std::memcpy(bytes.data() + sizeof number, &length, sizeof length);
     path.copy(bytes.data() + headerSize, path.size());
     return bytes;
+}
+
+Answer askWhetherSettled() {
+    try {
+        Buffer const question = request(RequestCode::isSettled, "/");
+        return ask(question.view());
+    } catch (std::exception const&) {
+        return Answer::unreachable;
+    }
 }
 
 int requestScript(RequestCode code, std::string const& path) {

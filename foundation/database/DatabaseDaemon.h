@@ -21,6 +21,7 @@ extern "C" VELLUM_EXPORT int dbdaemon_send_request(void* request);
 namespace Vellum::DatabaseDaemon {
 
 enum class RequestCode : std::int32_t {
+    isSettled = 0, // runs nothing: accepted when every script that was accepted is done; the path is "/"
     greylistScript = 4,
     reputationScript = 5,
     endpointScript = 9,
@@ -34,6 +35,7 @@ enum class Answer : std::int32_t {
     scriptUnreadable = 4, // not an absolute path of a readable regular file of a user who may ask
     journalFailed = 5,    // the script could not be copied or made durable, for example on a full disk
     notAllowed = 6,       // this user may not ask
+    notSettled = 7,       // scripts wait, or one runs
 };
 
 // "accepted", "the script is unreadable", ... for messages.
@@ -53,5 +55,8 @@ std::chrono::milliseconds timeout();
 Buffer request(RequestCode code, std::string const& path);
 // Builds the request and sends it; answers as dbdaemon_send_request does.
 int requestScript(RequestCode code, std::string const& path);
+// Whether the tables hold every script that the daemon has accepted; whoever loads them before that loads the past, and
+// the next backup would make it the present. Answers accepted, notSettled, or unreachable. Never throws.
+Answer askWhetherSettled();
 
 } // namespace Vellum::DatabaseDaemon

@@ -114,7 +114,7 @@ TEST_F(ServiceTest, EveryRequestCodeIsServed) {
 
 TEST_F(ServiceTest, UnknownCodesAreRefused) {
     start();
-    for (int const code : {0, 3, 6, 10, -4}) {
+    for (int const code : {1, 3, 6, 10, -4}) {
         EXPECT_EQ(requestScript(static_cast<RequestCode>(code), script("commit;")), int(Answer::unknownCode)) << code;
     }
     EXPECT_THAT(journal(), IsEmpty());
@@ -196,6 +196,20 @@ TEST_F(ServiceTest, DatabaseMayBeAwayWhenARequestComes) {
     EXPECT_EQ(notes("trouble with the database, accepted scripts wait"), 1);
     EXPECT_EQ(notes("the trouble with the database is over after "), 1);
     EXPECT_THAT(m_log.waitForNote("trouble with the database")->text, HasSubstr("error 2002 from vellum@127.0.0.1"));
+}
+
+TEST_F(ServiceTest, SaysWhetherEverythingAcceptedIsDone) {
+    EXPECT_EQ(askWhetherSettled(), Answer::unreachable) << "no daemon yet";
+    start();
+    waitUntilIdle();
+    EXPECT_EQ(askWhetherSettled(), Answer::accepted);
+    server().kill();
+    EXPECT_EQ(ask(replacingScript("1", rows)), 0);
+    EXPECT_EQ(askWhetherSettled(), Answer::notSettled) << "accepted, and no database to run it";
+    server().start();
+    waitUntilIdle();
+    EXPECT_EQ(askWhetherSettled(), Answer::accepted);
+    EXPECT_EQ(stateOfTables(rows), "1");
 }
 
 TEST_F(ServiceTest, WrongPasswordIsTroubleAndLosesNoScript) {
