@@ -4,6 +4,7 @@
 #include "foundation/ipc/Server.h"
 
 #include <map>
+#include <system_error>
 
 namespace Vellum::IPC {
 namespace {
@@ -62,7 +63,12 @@ void Dispatcher::start(DispatcherOptions const& options) {
         throw Exception("Dispatcher::start", Exception::failure, "Dispatcher")
             .stringParameter("port " + std::to_string(port) + " is negative");
     }
-    m_server = std::make_unique<Server>(*this, options, static_cast<unsigned int>(port));
+    try {
+        m_server = std::make_unique<Server>(*this, options, static_cast<unsigned int>(port));
+    } catch (std::system_error const& failed) {
+        throw Exception("Dispatcher::start", Exception::failure, "Dispatcher")
+            .stringParameter("dispatcher " + std::to_string(m_number) + ": " + failed.what());
+    }
 }
 
 unsigned int Dispatcher::boundPort() const {

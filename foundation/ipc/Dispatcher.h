@@ -11,7 +11,10 @@
 //
 // What ends one connection, with one (rate-limited) warning in the log and no effect on any other: a frame above
 // maxFrameBytes, one not finished within frameTimeout, a type without a handler, a handler that answers -1 or throws,
-// a client that does not take its replies.
+// a client that does not take its replies. What was sent before is still delivered.
+//
+// A client that leaves ends the listing it asked for; one that only shuts down its sending side still gets its replies.
+// A request whose client has left before it was handled is handled all the same, if the kernel still knew whose it was.
 #pragma once
 
 #include "foundation/ipc/Handler.h"
@@ -57,7 +60,8 @@ class Dispatcher {
     Dispatcher(Dispatcher const&) = delete;
     Dispatcher& operator=(Dispatcher const&) = delete;
 
-    // Registers a handler; one that was added before for the same type is replaced. Thread-safe.
+    // Registers a handler; one that was added before for the same type is replaced. Throws Exception for an empty
+    // handle. Thread-safe.
     void add(Handler const& handler);
     // The handler of a request type; an empty handle when there is none. Thread-safe.
     Handler handler(unsigned int type) const;
@@ -67,7 +71,8 @@ class Dispatcher {
     void start(DispatcherOptions const& options = {});
     // Where it listens; 0 when it does not.
     unsigned int boundPort() const;
-    // Ends all connections and waits for the tasks that still run. May be started again.
+    // Ends all connections and waits for the tasks that still run; those that wait for a client or send to one fail at
+    // once. May be started again.
     void stop();
 
   private:

@@ -5,18 +5,14 @@
 #include "foundation/ServiceThread.h"
 #include "foundation/ipc/Address.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <optional>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <system_error>
 
 namespace Vellum::IPC {
 namespace {
 
-constexpr int eventsAtOnce = 256;
 constexpr int acceptsAtOnce = 64;
 constexpr int requestsAtOnce = 64; // then other connections have their turn
 constexpr int discardsAtOnce = 64;
@@ -25,18 +21,12 @@ constexpr std::chrono::seconds noteInterval{60};
 constexpr std::chrono::milliseconds farewell{1'000};
 constexpr std::chrono::milliseconds breath{10};
 
-[[noreturn]] void failStart(char const* operation) {
-    throw Exception("Dispatcher::start", Exception::failure, "Server")
-        .stringParameter(std::string(operation) + ": " + std::generic_category().message(errno));
-}
-
-void add(FileDescriptor const& epoll, int descriptor) {
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.fd = descriptor;
-    if (::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
-        failStart("epoll_ctl");
+FileDescriptor makeWakeEvent() {
+    FileDescriptor event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!event) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
     }
+    return event;
 }
 
 } // namespace
@@ -52,21 +42,15 @@ struct Server::Client {
     SocketIPC ipc;
     Phase phase = Phase::reading;
     bool taskFailed = false; // written by the thread that runs the task
-    std::uint32_t watched = 0;
-    std::optional<Clock::time_point> deadline;
 };
 
 Server::Server(Dispatcher const& handlers, DispatcherOptions const& options, unsigned int port)
     : m_handlers(handlers), m_options(options), m_shares(m_options), m_listeners(m_options.addresses, port),
-      m_doorkeeper(m_options.allowedUsers, m_listeners.port()), m_epoll(::epoll_create1(EPOLL_CLOEXEC)),
-      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_notes(notesAtOnce, noteInterval),
-      m_workers("ipc-worker", m_options.workers) {
-    if (!m_epoll || !m_wake) {
-        failStart("epoll_create1");
-    }
-    add(m_epoll, m_wake.get());
+      m_doorkeeper(m_options.allowedUsers, m_listeners.port()), m_wake(makeWakeEvent()),
+      m_notes(notesAtOnce, noteInterval), m_workers("ipc-worker", m_options.workers) {
+    m_poller.watch(m_wake.get(), EPOLLIN);
     for (FileDescriptor const& listener : m_listeners.sockets()) {
-        add(m_epoll, listener.get());
+        m_poller.watch(listener.get(), EPOLLIN);
     }
     m_loop = startServiceThread("ipc-loop", [this] { run(); });
 }
@@ -90,12 +74,9 @@ void Server::wake() {
 }
 
 void Server::run() {
-    epoll_event events[eventsAtOnce];
     while (!m_stopping.load()) {
-        int const count = ::epoll_wait(m_epoll.get(), events, eventsAtOnce, millisecondsToWait());
-        m_now = Clock::now();
-        for (int i = 0; i < count; ++i) {
-            onEvent(events[i].data.fd);
+        for (epoll_event const& event : m_poller.wait(!m_ready.empty())) {
+            onEvent(event.data.fd);
         }
         for (int const descriptor : std::exchange(m_ready, {})) {
             guard(descriptor, [this](Client& client) {
@@ -104,21 +85,10 @@ void Server::run() {
                 }
             });
         }
-        while (!m_deadlines.empty() && m_deadlines.begin()->first <= m_now) {
-            guard(m_deadlines.begin()->second, [this](Client& client) { onDeadline(client); });
+        while (auto const descriptor = m_poller.nextExpired()) {
+            guard(*descriptor, [this](Client& client) { onDeadline(client); });
         }
     }
-}
-
-int Server::millisecondsToWait() const {
-    if (!m_ready.empty()) {
-        return 0;
-    }
-    if (m_deadlines.empty()) {
-        return -1;
-    }
-    auto const left = std::chrono::ceil<std::chrono::milliseconds>(m_deadlines.begin()->first - Clock::now());
-    return static_cast<int>(std::clamp<long>(left.count(), 0, INT_MAX));
 }
 
 template <class Step>
@@ -222,7 +192,7 @@ void Server::serve(Client& client) {
     for (int turn = 0; turn < requestsAtOnce; ++turn) {
         switch (client.connection.frames().state()) {
         case FrameReader::State::complete:
-            clearDeadline(client);
+            m_poller.clearDeadline(client.descriptor());
             client.connection.frames().take(m_request);
             if (!handle(client)) {
                 return;
@@ -260,7 +230,7 @@ bool Server::handle(Client& client) {
 }
 
 void Server::handOver(Client& client, Handler const& handler) {
-    watch(client, 0);
+    m_poller.watch(client.descriptor(), 0);
     client.phase = Client::Phase::working;
     try {
         m_workers.submit([this, &client, handler, request = m_request] {
@@ -327,8 +297,8 @@ bool Server::settle(Client& client) {
     }
     if (connection.hasOutput()) {
         client.phase = Client::Phase::sending;
-        watch(client, EPOLLOUT);
-        setDeadline(client, m_options.drainTimeout);
+        m_poller.watch(client.descriptor(), EPOLLOUT);
+        m_poller.setDeadline(client.descriptor(), m_options.drainTimeout);
         return false;
     }
     if (client.taskFailed) {
@@ -349,11 +319,11 @@ void Server::awaitInput(Client& client) {
         return;
     }
     client.connection.rest();
-    watch(client, EPOLLIN);
+    m_poller.watch(client.descriptor(), EPOLLIN);
     if (!begun) {
-        clearDeadline(client);
-    } else if (!client.deadline) {
-        setDeadline(client, m_options.frameTimeout);
+        m_poller.clearDeadline(client.descriptor());
+    } else if (!m_poller.hasDeadline(client.descriptor())) {
+        m_poller.setDeadline(client.descriptor(), m_options.frameTimeout);
     }
 }
 
@@ -361,11 +331,11 @@ void Server::sendMore(Client& client) {
     bool const progress = client.connection.write() > 0;
     if (client.connection.failure().empty() && client.connection.hasOutput()) {
         if (progress) {
-            setDeadline(client, m_options.drainTimeout);
+            m_poller.setDeadline(client.descriptor(), m_options.drainTimeout);
         }
         return;
     }
-    clearDeadline(client);
+    m_poller.clearDeadline(client.descriptor());
     if (settle(client)) {
         serve(client);
     }
@@ -387,14 +357,13 @@ void Server::throwAway(Client& client) {
 }
 
 void Server::onDeadline(Client& client) {
-    clearDeadline(client);
     switch (client.phase) {
     case Client::Phase::reading:
         leave(client, "did not finish a request within " + std::to_string(m_options.frameTimeout.count()) + " ms");
         break;
     case Client::Phase::sending:
         if (client.connection.peerTookMore()) {
-            setDeadline(client, m_options.drainTimeout);
+            m_poller.setDeadline(client.descriptor(), m_options.drainTimeout);
             break;
         }
         note("client " + client.connection.name() + " cut off: did not take its reply within " +
@@ -420,41 +389,13 @@ void Server::leave(Client& client, std::string const& reason) {
         drop(client);
         return;
     }
-    watch(client, EPOLLIN);
-    setDeadline(client, farewell);
+    m_poller.watch(client.descriptor(), EPOLLIN);
+    m_poller.setDeadline(client.descriptor(), farewell);
 }
 
 void Server::drop(Client& client) {
-    clearDeadline(client);
-    m_clients.erase(client.descriptor()); // closing the socket takes it out of the epoll set
-}
-
-void Server::watch(Client& client, std::uint32_t events) {
-    if (events == client.watched) {
-        return;
-    }
-    epoll_event event{};
-    event.events = events;
-    event.data.fd = client.descriptor();
-    // Not even errors are reported for a descriptor that is out of the set.
-    int const operation = events == 0 ? EPOLL_CTL_DEL : client.watched == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
-    if (::epoll_ctl(m_epoll.get(), operation, client.descriptor(), &event) != 0) {
-        throw std::system_error(errno, std::generic_category(), "epoll_ctl");
-    }
-    client.watched = events;
-}
-
-void Server::setDeadline(Client& client, Clock::duration fromNow) {
-    clearDeadline(client);
-    client.deadline = Clock::now() + fromNow;
-    m_deadlines.emplace(*client.deadline, client.descriptor());
-}
-
-void Server::clearDeadline(Client& client) {
-    if (client.deadline) {
-        m_deadlines.erase({*client.deadline, client.descriptor()});
-        client.deadline.reset();
-    }
+    m_poller.forget(client.descriptor());
+    m_clients.erase(client.descriptor());
 }
 
 void Server::note(std::string const& text) {

@@ -20,16 +20,15 @@
 #include "foundation/ipc/Dispatcher.h"
 #include "foundation/ipc/Doorkeeper.h"
 #include "foundation/ipc/Listeners.h"
+#include "foundation/ipc/Poller.h"
 #include "foundation/ipc/ServerConnection.h"
 #include "foundation/ipc/Workers.h"
 
 #include <atomic>
 #include <memory>
-#include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 namespace Vellum::IPC {
@@ -46,11 +45,9 @@ class Server {
     unsigned int port() const { return m_listeners.port(); }
 
   private:
-    using Clock = std::chrono::steady_clock;
     struct Client;
 
     void run();
-    int millisecondsToWait() const;
     // Runs a step for the client with that descriptor, if there still is one. Whatever it throws ends that client only.
     template <class Step>
     void guard(int descriptor, Step step);
@@ -74,9 +71,6 @@ class Server {
     void leave(Client& client, std::string const& reason);
     void drop(Client& client);
 
-    void watch(Client& client, std::uint32_t events);
-    void setDeadline(Client& client, Clock::duration fromNow);
-    void clearDeadline(Client& client);
     void note(std::string const& text);
     void wake();
 
@@ -85,13 +79,11 @@ class Server {
     ConnectionShares m_shares;
     Listeners m_listeners;
     Doorkeeper m_doorkeeper;
-    FileDescriptor m_epoll;
+    Poller m_poller;
     FileDescriptor m_wake; // signalled when a worker is done, and to stop
 
     std::unordered_map<int, std::unique_ptr<Client>> m_clients; // by descriptor
-    std::set<std::pair<Clock::time_point, int>> m_deadlines;    // when, descriptor
     std::vector<int> m_ready;                                   // have complete requests left after their turn
-    Clock::time_point m_now;
     Pdu m_request{PduType::receiveBuffer, 1024};
     NoteLimiter m_notes;
 

@@ -18,8 +18,7 @@ class Socket {
     Socket(Socket const&) = delete;
     Socket& operator=(Socket const&) = delete;
 
-    // Whether the peer has sent anything that receive() would answer with, without waiting for it: a unit, or the end
-    // of the connection, or something that is no unit.
+    // Whether receive() would not have to wait: the peer has sent a unit, or something that is none, or is gone.
     virtual bool dataWaiting() = 0;
     // Sends one unit; it may stay in a buffer of this process for a while. Throws Exception when it cannot be sent.
     virtual void send(std::uint32_t type, void const* payload, std::size_t length) = 0;

@@ -1,5 +1,7 @@
 #include "foundation/ipc/Dispatcher.h"
 
+#include "foundation/FileDescriptor.h"
+#include "foundation/ipc/Address.h"
 #include "foundation/ipc/Endpoint.h"
 #include "tests/ipc/TestDispatcher.h"
 
@@ -7,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <thread>
 #include <vector>
 
@@ -14,6 +18,24 @@ namespace Vellum::IPC {
 namespace {
 
 struct Dispatching : testing::Test, TestDispatcher {};
+
+// No further descriptor can be opened in this process.
+class LimitedDescriptors {
+  public:
+    LimitedDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        rlimit none = m_before;
+        FileDescriptor const next(::dup(0));
+        none.rlim_cur = static_cast<rlim_t>(next.get()); // the lowest that is free
+        ::setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~LimitedDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+    LimitedDescriptors(LimitedDescriptors const&) = delete;
+    LimitedDescriptors& operator=(LimitedDescriptors const&) = delete;
+
+  private:
+    rlimit m_before{};
+};
 
 } // namespace
 
@@ -213,6 +235,32 @@ TEST_F(Dispatching, ConnectionBeyondTheMostIsTurnedAway) {
         }
     }
     EXPECT_EQ(reply, rawUnit(echoType + 1));
+}
+
+TEST_F(Dispatching, ConnectionWithoutADescriptorLeftForItIsTurnedAwayAndLaterOnesAreServed) {
+    start(); // nobody else: a connection that ends meanwhile would leave its descriptor
+    FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    SystemAddress const target = SystemAddress::of("127.0.0.1", port());
+    {
+        LimitedDescriptors const none;
+        ASSERT_EQ(::connect(socket.get(), target.get(), target.length), 0);
+        char byte = 0;
+        EXPECT_LE(::recv(socket.get(), &byte, 1, 0), 0);
+    }
+    EXPECT_TRUE(log.waitForNote("no file descriptor is left"));
+    EXPECT_TRUE(answers());
+}
+
+TEST_F(Dispatching, FloodOfBadClientsDoesNotFloodTheLog) {
+    start();
+    for (int i = 0; i < 200; ++i) {
+        RawClient client(port());
+        client.send(rawUnit(77));
+        EXPECT_EQ(client.readUntilEnd(), "");
+    }
+    EXPECT_TRUE(answers());
+    EXPECT_GE(log.notes().size(), 1U);
+    EXPECT_LE(log.notes().size(), 40U) << "20 a minute, and this test may see the minute change";
 }
 
 TEST_F(Dispatching, UnfinishedRequestIsNotWaitedForButSilenceIs) {
