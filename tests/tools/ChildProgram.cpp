@@ -111,6 +111,9 @@ ChildResult runChild(std::string const& program, std::vector<std::string> const&
     }
     err.writing.reset();
     in.writing.reset();
+    if (options.beforeReading) {
+        options.beforeReading();
+    }
     ChildResult result;
     readBoth(out.reading, err.reading, options, result);
     int status = 0;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@ struct ChildOptions {
     std::optional<std::size_t> readLines;
     // It also goes away once standard error holds this.
     std::string readUntil;
+    // Called before the first byte of it is read.
+    std::function<void()> beforeReading;
     std::string standardOutput; // a file to write to instead of being read here
     std::string input;          // what standard input holds
     bool terminal = false;      // standard input and standard error are a terminal; what it showed is `err`

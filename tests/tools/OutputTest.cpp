@@ -5,9 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <thread>
 
 namespace Vellum::Tools {
 namespace {
@@ -45,6 +47,28 @@ TEST(Output, SaysSoBeforeItWritesAndOnlyThen) {
     file.output.write("x");
     file.output.flush();
     EXPECT_EQ(said, 1);
+}
+
+TEST(Output, AReaderThatTakesNothingIsWaitedForOnlyAtTheEnd) {
+    BrokenPipe pipe;
+    Output output(pipe.writing.get());
+    std::string all;
+    for (int piece = 0; piece < 40; ++piece) { // far more than any pipe holds
+        std::string const text(Output::pieceBytes, static_cast<char>('a' + piece % 26));
+        all += text;
+        output.write(text);
+    }
+    std::string read;
+    std::thread reader([&] {
+        std::array<char, 4096> bytes{};
+        while (read.size() < all.size()) {
+            ssize_t const length = ::read(pipe.reading.get(), bytes.data(), bytes.size());
+            read.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+        }
+    });
+    output.flush();
+    reader.join();
+    EXPECT_EQ(read, all);
 }
 
 TEST(Output, AReaderThatIsGoneIsNoticedWithoutWriting) {

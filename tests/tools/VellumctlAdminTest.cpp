@@ -104,7 +104,7 @@ TEST_F(VellumctlAdmin, ABackupTellsItsNumbers) {
                                            {"milliseconds", 40},
                                            {"left_out", 1}});
     ChildResult const result = run({"backup"});
-    EXPECT_EQ(result.out, "the database daemon has the backup: 12 tuples and 3 exemptions, 1.5 kB in 40 ms, 1 record "
+    EXPECT_EQ(result.out, "accepted by the database daemon: 12 tuples and 3 exemptions, 1.5 kB in 40 ms, 1 record "
                           "left out (the log says which)\n");
     EXPECT_EQ(result.exitCode, 0);
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
+#include <future>
 #include <limits>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -220,6 +221,32 @@ TEST_F(VellumctlList, AReaderThatGoesAwayIsNoticedWhenNothingIsShown) {
     ChildResult const result = run({"greylist", "list", "--no-header", "--sender", "nobody"}, nobody);
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(stopped);
+}
+
+TEST_F(VellumctlList, AReaderThatPausesDoesNotHoldUpTheDaemon) {
+    constexpr unsigned int many = 50000; // 28 MB, far more than the daemon and two sockets buffer
+    std::promise<bool> listed;
+    answer(IPC::PduType::listTuples, [&](IPC::SocketIPC& client, IPC::Pdu const&) {
+        try {
+            IPC::Listing listing(client, many);
+            for (unsigned int n = 0; n < many; ++n) {
+                listing.send(IPC::PduType::tupleRecord, GreyList::Packet(tuple(n), Status(now, now + hour, 0), now));
+            }
+            listing.end();
+            listed.set_value(true);
+            return 0;
+        } catch (Exception const&) {
+            listed.set_value(false);
+            return -1;
+        }
+    });
+    ChildOptions less;
+    less.beforeReading = [&] {
+        listed.get_future().wait();
+    };
+    ChildResult const result = run({"greylist", "list", "--no-header"}, less);
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(linesOf(result.out), many);
 }
 
 TEST_F(VellumctlList, ALimitStopsTheListing) {

@@ -64,7 +64,7 @@ void AdminCommands::backup() {
     Json const answer = daemon.ask(IPC::PduType::adminBackup);
     settle(answer);
     if (!m_json) {
-        writeText("the database daemon has the backup: " + backupText(answer) + "\n");
+        writeText("accepted by the database daemon: " + backupText(answer) + "\n");
     }
 }
 
