@@ -4,6 +4,9 @@
 source_directory=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cores=$(nproc)
 
+# A checkout elsewhere compiles the same: what one has built, the next one need not build again.
+export CCACHE_BASEDIR=$source_directory CCACHE_NOHASHDIR=1
+
 # title TEXT: a heading that stands out in a long output.
 title() {
     if [[ -t 1 ]]; then
