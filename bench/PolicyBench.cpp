@@ -1,0 +1,166 @@
+// Policy servers side by side, under the load of mail servers: requests per second, latencies, and the server's CPU
+// time for each request.
+//
+// In every round each server is measured once, in turn (A B A B ...), and the medians over the rounds are shown; so
+// whatever else the machine does falls on all of them alike.
+#include "bench/Contenders.h"
+#include "bench/PolicyLoad.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace Vellum::Bench {
+namespace {
+
+struct Options {
+    std::vector<std::string> servers{"noop", "vellum-noop", "vellumd", "postgrey"};
+    std::vector<std::string> transports{"unix", "tcp"};
+    std::vector<unsigned int> connections{1, 4, 32};
+    std::vector<std::string> keys{"known", "skewed", "new"};
+    std::uint64_t tuples = 1000000;
+    unsigned int rounds = 5;
+    unsigned int milliseconds = 1000;
+    unsigned int workers = 0;
+    std::string json;
+};
+
+// ---- what was measured
+
+struct Row {
+    std::string server;
+    std::string transport;
+    unsigned int connections;
+    std::string keys;
+    std::vector<LoadResult> rounds;
+
+    double median(double (*figure)(LoadResult const&)) const {
+        std::vector<double> values;
+        std::transform(rounds.begin(), rounds.end(), std::back_inserter(values), figure);
+        std::sort(values.begin(), values.end());
+        std::size_t const middle = values.size() / 2;
+        return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+    }
+    double perSecond() const {
+        return median([](LoadResult const& r) { return static_cast<double>(r.requests) / r.seconds; });
+    }
+};
+
+void printHeading() {
+    std::printf("%-14s %-5s %5s %-7s %11s %7s %9s %9s %9s %9s  %s\n", "server", "", "conns", "keys", "requests/s",
+                "of noop", "p50 us", "p99 us", "p99.9 us", "CPU us", "dunno/defer/prepend/other");
+}
+
+void print(Row const& row, double limit) {
+    LoadResult sum;
+    for (LoadResult const& round : row.rounds) {
+        sum.dunno += round.dunno;
+        sum.defer += round.defer;
+        sum.prepend += round.prepend;
+        sum.other += round.other;
+    }
+    std::printf("%-14s %-5s %5u %-7s %11.0f %6.0f%% %9.1f %9.1f %9.1f %9.2f  %llu/%llu/%llu/%llu\n", row.server.c_str(),
+                row.transport.c_str(), row.connections, row.keys.c_str(), row.perSecond(),
+                limit > 0 ? 100 * row.perSecond() / limit : 0, row.median([](auto const& r) { return r.p50; }),
+                row.median([](auto const& r) { return r.p99; }), row.median([](auto const& r) { return r.p999; }),
+                row.median([](auto const& r) { return r.serverCpu; }), static_cast<unsigned long long>(sum.dunno),
+                static_cast<unsigned long long>(sum.defer), static_cast<unsigned long long>(sum.prepend),
+                static_cast<unsigned long long>(sum.other));
+    std::fflush(stdout);
+}
+
+nlohmann::json asJson(Row const& row) {
+    return {{"server", row.server},
+            {"transport", row.transport},
+            {"connections", row.connections},
+            {"keys", row.keys},
+            {"rounds", row.rounds.size()},
+            {"requests_per_second", row.perSecond()},
+            {"p50_us", row.median([](auto const& r) { return r.p50; })},
+            {"p99_us", row.median([](auto const& r) { return r.p99; })},
+            {"p999_us", row.median([](auto const& r) { return r.p999; })},
+            {"server_cpu_us_per_request", row.median([](auto const& r) { return r.serverCpu; })}};
+}
+
+// ---- the measuring
+
+std::vector<Row> measure(std::vector<Contender> const& contenders, Options const& options, std::string const& keys,
+                         std::string const& transport, unsigned int connections, std::uint64_t& firstFresh) {
+    std::vector<Row> rows;
+    for (Contender const& contender : contenders) {
+        rows.push_back({contender.name, transport, connections, keys, {}});
+    }
+    for (unsigned int round = 0; round < options.rounds; ++round) {
+        for (std::size_t i = 0; i < contenders.size(); ++i) {
+            ServerProcess const& server = contenders[i].on(transport);
+            Load load;
+            load.server = transport == "unix" ? server.unixAddress() : server.tcpAddress();
+            load.connections = connections;
+            load.keys = keysNamed(keys);
+            load.tuples = contenders[i].tuples;
+            load.firstFresh = firstFresh;
+            load.duration = std::chrono::milliseconds(options.milliseconds);
+            rows[i].rounds.push_back(run(load, server.process()));
+            firstFresh += rows[i].rounds.back().fresh;
+        }
+    }
+    return rows;
+}
+
+// All of one kind of keys before the next: new tuples make the server forget known ones, so they come last.
+void measureAll(Options const& options) {
+    TemporaryDirectory const directory;
+    std::vector<Contender> contenders;
+    for (std::string const& name : options.servers) {
+        contenders.push_back(startContender(name, options.tuples, options.workers, directory));
+    }
+    nlohmann::json results = nlohmann::json::array();
+    std::uint64_t firstFresh = options.tuples;
+    printHeading();
+    for (std::string const& keys : options.keys) {
+        for (std::string const& transport : options.transports) {
+            for (unsigned int const connections : options.connections) {
+                auto const rows = measure(contenders, options, keys, transport, connections, firstFresh);
+                for (Row const& row : rows) {
+                    print(row, rows.front().perSecond());
+                    results.push_back(asJson(row));
+                }
+            }
+        }
+    }
+    if (!options.json.empty()) {
+        std::ofstream(options.json) << results.dump(2) << '\n';
+    }
+}
+
+int benchMain(int argc, char** argv) {
+    Options options;
+    CLI::App app("Policy servers side by side; the first one named is what the others are compared with");
+    app.add_option("--servers", options.servers, "noop, vellum-noop, vellumd, postgrey")->delimiter(',');
+    app.add_option("--transports", options.transports, "unix, tcp")->delimiter(',');
+    app.add_option("--connections", options.connections, "connections, one request in flight on each")->delimiter(',');
+    app.add_option("--keys", options.keys, "known, skewed, new; new last, they displace known ones")->delimiter(',');
+    app.add_option("--tuples", options.tuples, "tuples that the servers know");
+    app.add_option("--rounds", options.rounds, "measurements of each server");
+    app.add_option("--milliseconds", options.milliseconds, "length of one measurement");
+    app.add_option("--workers", options.workers, "threads of our server; 0: one for each core");
+    app.add_option("--json", options.json, "file for the figures");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        measureAll(options);
+    } catch (std::exception const& e) {
+        std::cerr << "PolicyBench: " << e.what() << '\n';
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+} // namespace Vellum::Bench
+
+int main(int argc, char** argv) {
+    return Vellum::Bench::benchMain(argc, argv);
+}
