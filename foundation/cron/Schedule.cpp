@@ -38,6 +38,7 @@ std::vector<std::size_t> Schedule::due(long now) {
     }
     std::sort(found.begin(), found.end());
     std::vector<std::size_t> places;
+    places.reserve(found.size());
     for (auto const& [instant, place] : found) {
         places.push_back(place);
     }

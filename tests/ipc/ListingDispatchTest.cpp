@@ -193,8 +193,10 @@ TEST_F(ListingDispatch, ManyStalledClientsStopNeitherShortRequestsNorLaterListin
     expectAnswer(healthy);
     healthy.send(rawUnit(listType));
     expectListing(healthy, 200'000, 200'000);
-    EXPECT_EQ(failed, 200);
     EXPECT_EQ(ended, 1);
+    while (failed < 200) {
+        expectAnswer(healthy);
+    }
 }
 
 TEST_F(ListingDispatch, IsCompleteAlsoWithoutAnyBudgetForItsOutput) {
