@@ -88,6 +88,26 @@ TEST_F(ListingDispatch, StopThatIsThereAlreadyEndsItAfterOneRecord) {
     expectAnswer(client);
 }
 
+TEST_F(ListingDispatch, StopThatArrivesJustBeforeTheFirstRecordEndsItAfterThatRecord) {
+    Event begun;
+    Event stopped;
+    on(70, true, [&](SocketIPC& client, Pdu const&) {
+        begun.happen();
+        stopped.wait();
+        Listing listing(client, 2);
+        EXPECT_FALSE(listing.send(PduType::tupleRecord, Packet{0, {}}));
+        listing.end();
+        return 0;
+    });
+    start();
+    RawClient client(port());
+    client.send(rawUnit(70));
+    begun.wait(); // the request is read, and what comes now is in the kernel
+    client.send(rawUnit(4));
+    stopped.happen();
+    expectListing(client, 2, 1);
+}
+
 TEST_F(ListingDispatch, OtherUnitsAreDroppedOneForEachRecord) {
     serve(endless);
     RawClient client(port());

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "foundation/ipc/Dispatcher.h"
-#include "tests/support/RawClient.h"
 #include "tests/support/CapturingLogger.h"
+#include "tests/support/RawClient.h"
 
 #include <condition_variable>
 #include <functional>
