@@ -39,20 +39,20 @@ void logFailure(std::uint32_t code, int line, Exception const& failed) {
     Logger::instance(false).log(code, 0, formatSourceLineText, Source::recordDatabase, line, failed.asString().c_str());
 }
 
-// Reads one table and feeds it into its cache. `addRow` is taken by value: it holds the cache.
+// Reads one table and feeds it into its cache.
 template <class Row, class Cache, class Adapter>
-LoadReport::Half load(Database::Connection& connection, std::string const& table, Cache& cache, Adapter addRow,
-                      int failureLine) {
+LoadReport::Half load(Database::Connection& connection, std::string const& table, int failureLine) {
     LoadReport::Half half;
     half.attempted = true;
     Database::RowContainer container;
     Database::FeRowParser<Row> parser(container);
     try {
+        Cache& cache = *Cache::instance();
         Database::Query query(connection, &parser, true);
         query << "select * from " << table << ";";
         query.execute();
-        cache.clear();
-        std::for_each(container.rows().begin(), container.rows().end(), addRow);
+        cache->clear();
+        std::for_each(container.rows().begin(), container.rows().end(), Adapter());
         half.loaded = true;
         half.rows = container.rows().size();
     } catch (Exception const& failed) {
@@ -162,11 +162,11 @@ void GlRecordDatabase::dropTable() {
 }
 
 void GlRecordDatabase::read() {
-    LoadReport::setTuples(load<RecordRowWithExpiryTime>(m_connection, greyListTable, **TupleCache::instance(),
-                                                        AdapterRecordRowToSenderDataBase(), readTuplesFailedLine));
+    LoadReport::setTuples(load<RecordRowWithExpiryTime, TupleCache, AdapterRecordRowToSenderDataBase>(
+        m_connection, greyListTable, readTuplesFailedLine));
     LoadReport::setExemptions(
-        load<GLAutoExemptRecordRowWithExpiryTime>(m_connection, autoExemptTable, **DynamicExemptCache::instance(),
-                                                  AdapterRecordRowToGLAutoExemptDataBase(), readExemptionsFailedLine));
+        load<GLAutoExemptRecordRowWithExpiryTime, DynamicExemptCache, AdapterRecordRowToGLAutoExemptDataBase>(
+            m_connection, autoExemptTable, readExemptionsFailedLine));
 }
 
 bool GlRecordDatabase::write() {
