@@ -1,10 +1,10 @@
 // The listings through a real dispatcher, byte by byte.
 #include "greylist/GlDisplay.h"
 
-#include "ProcessCaches.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "foundation/ipc/Endpoint.h"
 #include "foundation/ipc/SocketIPC.h"
+#include "tests/support/ProcessCaches.h"
 #include "tests/support/RawClient.h"
 
 #include <gtest/gtest.h>
