@@ -48,6 +48,11 @@ void Crontab::add(Job const& job) {
     m_changed.notify_all();
 }
 
+std::vector<Job> Crontab::jobs() const {
+    std::lock_guard const holding(m_lock);
+    return m_jobs;
+}
+
 std::size_t Crontab::runDue() {
     std::vector<Job> jobs;
     {

@@ -30,6 +30,8 @@ class Crontab {
 
     // Throws Exception when the handle is empty or the job has no period. Thread-safe, like everything here.
     void add(Job const& job);
+    // The jobs, in the order in which they were added.
+    std::vector<Job> jobs() const;
     // Runs what is due now, on the caller's thread. Answers the number of jobs run. The thread does nothing else.
     std::size_t runDue();
 
@@ -42,7 +44,7 @@ class Crontab {
     void launch(); // under m_lock
 
     std::function<long()> const m_clock;
-    std::mutex m_lock;
+    mutable std::mutex m_lock;
     std::condition_variable m_changed;
     Schedule m_schedule;     // under m_lock
     std::vector<Job> m_jobs; // by their place in the schedule; under m_lock
