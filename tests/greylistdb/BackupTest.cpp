@@ -1,5 +1,5 @@
 // From the caches into a script, and to the database daemon.
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "foundation/DetachedBackup.h"
 #include "greylist/BackupReport.h"

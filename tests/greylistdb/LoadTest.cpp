@@ -1,5 +1,5 @@
 // From the tables into the caches.
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "tests/support/OwnProcess.h"
 

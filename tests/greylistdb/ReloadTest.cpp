@@ -1,5 +1,5 @@
 // The reload request, through a real dispatcher.
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "foundation/ipc/Dispatcher.h"
 #include "greylist/GlDisplay.h"

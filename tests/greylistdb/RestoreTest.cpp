@@ -1,5 +1,5 @@
 // A saved script back into the tables.
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "greylist/CronJobBackup.h"
 #include "tests/support/FakeDatabaseDaemon.h"

@@ -1,6 +1,6 @@
 // Awkward records from the caches through a script and the tables and back: each is there again, byte by byte, and none
 // spoils another.
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "foundation/Exception.h"
 #include "greylist/CronJobBackup.h"

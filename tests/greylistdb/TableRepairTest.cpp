@@ -1,7 +1,7 @@
 // Tables that older versions or other hands have made.
 #include "greylist/TableRepair.h"
 
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "greylist/CronJobBackup.h"
 #include "tests/support/FakeDatabaseDaemon.h"

@@ -1,5 +1,5 @@
 // What the two database classes do to their tables, statement by statement.
-#include "GreylistTables.h"
+#include "tests/support/GreylistTables.h"
 
 #include "foundation/database/Query.h"
 

@@ -1,0 +1,110 @@
+// The start of the process that serves the state. It happens once in a process, so each test has one of its own.
+#include "foundation/cron/Crontab.h"
+#include "foundation/ipc/Dispatcher.h"
+#include "greylist/CronJobBackup.h"
+#include "senderhistory/SenderHistoryDatabase.h"
+#include "tests/support/GreylistTables.h"
+#include "tests/support/OwnProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace Vellum {
+namespace {
+
+using GreyList::refusalOf;
+
+// A server, its database with a row in each table, and a configuration.
+struct Start {
+    Start() {
+        senderHistoryDatabaseCreate();
+        server.run({"insert into grey_list values ('192.0.2.0/24', 'a@b', 'c@d', 1, 2)",
+                    "insert into autoexempt values ('192.0.2.0/24', 'd', 3, 4)"},
+                   GreyList::databaseName);
+        configuration->enabled = false; // no backup of its own, whatever the time is
+    }
+    static bool handled(unsigned int type) { return !IPC::Dispatcher::instance(29001).handler(type).isNull(); }
+    static std::vector<Cron::Job> jobs() { return Cron::Crontab::instance(false).jobs(); }
+    template <class Cache>
+    static std::uint32_t loaded() {
+        auto& cache = **Cache::instance();
+        SharedLock const hold(cache.lock);
+        return cache.sizeNoLock();
+    }
+
+    CapturingLogger log;
+    PrivateMariaDb server;
+    GreyList::InstalledConfiguration configuration;
+};
+
+TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
+    expectInOwnProcess([] {
+        Start const start;
+        EXPECT_FALSE(Start::handled(5) || Start::handled(7) || Start::handled(9));
+        EXPECT_TRUE(Start::jobs().empty());
+        senderHistoryDatabaseInitialize();
+        EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
+        EXPECT_EQ(Start::loaded<GreyList::DynamicExemptCache>(), 1U);
+        EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9));
+        ASSERT_EQ(Start::jobs().size(), 1U);
+        Cron::Job const job = Start::jobs().front();
+        EXPECT_NE(dynamic_cast<GreyList::CronJobBackup const*>(job.get()), nullptr);
+        EXPECT_EQ(job->period()->interval(), 3600U);
+        EXPECT_EQ(job->period()->offset(), 2400U);
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+TEST(InitializeDeathTest, ExemptionsThatCannotBeReadEndIt) {
+    expectInOwnProcess([] {
+        Start start;
+        start.server.run({"insert into autoexempt values ('192.0.2.0/24', '', 3, 4)"}, GreyList::databaseName);
+        auto const refused = refusalOf([] { senderHistoryDatabaseInitialize(); });
+        ASSERT_TRUE(refused.has_value());
+        EXPECT_EQ(refused->where(), "DynamicExemptDatabase::read");
+        EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
+        EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9)) << "they come before";
+        EXPECT_TRUE(Start::jobs().empty()) << "backups come last";
+        auto const records = start.log.records(0x300019E);
+        ASSERT_EQ(records.size(), 1U);
+        EXPECT_EQ(records[0].fields[1], "441");
+    });
+}
+
+TEST(InitializeDeathTest, TuplesThatCannotBeReadAreLoggedAndDoNotEndIt) {
+    expectInOwnProcess([] {
+        Start start;
+        start.server.run({"insert into grey_list values ('192.0.2.0/24', '', 'c@d', 3, 4)"}, GreyList::databaseName);
+        senderHistoryDatabaseInitialize();
+        EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 0U);
+        EXPECT_EQ(Start::loaded<GreyList::DynamicExemptCache>(), 1U);
+        EXPECT_FALSE(GreyList::LoadReport::last().complete());
+        EXPECT_EQ(Start::jobs().size(), 1U);
+        EXPECT_EQ(start.log.records(0x300019E).size(), 1U);
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+TEST(InitializeDeathTest, CachesAreLoadedBeforeTheirHandlersAreThere) {
+    expectInOwnProcess([] {
+        Start start;
+        Database::Connection holder(start.server.admin(), GreyList::databaseName);
+        holder.run("LOCK TABLES grey_list WRITE", "test");
+        std::thread initializing([] { senderHistoryDatabaseInitialize(); });
+        while (start.server
+                   .query("select 1 from information_schema.PROCESSLIST where USER = 'vellum' and INFO like "
+                          "'select * from grey_list%' and STATE like 'Waiting%'")
+                   .empty()) {
+            std::this_thread::yield();
+        }
+        EXPECT_FALSE(Start::handled(5) || Start::handled(7) || Start::handled(9));
+        holder.run("UNLOCK TABLES", "test");
+        initializing.join();
+        EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9));
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+} // namespace
+} // namespace Vellum
