@@ -28,7 +28,7 @@ std::size_t digitsIn(std::string_view text) {
 
 // The run of letters and digits at the front of `text`.
 std::string_view firstRun(std::string_view text) {
-    auto const end = std::find_if_not(text.begin(), text.end(), isLetterOrDigit);
+    auto const end = std::find_if_not(text.begin(), text.end(), [](char c) { return isLetterOrDigit(c); });
     return text.substr(0, static_cast<std::size_t>(end - text.begin()));
 }
 

@@ -31,7 +31,7 @@ void appendQuoted(std::string& out, std::string_view value) {
 } // namespace
 
 void appendLogValue(std::string& out, std::string_view value) {
-    if (!value.empty() && std::all_of(value.begin(), value.end(), isBare)) {
+    if (!value.empty() && std::all_of(value.begin(), value.end(), [](char c) { return isBare(c); })) {
         out += value;
     } else {
         appendQuoted(out, value);
