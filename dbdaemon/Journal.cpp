@@ -128,7 +128,7 @@ Journal::Entry Journal::accept(std::int32_t code, int script) {
         Synchronized const held(m_lock);
         serial = ++m_lastNumber;
     }
-    Entry const entry{serial, code, pathOf(serial, code)};
+    Entry entry{serial, code, pathOf(serial, code)};
     copyIn(script, m_directory + '/' + std::string(incoming) + std::to_string(serial), entry.path);
     {
         Synchronized const held(m_lock);

@@ -77,6 +77,18 @@ void RequestServer::answer() {
     }
 }
 
+short RequestServer::awaited(Step step) {
+    switch (step) {
+    case Step::receiving:
+        return POLLIN;
+    case Step::sending:
+        return POLLOUT;
+    case Step::beingAnswered:
+        break;
+    }
+    return 0; // only that the client is gone
+}
+
 void RequestServer::talk() {
     std::vector<pollfd> watched;
     std::vector<std::uint64_t> ids;
@@ -84,8 +96,7 @@ void RequestServer::talk() {
         watched.assign({{m_listening.descriptor(), POLLIN, 0}, {m_event.get(), POLLIN, 0}});
         ids.clear();
         for (auto const& [id, client] : m_clients) {
-            short const events = client.step == Step::receiving ? POLLIN : client.step == Step::sending ? POLLOUT : 0;
-            watched.push_back({client.socket.get(), events, 0});
+            watched.push_back({client.socket.get(), awaited(client.step), 0});
             ids.push_back(id);
         }
         poll(watched.data(), watched.size(), millisecondsToNextDeadline());

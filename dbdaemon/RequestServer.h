@@ -69,6 +69,7 @@ class RequestServer {
 
     void talk();   // body of the first thread
     void answer(); // body of the second
+    static short awaited(Step step);
     void serve(std::uint64_t id, short events);
     void takeClients();
     void dropOldest();

@@ -32,6 +32,11 @@ Exception unreadable(std::string const& reason) {
     return Exception("Service", Exception::failure).stringParameter(reason);
 }
 
+Answer refuse(std::string const& what, Answer answer, std::exception const& reason) {
+    note(Logger::Severity::error, what + " is refused: " + reason.what());
+    return answer;
+}
+
 } // namespace
 
 Service::Service(Options const& options)
@@ -54,20 +59,20 @@ Answer Service::take(ScriptRequest const& request, uid_t user) {
         note(Logger::Severity::error, what + " is refused: " + text(Answer::unknownCode));
         return Answer::unknownCode;
     }
-    Answer onFailure = Answer::scriptUnreadable;
+    FileDescriptor script;
     try {
-        FileDescriptor const script = openScript(request.path);
-        onFailure = Answer::journalFailed;
+        script = openScript(request.path);
+    } catch (Exception const& failure) {
+        return refuse(what, Answer::scriptUnreadable, failure);
+    }
+    try {
         Journal::Entry const entry = m_journal.accept(request.code, script.get());
         note(Logger::Severity::info, what + " is accepted as script " + std::to_string(entry.number));
-        m_runner.wake();
-        return Answer::accepted;
-    } catch (Exception const& failure) {
-        note(Logger::Severity::error, what + " is refused: " + failure.asString());
-    } catch (std::exception const& failure) { // no memory
-        note(Logger::Severity::error, what + " is refused: " + failure.what());
+    } catch (std::exception const& failure) {
+        return refuse(what, Answer::journalFailed, failure);
     }
-    return onFailure;
+    m_runner.wake();
+    return Answer::accepted;
 }
 
 // Only what somebody who may ask has written himself is run: the path could otherwise name a file that this process may

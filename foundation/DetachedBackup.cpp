@@ -85,7 +85,7 @@ void start(std::string const& family, std::function<void()> backup) {
     pthread_t created{};
     int const failed = pthread_create(&created, nullptr, thread, given.get());
     if (failed == 0) {
-        given.release(); // the thread's now
+        (void)given.release(); // the thread's now
         pthread_detach(created);
         return;
     }

@@ -171,7 +171,7 @@ std::string SettingsTable::secret(std::string const& key, std::string const& abs
 }
 
 std::string SettingsTable::path(std::string const& key, std::string const& absent) const {
-    std::string const given = text(key, absent);
+    std::string given = text(key, absent);
     if (escapeControls(given) != given) {
         refuse(key, "expected a path without control characters, in UTF-8");
     }
@@ -242,7 +242,7 @@ std::string SettingsTable::choice(std::string const& key, std::string const& abs
     if (!has(key)) {
         return absent;
     }
-    std::string const given = text(key, absent);
+    std::string given = text(key, absent);
     if (std::find(allowed.begin(), allowed.end(), given) != allowed.end()) {
         return given;
     }

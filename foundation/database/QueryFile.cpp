@@ -17,7 +17,7 @@ namespace Vellum::Database {
 
 namespace {
 
-constexpr std::size_t pieceSize = 256U * 1024;
+constexpr std::size_t pieceSize = std::size_t{256} * 1024;
 
 DatabaseException refusal(std::string const& message) {
     return {scriptOperation, 0, message};

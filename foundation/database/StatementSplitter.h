@@ -27,7 +27,7 @@ struct Statement {
 // Memory: the statement in hand, at most `limit` bytes.
 class StatementSplitter {
   public:
-    static constexpr std::size_t defaultLimit = 64U * 1024 * 1024;
+    static constexpr std::size_t defaultLimit = std::size_t{64} * 1024 * 1024;
 
     using Sink = std::function<void(Statement const&)>;
 
