@@ -45,6 +45,16 @@ IPC::Dispatcher& dispatcher() {
     return IPC::Dispatcher::instance(IPC::stateDaemonPort);
 }
 
+// With the server away, the database daemon keeps the script until it is back.
+void takeLastBackup() {
+    try {
+        GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
+    } catch (std::exception const& failed) {
+        note(Logger::Severity::warning, std::string("the last backup is made without the database: ") + failed.what());
+        GreyList::GlRecordDatabase::writeWithoutServer();
+    }
+}
+
 } // namespace
 
 Daemon::Daemon(std::string settingsPath)
@@ -54,11 +64,16 @@ Daemon::Daemon(std::string settingsPath)
 // Whatever may still log is gone before the loggers are.
 Daemon::~Daemon() {
     m_housekeeping.reset();
+    dispatcher().stop(); // its requests ask the policy server for figures
     m_policy.reset();
-    dispatcher().stop();
     Cron::Crontab::instance(true).stop();
-    DetachedBackup::waitForAll(patienceWithLastBackups);
+    bool const quiet = DetachedBackup::waitForAll(patienceWithLastBackups);
     Logger::install(nullptr);
+    if (!quiet) { // a backup may log yet
+        for (auto& logger : m_loggers) {
+            static_cast<void>(logger.release());
+        }
+    }
 }
 
 void Daemon::check() const {
@@ -66,7 +81,7 @@ void Daemon::check() const {
 }
 
 int Daemon::run() {
-    useLog();
+    useLog(m_settings.log);
     note(Logger::Severity::info, std::string("vellumd ") + version + " starts with " + m_settingsPath);
     try {
         m_instanceLock = std::make_unique<InstanceLock>(m_settings.state.lockFile());
@@ -95,10 +110,10 @@ int Daemon::run() {
     return EX_OK;
 }
 
-void Daemon::useLog() {
+void Daemon::useLog(LogSettings const& settings) {
     AsyncLogger::Options options;
     options.informational = {GreyList::LogCode::cacheCreated, GreyList::LogCode::reloadDone};
-    m_loggers.push_back(makeLogger(m_settings.log.target, options));
+    m_loggers.push_back(makeLogger(settings.target, options));
     Logger::install(m_loggers.back().get());
 }
 
@@ -231,25 +246,23 @@ void Daemon::keepHouse() {
 void Daemon::reload() {
     Logger::instance(false).reopen();
     try {
-        Settings const changed = Settings::load(m_settingsPath);
+        Settings changed = Settings::load(m_settingsPath);
         sayWhatNeedsARestart(changed);
-        bool const otherLog = changed.log.target.asString() != m_settings.log.target.asString();
-        StateSettings const state = m_settings.state; // the lock is held there
-        m_settings = changed;
-        m_settings.state = state;
-        if (otherLog) {
-            useLog();
+        changed.state = m_settings.state; // the lock is held there
+        if (changed.log.target.asString() != m_settings.log.target.asString()) {
+            useLog(changed.log);
         }
+        m_settings = changed;
         useDatabase();
         useGreylistConfiguration();
         m_translator->install(PolicyTranslatorSettings::of(m_settings));
         note(Logger::Severity::info, "settings read again from " + m_settingsPath);
-    } catch (Exception const& failed) {
+    } catch (std::exception const& failed) {
         note(Logger::Severity::error, std::string("the settings stay as they were: ") + failed.what());
     }
     try {
         m_rules = loadRules(m_settings);
-    } catch (Exception const& failed) {
+    } catch (std::exception const& failed) {
         note(Logger::Severity::error, std::string("the exempt rules stay as they were: ") + failed.what());
     }
     m_decision->install(decisionSettings());
@@ -269,11 +282,7 @@ void Daemon::stop() {
     } else if (std::string const problem = m_loads.problem(); !problem.empty()) {
         note(Logger::Severity::warning, "no last backup: " + problem);
     } else {
-        try {
-            GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
-        } catch (Exception const& failed) {
-            GreyList::BackupReport::setFailed(failed.asString());
-        }
+        takeLastBackup();
         GreyList::BackupReport const report = GreyList::BackupReport::last();
         if (report.accepted) {
             note(Logger::Severity::info, "last backup: " + std::to_string(report.tuples) + " tuples and " +

@@ -36,7 +36,7 @@ class Daemon : private GreylistAdministration {
     int run();
 
   private:
-    void useLog();
+    void useLog(LogSettings const& settings);
     void useDatabase();
     void useGreylistConfiguration();
     void awaitDatabaseDaemon() const;

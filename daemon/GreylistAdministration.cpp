@@ -3,6 +3,7 @@
 #include "daemon/ScriptFacts.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Exception.h"
+#include "foundation/database/DatabaseDaemon.h"
 #include "foundation/database/Query.h"
 #include "foundation/database/ResultAccess.h"
 #include "foundation/database/RowParser.h"
@@ -106,10 +107,17 @@ RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
 
 RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreProgress const& progress) {
     RestoreMark const mark(m_restoring);
-    ScriptFacts::requireReadable(path); // says in plain words what is wrong with a path, before anything is waited for
+    // Before anything is waited for, and before any of it is a statement that an error could quote: the administrator
+    // may name a file that this process may read and he may not.
+    if (!ScriptFacts::of(path).complete) {
+        throw AdminRefusal(path + " is no whole backup script: it does not end as one");
+    }
     Synchronized const hold(m_inHand);
     if (!DetachedBackup::waitForAll(patienceWithBackups)) {
         throw AdminRefusal("a backup is still running");
+    }
+    if (DatabaseDaemon::askWhetherSettled() == DatabaseDaemon::Answer::notSettled) {
+        throw AdminRefusal("the database daemon has not run the last backup yet, which would undo the restore");
     }
     auto const start = std::chrono::steady_clock::now();
     GreyList::GlRecordDatabase database(Database::Connection::defaultAddress());

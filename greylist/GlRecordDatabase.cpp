@@ -39,9 +39,17 @@ void logFailure(std::uint32_t code, int line, Exception const& failed) {
     Logger::instance(false).log(code, 0, formatSourceLineText, Source::recordDatabase, line, failed.asString().c_str());
 }
 
-// Reads one table and feeds it into its cache.
+// Held by a load and by a backup: a backup of a cache that is only half filled would replace the whole table.
+Mutex& tablesAndCaches() {
+    static Mutex& mutex = *new Mutex; // detached threads may outlive main()
+    return mutex;
+}
+
+// Reads one table and feeds it into its cache. `report` learns that the cache may be incomplete before it is cleared,
+// so that it says so even when no memory is left to fill it.
 template <class Row, class Cache, class Adapter>
-LoadReport::Half load(Database::Connection& connection, std::string const& table, int failureLine) {
+LoadReport::Half load(Database::Connection& connection, std::string const& table, int failureLine,
+                      void (*report)(LoadReport::Half const&)) {
     LoadReport::Half half;
     half.attempted = true;
     Database::RowContainer container;
@@ -51,9 +59,12 @@ LoadReport::Half load(Database::Connection& connection, std::string const& table
         Database::Query query(connection, &parser, true);
         query << "select * from " << table << ";";
         query.execute();
+        half.problem = "the load of " + table + " did not come to its end";
+        report(half);
         cache->clear();
         std::for_each(container.rows().begin(), container.rows().end(), Adapter());
         half.loaded = true;
+        half.problem.clear();
         half.rows = container.rows().size();
     } catch (Exception const& failed) {
         Exception named(failed);
@@ -162,20 +173,28 @@ void GlRecordDatabase::dropTable() {
 }
 
 void GlRecordDatabase::read() {
+    Synchronized const hold(tablesAndCaches());
     LoadReport::setTuples(load<RecordRowWithExpiryTime, TupleCache, AdapterRecordRowToSenderDataBase>(
-        m_connection, greyListTable, readTuplesFailedLine));
+        m_connection, greyListTable, readTuplesFailedLine, LoadReport::setTuples));
     LoadReport::setExemptions(
         load<GLAutoExemptRecordRowWithExpiryTime, DynamicExemptCache, AdapterRecordRowToGLAutoExemptDataBase>(
-            m_connection, autoExemptTable, readExemptionsFailedLine));
+            m_connection, autoExemptTable, readExemptionsFailedLine, LoadReport::setExemptions));
 }
 
 bool GlRecordDatabase::write() {
-    static Mutex& oneAtATime = *new Mutex; // detached threads may outlive main()
-    Synchronized const hold(oneAtATime);
+    return writeScript(true);
+}
+
+bool GlRecordDatabase::writeWithoutServer() {
+    return writeScript(false);
+}
+
+bool GlRecordDatabase::writeScript(bool withServer) {
+    Synchronized const hold(tablesAndCaches());
     ReportedBackup backup;
     try {
         _TupleCache const& tuples = **TupleCache::instance();
-        std::unique_ptr<Database::Connection> const session = connectToServer();
+        std::unique_ptr<Database::Connection> const session = withServer ? connectToServer() : nullptr;
         std::string const path = RefConfiguration::instance(nullptr)->backupPath();
         File::basic_ofstream<char> out{File::Path(path)};
         backup.holds(BackupSnapshot(tuples, **DynamicExemptCache::instance()).write(out));

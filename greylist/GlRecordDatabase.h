@@ -43,6 +43,10 @@ class GlRecordDatabase {
     // process: a second call waits. Never throws an Exception; answers whether the daemon accepted the script.
     bool write();
 
+    // The same for a time when the server is away and this may be the last chance: the script waits in the database
+    // daemon's journal until the server is back.
+    static bool writeWithoutServer();
+
     // Runs a script, all or nothing. The caches are not loaded again. Logs a failure (0x300019C when there is no such
     // file, else 0x300019D) and never throws an Exception.
     void write(std::string const& path);
@@ -50,6 +54,7 @@ class GlRecordDatabase {
     void runScript(std::string const& path, Database::QueryFile::Progress const& progress = nullptr);
 
   private:
+    static bool writeScript(bool withServer);
     void maintain(std::string const& text, char const* operation, unsigned int line);
 
     std::string m_databaseName;

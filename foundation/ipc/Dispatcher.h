@@ -45,7 +45,7 @@ struct DispatcherOptions {
     std::size_t outputBound = 4U << 20;             // one connection's output that the kernel has not taken yet
     std::size_t outputBudget = 64U << 20;           // all connections together, beyond 64 KiB each
     std::chrono::milliseconds stallTimeout{1'000};  // a client at the bound that takes nothing for so long is dropped,
-    std::chrono::milliseconds waitTimeout{30'000};  // and so is one for whom a single task has waited so long in all
+    std::chrono::milliseconds waitTimeout{10'000};  // and so is one for whom a single task has waited so long in all
     std::chrono::milliseconds drainTimeout{60'000}; // as stallTimeout, for a reply whose task is done: nothing is held
 };
 

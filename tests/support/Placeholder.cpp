@@ -1,1 +1,0 @@
-// Keeps the support library from being empty on a build without any support source.
