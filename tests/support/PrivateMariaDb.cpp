@@ -117,7 +117,7 @@ PrivateMariaDb::~PrivateMariaDb() {
 }
 
 void PrivateMariaDb::launch() {
-    std::vector<std::string> command = {"mariadbd",
+    std::vector<std::string> command = {"/usr/sbin/mariadbd", // not in everybody's PATH
                                         "--no-defaults",
                                         userOption(),
                                         "--datadir=" + m_directory + "/data",
