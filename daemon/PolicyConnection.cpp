@@ -26,70 +26,61 @@ void discard(std::string& text) {
 
 } // namespace
 
-PolicyConnection::Wants PolicyConnection::proceed(Workplace& workplace) {
-    m_wants = m_unsent.empty() ? read(workplace) : write(workplace);
+void PolicyConnection::receive(Workplace& workplace) {
+    if (m_wants != Wants::input) {
+        return;
+    }
+    ssize_t const received = recv(socket(), workplace.input.data(), workplace.input.size(), 0);
+    if (received == 0) {
+        endOfInput(workplace);
+    } else if (received < 0) {
+        readFailed(workplace);
+    } else if (std::string_view const bytes(workplace.input.data(), static_cast<std::size_t>(received));
+               m_pending.empty()) {
+        answerAll(bytes, workplace);
+    } else {
+        m_pending += bytes;
+        answerAll(m_pending, workplace);
+    }
+}
+
+PolicyConnection::Wants PolicyConnection::send(Workplace& workplace) {
+    sendOnce();
+    while (m_unsent.empty() && m_wants != Wants::closing && !m_parser.insideRequest() && !m_pending.empty()) {
+        answerAll(m_pending, workplace);
+        sendOnce();
+    }
+    if (m_wants != Wants::closing) {
+        m_wants = m_unsent.empty() ? Wants::input : Wants::outputSpace;
+    }
     return m_wants;
 }
 
-PolicyConnection::Wants PolicyConnection::write(Workplace& workplace) {
-    sendRest();
-    return m_unsent.empty() ? answerAll(m_pending, workplace) : Wants::outputSpace;
-}
-
-PolicyConnection::Wants PolicyConnection::read(Workplace& workplace) {
-    ssize_t const received = recv(socket(), workplace.input.data(), workplace.input.size(), 0);
-    if (received == 0) {
-        return endOfInput(workplace);
-    }
-    if (received < 0) {
-        if (errno == EAGAIN || errno == EINTR) {
-            return Wants::input;
-        }
-        std::string const reason = std::generic_category().message(errno);
-        workplace.notes.brokenConnection.note(Logger::Severity::info,
-                                              "policy: connection of " + peer() + " broke: " + reason);
-        return Wants::closing;
-    }
-    std::string_view const bytes(workplace.input.data(), static_cast<std::size_t>(received));
-    if (m_pending.empty()) {
-        return answerAll(bytes, workplace);
-    }
-    m_pending += bytes;
-    return answerAll(m_pending, workplace);
-}
-
-PolicyConnection::Wants PolicyConnection::answerAll(std::string_view bytes, Workplace& workplace) {
-    std::string& output = workplace.output;
-    output.clear();
+// Up to a piece of answers; the parser has not seen what is left then.
+void PolicyConnection::answerAll(std::string_view bytes, Workplace& workplace) {
     std::size_t done = 0;
-    while (m_unsent.empty()) {
+    while (m_unsent.size() < outputPiece) {
         auto const outcome = m_parser.parse(bytes.substr(done));
         if (outcome == PolicyRequestParser::Outcome::incomplete) {
             break;
         }
         if (outcome == PolicyRequestParser::Outcome::broken) {
-            sendAnswers(output);
-            return brokenProtocol(bytes.substr(done), workplace);
+            brokenProtocol(bytes.substr(done), workplace);
+            return;
         }
         answerOne(workplace);
         done += m_parser.length();
         m_parser.next();
-        if (output.size() >= outputPiece) {
-            sendAnswers(output);
-        }
     }
-    sendAnswers(output);
     keep(bytes, done);
-    return m_unsent.empty() ? Wants::input : Wants::outputSpace;
 }
 
 void PolicyConnection::answerOne(Workplace& workplace) {
-    std::string& output = workplace.output;
-    std::size_t const before = output.size();
+    std::size_t const before = m_unsent.size();
     std::string failure;
     try {
-        workplace.answerer.answer(m_parser.request(), m_memory, output);
-        if (!isOneAnswer(std::string_view(output).substr(before))) {
+        workplace.answerer.answer(m_parser.request(), m_memory, m_unsent);
+        if (!isOneAnswer(std::string_view(m_unsent).substr(before))) {
             failure = "no answer was given";
         }
     } catch (std::exception const& e) {
@@ -98,8 +89,8 @@ void PolicyConnection::answerOne(Workplace& workplace) {
         failure = "unknown exception";
     }
     if (!failure.empty()) {
-        output.resize(before);
-        output += noOpinion;
+        m_unsent.resize(before);
+        m_unsent += noOpinion;
         workplace.failedAnswers.increment();
         workplace.notes.failedAnswer.note(Logger::Severity::error,
                                           "policy: no decision for " + peer() + ", answered DUNNO: " + failure);
@@ -120,47 +111,42 @@ void PolicyConnection::keep(std::string_view bytes, std::size_t from) {
     }
 }
 
-// A socket that takes nothing because it is broken counts as sent: reading from it tells the same, and why.
-void PolicyConnection::sendAnswers(std::string& answers) {
-    if (answers.empty()) {
+void PolicyConnection::sendOnce() {
+    if (m_unsent.empty()) {
         return;
     }
-    ssize_t const sent = send(socket(), answers.data(), answers.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 0 && errno == EAGAIN) {
-        m_unsent = answers;
-    } else if (sent >= 0 && static_cast<std::size_t>(sent) < answers.size()) {
-        m_unsent.assign(answers, static_cast<std::size_t>(sent));
-    }
-    answers.clear();
-}
-
-void PolicyConnection::sendRest() {
-    ssize_t const sent = send(socket(), m_unsent.data(), m_unsent.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent >= 0) {
+    ssize_t const sent = ::send(socket(), m_unsent.data(), m_unsent.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0 && static_cast<std::size_t>(sent) < m_unsent.size()) {
         m_unsent.erase(0, static_cast<std::size_t>(sent));
-    } else if (errno != EAGAIN && errno != EINTR) {
-        m_unsent.clear();
-    }
-    if (m_unsent.empty()) {
-        discard(m_unsent);
+    } else if (sent >= 0 || (errno != EAGAIN && errno != EINTR)) {
+        discard(m_unsent); // if the connection is broken, reading will tell, and why
     }
 }
 
-PolicyConnection::Wants PolicyConnection::endOfInput(Workplace& workplace) {
-    if (m_parser.insideRequest() && !m_shutDown.load(std::memory_order_relaxed)) {
+void PolicyConnection::readFailed(Workplace& workplace) {
+    if (errno == EAGAIN || errno == EINTR) {
+        return;
+    }
+    m_wants = Wants::closing;
+    workplace.notes.brokenConnection.note(Logger::Severity::info, "policy: connection of " + peer() + " broke: " +
+                                                                      std::generic_category().message(errno));
+}
+
+void PolicyConnection::endOfInput(Workplace& workplace) {
+    m_wants = Wants::closing;
+    if (m_parser.insideRequest() && !wasShutDown()) {
         workplace.notes.brokenConnection.note(Logger::Severity::info,
                                               "policy: " + peer() + " closed its connection after " +
                                                   std::to_string(m_pending.size()) + " bytes of a request");
     }
-    return Wants::closing;
 }
 
-PolicyConnection::Wants PolicyConnection::brokenProtocol(std::string_view bytes, Workplace& workplace) {
+void PolicyConnection::brokenProtocol(std::string_view bytes, Workplace& workplace) {
+    m_wants = Wants::closing;
     workplace.protocolErrors.increment();
     workplace.notes.brokenProtocol.note(Logger::Severity::warning,
                                         "policy: " + peer() +
                                             " broke the protocol, connection closed: " + m_parser.problem(bytes));
-    return Wants::closing;
 }
 
 std::string PolicyConnection::peer() const {

@@ -4,7 +4,11 @@
 // client that does not take its answers is not read from any more until it does; so a connection never holds more than
 // one unfinished request, one reading of further ones, and one piece of answers.
 //
-// Used by the one thread that serves it; wasServed() and shutDown() by any.
+// Receiving and sending are two steps, so that a thread can receive from all connections that are ready before it sends
+// to the first. Waking a client is the dearest part of an answer; one that waits on many connections (a proxy, a load
+// test) is then woken once for all of them.
+//
+// Used by the one thread that serves it; wasServed(), since() and shutDown() by any.
 #pragma once
 
 #include "daemon/PolicyAnswerer.h"
@@ -58,7 +62,6 @@ class PolicyConnection {
         PolicyAnswerer& answerer; // borrowed
         PolicyNotes& notes;       // borrowed
         std::vector<char> input = std::vector<char>(inputBytes);
-        std::string output;
         PolicyCounter requests;
         PolicyCounter protocolErrors;
         PolicyCounter failedAnswers;
@@ -67,9 +70,15 @@ class PolicyConnection {
     // `peer` is null for a Unix socket.
     PolicyConnection(FileDescriptor socket, SocketAddress const& peer) : m_socket(std::move(socket)), m_peer(peer) {}
 
-    // To be called when the socket is ready for what wants() says. Answers what it wants next. Never waits.
-    Wants proceed(Workplace& workplace);
+    // Two steps, to be taken one after the other when the socket is ready for what wants() says. Neither ever waits.
+    // The first reads and answers; throws std::bad_alloc.
+    void receive(Workplace& workplace);
+    // The second sends what the kernel takes, and goes on with requests that were received already when it took all.
+    // Answers what the connection wants next.
+    Wants send(Workplace& workplace);
     Wants wants() const { return m_wants; }
+    // Gives it up: nothing more is received, the second step answers that it is closing.
+    void giveUp() { m_wants = Wants::closing; }
 
     int socket() const { return m_socket.get(); }
     // "127.0.0.1:4711", or "process 815 of user 104".
@@ -84,15 +93,13 @@ class PolicyConnection {
   private:
     static constexpr std::size_t outputPiece = std::size_t{16} * 1024;
 
-    Wants write(Workplace& workplace);
-    Wants read(Workplace& workplace);
-    Wants answerAll(std::string_view bytes, Workplace& workplace);
+    void answerAll(std::string_view bytes, Workplace& workplace);
     void answerOne(Workplace& workplace);
     void keep(std::string_view bytes, std::size_t from);
-    void sendAnswers(std::string& answers);
-    void sendRest();
-    Wants endOfInput(Workplace& workplace);
-    Wants brokenProtocol(std::string_view bytes, Workplace& workplace);
+    void sendOnce();
+    void readFailed(Workplace& workplace);
+    void endOfInput(Workplace& workplace);
+    void brokenProtocol(std::string_view bytes, Workplace& workplace);
 
     FileDescriptor const m_socket;
     SocketAddress const m_peer;
@@ -102,7 +109,7 @@ class PolicyConnection {
     Wants m_wants = Wants::input;
     PolicyRequestParser m_parser;
     std::string m_pending; // received, not answered yet
-    std::string m_unsent;  // answers that the kernel has not taken
+    std::string m_unsent;  // answers that the kernel has not got yet
     PolicyConnectionMemory m_memory;
 };
 

@@ -6,15 +6,17 @@
 #include "foundation/Locks.h"
 
 #include <atomic>
+#include <exception>
 #include <memory>
+#include <span>
 #include <string>
 #include <thread>
 #include <unordered_map>
 
 namespace Vellum::Daemon {
 
-// Epoll, level-triggered: one system call to learn who has something to say, then one to receive and one to send for
-// each. A connection that sends without end gets its turn like the others.
+// Epoll, level-triggered: one system call to learn who has something to say, one for each to receive, then one for each
+// to send. A connection that sends without end gets its turn like the others.
 class PolicyWorker {
   public:
     using Clock = PolicyConnection::Clock;
@@ -43,7 +45,10 @@ class PolicyWorker {
     void run();
     void lastRounds();
     std::size_t serveReady(int milliseconds);
-    void serve(PolicyConnection& connection);
+    void serve(std::span<epoll_event const> ready);
+    void receive(PolicyConnection& connection);
+    void send(PolicyConnection& connection);
+    void giveUp(PolicyConnection& connection, std::exception const& problem);
     void drop(PolicyConnection& connection);
 
     PolicyConnection::Workplace m_workplace; // the thread's own, but for its counters

@@ -105,6 +105,49 @@ TEST_F(PolicyServerTest, RandomPiecesOnManyConnectionsGetTheirAnswers) {
     }
 }
 
+TEST_F(PolicyServerTest, OfManyThatAreReadyAtOnceABrokenOneLeavesTheOthers) {
+    start({.workers = 1});
+    std::promise<void> inAnswerer;
+    std::promise<void> goOn;
+    answerer.before = [&](PolicyRequest const& request) {
+        if (request[PolicyAttribute::sender] == "wait") {
+            inAnswerer.set_value();
+            goOn.get_future().wait();
+        }
+    };
+    std::vector<PolicyClient> clients;
+    for (int i = 0; i < 40; ++i) {
+        clients.push_back(connect());
+    }
+    PolicyClient first = connect();
+    first.send(requestFrom("wait"));
+    inAnswerer.get_future().wait();
+    // All of these are ready when the worker looks again.
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        clients[i].send(i % 4 == 0   ? requestFrom("ok") + "broken\n"
+                        : i % 4 == 1 ? requestFrom("!throw")
+                        : i % 4 == 2 ? "sender="
+                                     : requestFrom("fine"));
+    }
+    clients[2].finish();
+    goOn.set_value();
+    EXPECT_EQ(first.answer(), "wait");
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        if (i == 2) {
+            EXPECT_EQ(clients[i].answer(), "closed");
+        } else if (i % 4 == 0) {
+            EXPECT_EQ(clients[i].answer(), "ok");
+            EXPECT_EQ(clients[i].answer(), "closed");
+        } else if (i % 4 == 1) {
+            EXPECT_EQ(clients[i].answer(), "DUNNO");
+        } else {
+            EXPECT_EQ(i % 4 == 2 ? clients[i].ask("late\n\n") : clients[i].answer(), i % 4 == 2 ? "late" : "fine");
+        }
+    }
+    EXPECT_EQ(server.figures().protocolErrors, 10U);
+    EXPECT_EQ(server.figures().failedAnswers, 10U);
+}
+
 TEST_F(PolicyServerTest, EachConnectionHasAMemoryOfItsOwn) {
     start({.workers = 1});
     PolicyClient one = connect();
@@ -210,10 +253,10 @@ TEST_F(PolicyServerTest, WorkersAreFilledOneAfterTheOtherAndThenEvenly) {
         }
         return served;
     };
-    EXPECT_EQ(connectUpTo(64), (std::vector<int>{64}));
-    EXPECT_EQ(connectUpTo(65), (std::vector<int>{64, 1}));
-    EXPECT_EQ(connectUpTo(3 * 64), (std::vector<int>{64, 64, 64}));
-    EXPECT_EQ(connectUpTo(3 * 64 + 7), (std::vector<int>{67, 66, 66}));
+    EXPECT_EQ(connectUpTo(8), (std::vector<int>{8}));
+    EXPECT_EQ(connectUpTo(9), (std::vector<int>{8, 1}));
+    EXPECT_EQ(connectUpTo(24), (std::vector<int>{8, 8, 8}));
+    EXPECT_EQ(connectUpTo(31), (std::vector<int>{11, 10, 10}));
 }
 
 // ---- what breaks
