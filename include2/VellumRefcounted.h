@@ -91,7 +91,7 @@ class Ref {
     explicit Ref(T* impl) : m_holder(impl == nullptr ? nullptr : adopt(impl)) {}
     Ref(Ref const& other) { RefCountedImplCopy<T>(m_holder, other.m_holder); }
     Ref(Ref&& other) noexcept : m_holder(std::exchange(other.m_holder, nullptr)) {}
-    Ref& operator=(Ref const& other) {
+    Ref& operator=(Ref const& other) { // NOLINT(bugprone-unhandled-self-assignment): the copy sees to it
         RefCountedImplCopy<T>(m_holder, other.m_holder);
         return *this;
     }
