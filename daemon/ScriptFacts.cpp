@@ -47,7 +47,8 @@ class LineCounter {
         if (line.empty()) {
             return;
         }
-        m_facts.complete = line == "UNLOCK TABLES;" || line == "commit;";
+        m_locked = m_locked || line.substr(0, lockTables.size()) == lockTables;
+        m_facts.complete = line == "UNLOCK TABLES;" || (line == "commit;" && !m_locked);
         if (line.substr(0, 2) == "('") {
             takeRow(line);
         } else if (line.substr(0, insertInto.size()) == insertInto) {
@@ -58,6 +59,7 @@ class LineCounter {
 
   private:
     static constexpr std::string_view insertInto = "INSERT INTO ";
+    static constexpr std::string_view lockTables = "LOCK TABLES ";
 
     std::uint64_t* rowsOf(std::string_view table) {
         if (table == GreyList::greyListTable) {
@@ -79,6 +81,7 @@ class LineCounter {
     }
 
     ScriptFacts& m_facts;
+    bool m_locked = false;           // the tables are locked, so only an unlock ends the script
     std::uint64_t* m_rows = nullptr; // of the table that the last INSERT named
 };
 

@@ -13,7 +13,7 @@ struct ScriptFacts {
     std::uint64_t tuples = 0;
     std::uint64_t exemptions = 0;
     long newest = 0;       // the latest creation time of a row, seconds since the epoch; 0: none
-    bool complete = false; // the last line unlocks the tables, or commits
+    bool complete = false; // the last line unlocks the tables, or commits where none were locked
 
     // Reads the whole file: a tenth of a second for 100 MB that are in memory. Throws Exception, naming the path and
     // the reason, when it is not a regular file that this process may read.

@@ -68,6 +68,8 @@ TEST_F(ScriptFactsOf, AScriptThatWasCutOffIsNotComplete) {
     EXPECT_FALSE(of(whole.substr(0, whole.size() - 2)).complete);
     EXPECT_FALSE(of(whole.substr(0, 40)).complete);
     EXPECT_FALSE(of("").complete);
+    EXPECT_TRUE(of("delete from grey_list;\ncommit;\n").complete);
+    EXPECT_FALSE(of("LOCK TABLES grey_list WRITE;\ndelete from grey_list;\ncommit;\n").complete);
 }
 
 TEST_F(ScriptFactsOf, OtherFilesHaveNoRows) {

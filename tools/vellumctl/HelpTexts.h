@@ -60,6 +60,6 @@ inline constexpr char const* backup =
 inline constexpr char const* restore =
     "FILE is a script that a backup wrote. It is run as a whole or not at all, and the caches are loaded from\n"
     "the tables afterwards. The command tells first what would be lost, and asks. The daemon reads the file,\n"
-    "so the daemon's user must be able to. Ended half-way, it leaves everything as it was.";
+    "so the daemon's user must be able to. Interrupted before the end, it leaves everything as it was.";
 
 } // namespace Vellum::Tools::HelpText

@@ -167,7 +167,7 @@ std::string previewText(Json const& preview, std::int64_t now) {
                             bytesText(static_cast<std::uint64_t>(whole(part(script, "bytes")))));
     lines.add("Script", recordsText(script) + (newest == 0 ? "" : ", the newest of " + timeText(newest, now)));
     if (!flag(part(script, "complete"))) {
-        lines.add("Script", "IT DOES NOT END AS A BACKUP DOES: cut off, or written by something else");
+        lines.add("Script", "IT DOES NOT END AS A BACKUP DOES, and will be refused");
     }
     lines.add("Replaces", recordsText(part(preview, "tables")) + " in the tables");
     lines.add("Replaces", recordsText(part(preview, "caches")) + " in the daemon's memory");
