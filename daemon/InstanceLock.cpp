@@ -32,9 +32,8 @@ InstanceLock::InstanceLock(std::string const& path)
         throw refusal(path, std::strerror(errno));
     }
     if (::flock(m_descriptor, LOCK_EX | LOCK_NB) != 0) {
-        std::string const problem = errno == EWOULDBLOCK
-                                        ? "the state directory is in use by " + holderOf(m_descriptor)
-                                        : std::strerror(errno);
+        std::string const problem =
+            errno == EWOULDBLOCK ? "the state directory is in use by " + holderOf(m_descriptor) : std::strerror(errno);
         ::close(m_descriptor);
         throw refusal(path, problem);
     }

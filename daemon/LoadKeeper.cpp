@@ -69,7 +69,8 @@ void LoadKeeper::tryAgain() {
         return;
     }
     Kept<GreyList::_TupleCache, GreyList::TupleId> tuples(**GreyList::TupleCache::instance());
-    Kept<GreyList::_DynamicExemptCache, GreyList::DynamicExemptId> exemptions(**GreyList::DynamicExemptCache::instance());
+    Kept<GreyList::_DynamicExemptCache, GreyList::DynamicExemptId> exemptions(
+        **GreyList::DynamicExemptCache::instance());
     GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).read();
     tuples.putBack();
     exemptions.putBack();

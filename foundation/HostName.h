@@ -7,7 +7,7 @@ namespace Vellum {
 
 class HostName {
   public:
-    HostName() = default;                                                 // null
+    HostName() = default;                                        // null
     explicit HostName(std::string const& name) : m_name(name) {} // "" is null
 
     bool isNull() const { return m_name.empty(); }

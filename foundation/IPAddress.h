@@ -21,8 +21,8 @@ static_assert(sizeof(ip_addr_t) == 20 && offsetof(ip_addr_t, bytes) == 4);
 // A value of 17 bytes, so that masks and greylist identities stay small.
 class IPAddress {
   public:
-    IPAddress() = default;                        // null
-    IPAddress(ip_addr_t const& raw);              // throws Exception when the family is none of 0, 4, 6
+    IPAddress() = default;           // null
+    IPAddress(ip_addr_t const& raw); // throws Exception when the family is none of 0, 4, 6
     // Dotted quad or RFC 4291 text, nothing around it (no brackets, no zone). Throws Exception naming the text.
     explicit IPAddress(std::string const& text);
     // An IPv4 address from 32 bits: network order (as in_addr.s_addr) when the flag is true, else host order.
@@ -31,7 +31,7 @@ class IPAddress {
     bool isNull() const { return m_family == 0; }
     bool isV4() const { return m_family == 4; }
     bool isV6() const { return m_family == 6; }
-    static bool isV4Mapped(IPAddress const& address);     // ::ffff:0:0/96
+    static bool isV4Mapped(IPAddress const& address); // ::ffff:0:0/96
     // ::/96 carrying an IPv4 address; :: and ::1 are ordinary addresses, not compatible ones.
     static bool isV4Compatible(IPAddress const& address);
 

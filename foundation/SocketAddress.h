@@ -17,9 +17,7 @@ class SocketAddress {
     // "127.0.0.1:3306", "[::1]:3306".
     std::string asString() const;
 
-    bool operator==(SocketAddress const& other) const {
-        return m_address == other.m_address && m_port == other.m_port;
-    }
+    bool operator==(SocketAddress const& other) const { return m_address == other.m_address && m_port == other.m_port; }
 
   private:
     IPAddress m_address;
