@@ -187,6 +187,16 @@ class OrderlyStop(unittest.TestCase):
         world.vellum.start()
         self.assertEqual(self.listed(), (tuples, exemptions))
 
+    def test_nothing_is_lost_when_the_database_is_away_at_the_end(self):
+        client = Client("192.0.2.206")
+        world.send(client, "last@away.example", "g@example.org")
+        listed = self.listed()
+        world.mariadb.kill()
+        self.assertEqual(world.vellum.daemon.terminate(), 0)
+        world.mariadb.start()
+        world.vellum.start_daemon()  # waits until the database daemon has run the last backup
+        self.assertEqual(self.listed(), listed)
+
     @staticmethod
     def listed():
         """All that can be stored, with all its times."""
