@@ -1,7 +1,8 @@
 // Sees to it that an empty cache never overwrites a full table.
 //
 // Until both tables have been loaded, or an administrator has accepted the caches as they are, no backup is allowed and
-// loading is tried again. What the caches learned in the meantime is kept beside what is loaded.
+// loading is tried again. What the caches learned until the retry began is kept beside what is loaded; a tuple that is
+// first seen while the rows are being fetched may have to wait once more.
 #pragma once
 
 #include "foundation/Locks.h"

@@ -79,7 +79,9 @@ void senderHistoryDatabaseCreate() {
 void senderHistoryDatabaseRepair() {
     Database::Connection connection(Database::Connection::defaultAddress(), database);
     for (std::string const& change : GreyList::repairTables(connection)) {
-        Logger::instance(false).note(Logger::Severity::warning, "database " + database + ": " + change);
+        std::string line = "database ";
+        line.append(database).append(": ").append(change);
+        Logger::instance(false).note(Logger::Severity::warning, line);
     }
 }
 
