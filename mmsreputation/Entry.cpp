@@ -9,12 +9,12 @@ Entry::Record const* Entry::increment(AttributeType type, std::uint32_t index) {
     auto record = m_records.find(index);
     if (record == m_records.end()) {
         hold.promote();
-        record = m_records.try_emplace(index).first;
-        bool const tooOld = m_records.size() > mostRecords && record == m_records.begin();
+        m_records.try_emplace(index);
         while (m_records.size() > mostRecords) {
             m_records.erase(m_records.begin());
         }
-        if (tooOld) {
+        record = m_records.find(index);
+        if (record == m_records.end()) { // older than all that are kept
             return nullptr;
         }
     }

@@ -150,6 +150,18 @@ TEST(EndpointEntry, IncrementTrimsWhatAddLeft) {
     EXPECT_EQ(slicesOf(*entry), range(1007, 1021));
 }
 
+TEST(EndpointEntry, SliceThatIsTrimmedWithOlderOnesCountsNothing) {
+    RefEntry const entry(true);
+    for (std::uint32_t slice = 1001; slice <= 1020; ++slice) {
+        if (slice != 1003) {
+            entry->add(Period(slice), Entry::Record(1, 0));
+        }
+    }
+    EXPECT_EQ(entry->increment(AttributeType::spam, 1003), nullptr);
+    EXPECT_EQ(slicesOf(*entry), range(1006, 1020));
+    EXPECT_EQ(scoreOf(*entry, 1020), 15U);
+}
+
 TEST(EndpointEntry, SliceFifteenBackIsScoredAndSixteenBackIsNot) {
     RefEntry const entry(true);
     entry->add(Period(1000U), Entry::Record(1, 0));
