@@ -1,12 +1,12 @@
 // The backup job, the restore and the reload where there is no database.
 #include "greylist/CronJobBackup.h"
 
-#include "ScriptedSocket.h"
 #include "foundation/DetachedBackup.h"
 #include "greylist/BackupReport.h"
 #include "greylist/GlDisplay.h"
 #include "tests/support/OwnProcess.h"
 #include "tests/support/ProcessCaches.h"
+#include "tests/support/ScriptedSocket.h"
 #include "tests/support/UnreachableServer.h"
 
 #include <gmock/gmock.h>

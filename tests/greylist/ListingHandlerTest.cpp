@@ -1,11 +1,11 @@
 // The two listing handlers, called directly.
 #include "greylist/GlDisplay.h"
 
-#include "ScriptedSocket.h"
 #include "foundation/Exception.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "tests/support/OwnProcess.h"
 #include "tests/support/ProcessCaches.h"
+#include "tests/support/ScriptedSocket.h"
 
 #include <gtest/gtest.h>
 
