@@ -10,8 +10,9 @@
 // of the connection; a stranger, or a peer of which the kernel cannot tell, is cut off before a byte of it is read.
 //
 // What ends one connection, with one (rate-limited) warning in the log and no effect on any other: a frame above
-// maxFrameBytes, one not finished within frameTimeout, a type without a handler, a handler that answers -1 or throws,
-// a client that does not take its replies. What was sent before is still delivered.
+// maxFrameBytes, one not finished within frameTimeout, a type without a handler, a handler that throws or answers -1
+// (unless it says that it survives that), a client that does not take its replies. What was sent before is still
+// delivered.
 //
 // A client that leaves ends the listing it asked for; one that only shuts down its sending side still gets its replies.
 // A request whose client has left before it was handled is handled all the same, if the kernel still knew whose it was.
@@ -36,10 +37,10 @@ struct DispatcherOptions {
     int port = registryNumber;    // registryNumber: the dispatcher's own number; 0: the kernel chooses
     std::set<uid_t> allowedUsers; // besides root and the process's own user
 
-    std::size_t maxConnections = 2000;              // one more is closed at once
-    std::size_t maxFrameBytes = 1U << 20;           // header included
-    std::chrono::milliseconds frameTimeout{10'000}; // from a frame's first byte to its last
-    std::size_t inputBudget = 64U << 20;            // all connections together, beyond 16 KiB each
+    std::size_t maxConnections = 2000;                        // one more is closed at once
+    std::size_t maxFrameBytes = (1U << 20) + Pdu::headerSize; // header included: a payload of 1 MiB
+    std::chrono::milliseconds frameTimeout{10'000};           // from a frame's first byte to its last
+    std::size_t inputBudget = 64U << 20;                      // all connections together, beyond 16 KiB each
 
     unsigned int workers = 64;                      // threads at most for tasks that may take long; made when needed
     std::size_t outputBound = 4U << 20;             // one connection's output that the kernel has not taken yet

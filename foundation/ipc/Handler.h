@@ -46,6 +46,9 @@ class HandlerImpl : public virtual RefImpl {
 
     // Answers one request. 0 for success; after -1, or any exception, the client's connection is closed.
     virtual int task(SocketIPC& client, Pdu const& request) const = 0;
+    // True when the connection goes on after a -1: for a task that then has sent nothing, and refuses requests that a
+    // client may well send. The next reply on the connection belongs to its next request.
+    virtual bool survivesFailure() const { return false; }
 
   protected:
     // The edges of every task: answers -1 with the promised record when the request has another type, runs `work`,

@@ -248,14 +248,16 @@ void Server::handOver(Client& client, Handler const& handler) {
     }
 }
 
-// Runs on the loop's thread or on a worker's.
+// Runs on the loop's thread or on a worker's. False when the connection must not go on.
 bool Server::runTask(Client& client, Handler const& handler, Pdu const& request, bool mayWait) {
     client.connection.beginTask(mayWait);
     std::string reason = "its task failed";
+    bool goesOn = false;
     try {
         if (handler->task(client.ipc, request) == 0) {
             return true;
         }
+        goesOn = handler->survivesFailure();
     } catch (std::exception const& failed) {
         reason = failed.what();
     } catch (...) {
@@ -264,7 +266,7 @@ bool Server::runTask(Client& client, Handler const& handler, Pdu const& request,
     if (client.connection.failure().empty()) {
         note("request of type " + std::to_string(request.type()) + " of " + client.connection.name() + ": " + reason);
     }
-    return false;
+    return goesOn;
 }
 
 void Server::takeBack() {

@@ -114,6 +114,54 @@ TEST_F(Dispatching, FailedTaskEndsThatConnectionAfterWhatItSent) {
     EXPECT_TRUE(answers());
 }
 
+// Refuses every request, and says that its clients may go on.
+class RefusingHandler : public HandlerImpl {
+  public:
+    RefusingHandler(unsigned int type, bool mayTakeLong, bool throws)
+        : HandlerImpl(type, mayTakeLong), m_throws(throws) {}
+    int task(SocketIPC&, Pdu const&) const override { return m_throws ? throw std::runtime_error("thrown") : -1; }
+    bool survivesFailure() const override { return true; }
+
+  private:
+    bool m_throws;
+};
+
+TEST_F(Dispatching, TaskThatSurvivesItsFailureLeavesTheConnectionToTheNextRequest) {
+    for (bool const mayTakeLong : {false, true}) {
+        dispatcher.add(MyHandler<RefusingHandler>(new RefusingHandler(mayTakeLong ? 50 : 40, mayTakeLong, false)));
+    }
+    start();
+    for (unsigned int const type : {40U, 50U}) {
+        RawClient client(port());
+        client.send(rawUnit(type, "refused") + rawUnit(type, "again") + rawUnit(echoType, "next"));
+        EXPECT_EQ(client.read(12), rawUnit(echoType + 1, "next"));
+        EXPECT_TRUE(log.waitForNote("request of type " + std::to_string(type)));
+    }
+}
+
+TEST_F(Dispatching, NoTaskSurvivesAnExceptionThatItDoesNotCatch) {
+    dispatcher.add(MyHandler<RefusingHandler>(new RefusingHandler(40, false, true)));
+    start();
+    RawClient client(port());
+    client.send(rawUnit(40) + rawUnit(echoType, "never read"));
+    EXPECT_EQ(client.readUntilEnd(), "");
+    EXPECT_TRUE(log.waitForNote("thrown"));
+    EXPECT_TRUE(answers());
+}
+
+TEST_F(Dispatching, PayloadOfOneMebibyteIsTakenAndAByteMoreIsNot) {
+    start();
+    std::string const payload(1U << 20, 'x');
+    RawClient fitting(port());
+    fitting.send(rawUnit(echoType, payload));
+    EXPECT_EQ(fitting.read(8 + payload.size()), rawUnit(echoType + 1, payload));
+    RawClient client(port());
+    client.send(rawUnit(echoType, payload + "x").substr(0, 8));
+    EXPECT_EQ(client.readUntilEnd(), "");
+    EXPECT_TRUE(log.waitForNote("frame of 1048585 bytes, more than 1048584"));
+    EXPECT_TRUE(answers());
+}
+
 TEST_F(Dispatching, OversizedFrameEndsThatConnectionOnly) {
     options.maxFrameBytes = 100;
     start();
