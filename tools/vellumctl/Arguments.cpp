@@ -2,15 +2,14 @@
 
 #include "foundation/Exception.h"
 #include "foundation/Utf8.h"
+#include "tools/vellumctl/ArgumentChecks.h"
 #include "tools/vellumctl/Failure.h"
 #include "tools/vellumctl/HelpTexts.h"
 
 #include <CLI/CLI.hpp>
 
-#include <charconv>
 #include <ctime>
 #include <filesystem>
-#include <limits>
 
 namespace Vellum::Tools {
 namespace {
@@ -28,39 +27,11 @@ struct Words {
     bool waiting = false, passed = false, active = false, expired = false;
 };
 
-[[noreturn]] void wrong(std::string const& text) {
-    throw Failure(ExitCode::usage, text);
-}
-
-std::uint64_t wholeNumber(char const* option, std::string const& text, std::uint64_t lowest, std::uint64_t highest) {
-    std::uint64_t number = 0;
-    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error == std::errc::invalid_argument || end != text.data() + text.size()) {
-        wrong(std::string(option) + " \"" + text + "\" is not a whole number");
-    }
-    if (error != std::errc() || number < lowest || number > highest) {
-        std::string const bound = highest == std::numeric_limits<std::uint64_t>::max()
-                                      ? std::to_string(lowest) + " or more"
-                                      : std::to_string(lowest) + " to " + std::to_string(highest);
-        wrong(std::string(option) + " " + text + " is out of range: expected " + bound);
-    }
-    return number;
-}
-
-StringPattern pattern(char const* option, std::string const& text) {
-    try {
-        return StringPattern(text);
-    } catch (Exception const& failed) {
-        std::string const why = failed.stringParameters().empty() ? "" : ": " + failed.stringParameters().back();
-        wrong(std::string(option) + " \"" + text + "\" is no pattern" + why);
-    }
-}
-
 IPAddressMask network(std::string const& text) {
     try {
         return parseNetwork(text);
     } catch (Exception const&) {
-        wrong("--network \"" + text + "\" is no network: expected an address, or address/length");
+        wrongArgument("--network \"" + text + "\" is no network: expected an address, or address/length");
     }
 }
 
@@ -84,20 +55,20 @@ SortBy sortBy(std::string const& text, Listed listed) {
     if (text == "expiry") {
         return SortBy::expiry;
     }
-    wrong("--sort \"" + text + "\" is not known: expected network, " +
-          (tuples ? "sender, recipient, pass-time" : "domain") + " or expiry");
+    wrongArgument("--sort \"" + text + "\" is not known: expected network, " +
+                  (tuples ? "sender, recipient, pass-time" : "domain") + " or expiry");
 }
 
 std::string absolutePath(std::string const& text) {
     for (std::string_view rest = text; !rest.empty();) {
         std::size_t const length = Utf8::decode(rest).length;
         if (length == 0) {
-            wrong("the name of the file is not UTF-8");
+            wrongArgument("the name of the file is not UTF-8");
         }
         rest.remove_prefix(length);
     }
     if (text.empty()) {
-        wrong("the name of the file is empty");
+        wrongArgument("the name of the file is empty");
     }
     return std::filesystem::absolute(text).lexically_normal();
 }
@@ -123,14 +94,15 @@ class Parser {
             return std::nullopt;
         } catch (CLI::ParseError const& failed) {
             std::vector<std::string> const unknown = m_app.remaining(true);
-            wrong("vellumctl: " +
-                  (unknown.empty() ? std::string(failed.what()) : "\"" + unknown.front() + "\" is not known here") +
-                  "\nSee vellumctl --help.");
+            wrongArgument(
+                "vellumctl: " +
+                (unknown.empty() ? std::string(failed.what()) : "\"" + unknown.front() + "\" is not known here") +
+                "\nSee vellumctl --help.");
         }
         try {
             check();
         } catch (Failure const& failed) {
-            wrong("vellumctl " + m_arguments.name + ": " + failed.what());
+            wrongArgument("vellumctl " + m_arguments.name + ": " + failed.what());
         }
         return m_arguments;
     }
@@ -251,14 +223,15 @@ class Parser {
         if (!m_words.network.empty()) {
             list.filter.network = network(m_words.network);
         }
-        list.filter.sender = pattern(list.style.listed == Listed::tuples ? "--sender" : "--domain", m_words.sender);
-        list.filter.recipient = pattern("--recipient", m_words.recipient);
+        list.filter.sender =
+            patternArgument(list.style.listed == Listed::tuples ? "--sender" : "--domain", m_words.sender);
+        list.filter.recipient = patternArgument("--recipient", m_words.recipient);
         list.filter.waiting = m_words.waiting;
         list.filter.passed = m_words.passed;
         list.filter.active = m_words.active;
         list.filter.expired = m_words.expired;
         if (!m_words.limit.empty()) {
-            list.limit = wholeNumber("--limit", m_words.limit, 1, std::numeric_limits<std::uint64_t>::max());
+            list.limit = wholeNumber("--limit", m_words.limit, 1);
         }
         list.sort = sortBy(m_words.sort, list.style.listed);
         list.reverse = m_words.reverse;

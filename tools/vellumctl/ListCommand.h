@@ -1,9 +1,7 @@
 // greylist list, greylist exemptions.
 #pragma once
 
-#include "tools/vellumctl/DaemonConnection.h"
-#include "tools/vellumctl/Output.h"
-#include "tools/vellumctl/ProgressBar.h"
+#include "tools/vellumctl/ListingView.h"
 #include "tools/vellumctl/RecordFilter.h"
 #include "tools/vellumctl/RecordOutput.h"
 
@@ -23,9 +21,7 @@ struct ListRequest {
     bool reverse = false;               // of a sorted listing
 };
 
-// Asks for a listing and writes the records that match while they come. When nobody wants more of them (the limit is
-// reached, or the output's reader is gone) it asks the daemon to stop and reads on to the end marker.
-// Throws Failure.
+// Asks for a listing and shows it as showListing() does. Throws Failure.
 void list(DaemonConnection& daemon, ListRequest const& request, Output& output, ProgressBar& bar);
 
 } // namespace Vellum::Tools

@@ -1,7 +1,7 @@
 #include "tools/vellumctl/RecordOutput.h"
 
 #include "foundation/Escape.h"
-#include "tools/vellumctl/JsonText.h"
+#include "tools/vellumctl/JsonArray.h"
 #include "tools/vellumctl/Table.h"
 #include "tools/vellumctl/TimeText.h"
 
@@ -18,14 +18,14 @@ std::vector<std::string> titlesOf(Listed listed) {
     return {"NETWORK", "STATE", "EXPIRES", "DOMAIN"};
 }
 
-class TableOutput : public RecordOutput {
+class TableOutput : public ListingOutput<Record> {
   public:
     TableOutput(Output& output, RecordOutputStyle const& style)
         : m_style(style), m_table(output, titlesOf(style.listed), style.header) {}
 
-    void record(Record const& record, State state) override {
+    void record(Record const& record) override {
         std::string network = record.network.asString();
-        std::string stateName(stateText(state));
+        std::string stateName(stateText(record.stateAt(m_style.now, m_style.listed)));
         std::string expires = timeText(record.expiry, m_style.now);
         if (m_style.listed == Listed::tuples) {
             m_table.row({std::move(network), std::move(stateName), timeText(record.passTime, m_style.now),
@@ -43,50 +43,41 @@ class TableOutput : public RecordOutput {
     Table m_table;
 };
 
-class JsonOutput : public RecordOutput {
+class JsonOutput : public ListingOutput<Record> {
   public:
-    JsonOutput(Output& output, Listed listed) : m_output(output), m_listed(listed) { m_output.write("["); }
+    JsonOutput(Output& output, RecordOutputStyle const& style) : m_style(style), m_array(output) {}
 
-    void record(Record const& record, State state) override {
-        std::string& json = m_output.buffer();
-        json += m_first ? "\n{\"network\":" : ",\n{\"network\":";
-        m_first = false;
+    void record(Record const& record) override {
+        bool const tuple = m_style.listed == Listed::tuples;
+        std::string& json = m_array.next();
+        json += "{\"network\":";
         appendJsonString(json, record.network.asString());
-        if (m_listed == Listed::tuples) {
-            appendText(json, "sender", mailboxText(record.sender));
-            appendText(json, "recipient", mailboxText(record.recipient));
+        if (tuple) {
+            appendJsonText(json, "sender", mailboxText(record.sender));
+            appendJsonText(json, "recipient", mailboxText(record.recipient));
         } else {
-            appendText(json, "domain", record.sender);
+            appendJsonText(json, "domain", record.sender);
         }
-        json.append(",\"state\":\"").append(stateText(state)).append("\"");
-        if (m_listed == Listed::tuples) {
+        json.append(",\"state\":\"").append(stateText(record.stateAt(m_style.now, m_style.listed))).append("\"");
+        if (tuple) {
             json.append(",\"pass_time\":").append(std::to_string(record.passTime));
         }
         json.append(",\"expiry\":").append(std::to_string(record.expiry)).append("}");
-        m_output.written();
+        m_array.written();
     }
-    void finish() override { m_output.write(m_first ? "]\n" : "\n]\n"); }
-    void breakOff() override { m_output.write("\n"); }
+    void finish() override { m_array.finish(); }
+    void breakOff() override { m_array.breakOff(); }
 
   private:
-    static void appendText(std::string& json, std::string_view key, std::string_view text) {
-        json.append(",\"").append(key).append("\":");
-        if (!appendJsonString(json, text)) {
-            json.append(",\"").append(key).append("_hex\":");
-            appendJsonHex(json, text);
-        }
-    }
-
-    Output& m_output;
-    Listed m_listed;
-    bool m_first = true;
+    RecordOutputStyle m_style;
+    JsonArray m_array;
 };
 
 } // namespace
 
-std::unique_ptr<RecordOutput> makeRecordOutput(Output& output, RecordOutputStyle const& style) {
+std::unique_ptr<ListingOutput<Record>> makeRecordOutput(Output& output, RecordOutputStyle const& style) {
     if (style.json) {
-        return std::make_unique<JsonOutput>(output, style.listed);
+        return std::make_unique<JsonOutput>(output, style);
     }
     return std::make_unique<TableOutput>(output, style);
 }
