@@ -1,17 +1,9 @@
 #include "foundation/ipc/Handler.h"
 
 #include "foundation/Logger.h"
+#include "foundation/RecordFormats.h"
 
 namespace Vellum::IPC {
-namespace {
-
-// Formats promised to log readers.
-constexpr char const* formatText = "%s";
-constexpr char const* formatSourceLine = "%s\x01%d";
-constexpr char const* formatSignatureText = "%s\x01%s";
-constexpr char const* formatSignatureSourceLine = "%s\x01%s\x01%d";
-
-} // namespace
 
 void HandlerImpl::logRefusal(std::uint32_t code, char const* source, int line) {
     Logger::instance(false).log(code, 0, formatSourceLine, source, line);
