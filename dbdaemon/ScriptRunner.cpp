@@ -12,7 +12,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char const* database = "fe_sender_history";
+constexpr char const* database = Database::senderHistoryDatabase;
 
 void note(Logger::Severity severity, std::string const& text) {
     Logger::instance(false).note(severity, text);

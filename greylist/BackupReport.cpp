@@ -1,42 +1,27 @@
 #include "greylist/BackupReport.h"
 
-#include "foundation/Locks.h"
-
-#include <ctime>
+#include "foundation/Latest.h"
 
 namespace Vellum::GreyList {
 namespace {
 
-struct Kept {
-    Mutex lock;
-    BackupReport report VELLUM_GUARDED_BY(lock);
-};
-
-Kept& kept() {
-    static Kept& theReport = *new Kept; // detached threads may outlive main()
+Latest<BackupReport>& kept() {
+    static Latest<BackupReport>& theReport = *new Latest<BackupReport>; // detached threads may outlive main()
     return theReport;
 }
 
 } // namespace
 
 BackupReport BackupReport::last() {
-    Kept& all = kept();
-    Synchronized const hold(all.lock);
-    return all.report;
+    return kept().get();
 }
 
 void BackupReport::set(BackupReport const& report) {
-    Kept& all = kept();
-    Synchronized const hold(all.lock);
-    all.report = report;
+    kept().set(report);
 }
 
 void BackupReport::setFailed(std::string const& problem) {
-    BackupReport report;
-    report.attempted = true;
-    report.startedAt = std::time(nullptr);
-    report.problem = problem;
-    set(report);
+    set(Database::failedBackup<BackupReport>(problem));
 }
 
 } // namespace Vellum::GreyList

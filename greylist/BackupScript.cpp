@@ -1,61 +1,24 @@
 #include "greylist/BackupScript.h"
 
-#include "foundation/Logger.h"
+#include "foundation/MakeRoom.h"
 #include "foundation/database/BatchedInsert.h"
+#include "foundation/database/LeftOut.h"
 #include "foundation/database/QueryTableNames.h"
+#include "foundation/database/RowText.h"
 #include "greylist/DynamicExemptRecordWriter.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LogCodes.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
-#include <limits>
 #include <optional>
 
 namespace Vellum::GreyList {
 
-// Counts the records that no row can hold; the first ones are logged one by one.
-class LeftOut {
-  public:
-    void add(std::string const& record, char const* reason) {
-        if (++m_count <= shownOneByOne) {
-            log("not stored: " + record + ": " + reason);
-        }
-    }
-    std::uint64_t count() const { return m_count; }
-    void finish() const {
-        if (m_count > shownOneByOne) {
-            log(std::to_string(m_count - shownOneByOne) + " more records were not stored");
-        }
-    }
-
-  private:
-    static constexpr std::uint64_t shownOneByOne = 20; // a flood of forged addresses must not flood the log
-    static void log(std::string text) {
-        std::replace(text.begin(), text.end(), '\0', '?'); // a domain may hold one, and would end the text there
-        Logger::instance(false).log(LogCode::recordNotStored, 0, formatText, text.c_str());
-    }
-    std::uint64_t m_count = 0;
-};
-
 namespace {
 
-// The time columns are ints; a time beyond them is as good as their end.
-std::int64_t clampedToInt(std::int64_t seconds) {
-    return std::clamp<std::int64_t>(seconds, std::numeric_limits<std::int32_t>::min(),
-                                    std::numeric_limits<std::int32_t>::max());
-}
-
-// Room for `count` entries whose pages are there already, so that no page fault happens under a lock.
-template <class T>
-void makeRoom(std::vector<T>& vector, std::size_t count) {
-    vector.reserve(count);
-    auto* bytes = reinterpret_cast<char volatile*>(vector.data());
-    for (std::size_t at = 0; at < vector.capacity() * sizeof(T); at += 4096) {
-        bytes[at] = 0;
-    }
-}
+using Database::appendNumber;
+using Database::clampedToInt;
 
 char const* whyNotStorable(_TupleId const& id, std::string const& mask) {
     if (mask.empty()) {
@@ -77,16 +40,8 @@ char const* whyNotStorable(_DynamicExemptId const& id) {
     if (id.domain().size() > columnSize) {
         return "its domain is longer than its column of 128 bytes";
     }
-    bool const needsEscaping = std::any_of(id.domain().begin(), id.domain().end(), [](unsigned char c) {
-        return c == '\'' || c == '"' || c == '\\' || c < 0x20 || c == 0x7f;
-    });
-    return needsEscaping ? "its domain has a quote, a backslash or a control character" : nullptr;
-}
-
-void appendNumber(std::string& text, std::int64_t number) {
-    char digits[24];
-    auto const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
-    text.append(digits, end);
+    return Database::needsEscaping(id.domain()) ? "its domain has a quote, a backslash or a control character"
+                                                : nullptr;
 }
 
 Database::BatchedInsert::Texts insertInto(std::string const& table) {
@@ -147,7 +102,7 @@ BackupSnapshot::BackupSnapshot(_TupleCache const& tuples, _DynamicExemptCache co
 BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
     std::string const tuples = greyListTable;
     std::string const exemptions = autoExemptName();
-    LeftOut leftOut;
+    Database::LeftOut leftOut(LogCode::recordNotStored);
     out << "LOCK TABLES " << tuples << " WRITE," << exemptions << " WRITE;\n"
         << "delete from " << tuples << ";\n";
     writeTuples(out, leftOut);
@@ -160,7 +115,7 @@ BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
     return {m_tuples.size() - tuplesLeftOut, m_exemptions.size() - exemptionsLeftOut, leftOut.count()};
 }
 
-void BackupSnapshot::writeTuples(std::ostream& out, LeftOut& leftOut) const {
+void BackupSnapshot::writeTuples(std::ostream& out, Database::LeftOut& leftOut) const {
     Database::BatchedInsert batches(out, insertInto(greyListTable));
     MaskText masks;
     std::string row;
@@ -191,7 +146,7 @@ void BackupSnapshot::writeTuples(std::ostream& out, LeftOut& leftOut) const {
     batches.finish();
 }
 
-void BackupSnapshot::writeExemptions(std::ostream& out, LeftOut& leftOut) const {
+void BackupSnapshot::writeExemptions(std::ostream& out, Database::LeftOut& leftOut) const {
     Database::BatchedInsert::Texts texts = insertInto(autoExemptName());
     texts.separator.clear(); // the record writer puts its own commas
     Database::BatchedInsert batches(out, texts);

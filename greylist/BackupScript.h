@@ -9,6 +9,10 @@
 #include <ostream>
 #include <vector>
 
+namespace Vellum::Database {
+class LeftOut;
+}
+
 namespace Vellum::GreyList {
 
 // The times of both caches and where their identities are. Both caches are pinned meanwhile, so the identities stay,
@@ -45,8 +49,8 @@ class BackupSnapshot {
         std::int64_t expiry;
     };
 
-    void writeTuples(std::ostream& out, class LeftOut& leftOut) const;
-    void writeExemptions(std::ostream& out, class LeftOut& leftOut) const;
+    void writeTuples(std::ostream& out, Database::LeftOut& leftOut) const;
+    void writeExemptions(std::ostream& out, Database::LeftOut& leftOut) const;
 
     std::vector<Tuple> m_tuples;
     std::vector<Exemption> m_exemptions;

@@ -1,7 +1,7 @@
 #include "greylist/CronJobBackup.h"
 
 #include "foundation/DetachedBackup.h"
-#include "foundation/Logger.h"
+#include "foundation/LoggedFailure.h"
 #include "greylist/BackupReport.h"
 #include "greylist/Configuration.h"
 #include "greylist/GlRecordDatabase.h"
@@ -10,16 +10,12 @@
 namespace Vellum::GreyList {
 namespace {
 
-void log(std::uint32_t code, Exception const& failed) {
-    Logger::instance(false).log(code, 0, formatText, failed.asString().c_str());
-}
-
 void backup() {
     try {
         GlRecordDatabase database(Database::Connection::defaultAddress());
         database.write();
     } catch (Exception const& failed) {
-        log(LogCode::backupOrRestoreFailed, failed);
+        logFailure(LogCode::backupOrRestoreFailed, failed);
         BackupReport::setFailed(failed.asString());
     }
 }
@@ -27,15 +23,12 @@ void backup() {
 } // namespace
 
 int CronJobBackup::task() const {
-    try {
+    bool const done = doneOrLogged(LogCode::backupJobFailed, [] {
         if (RefConfiguration::instance(nullptr)->backupEnabled()) {
             backupEntries();
         }
-        return 0;
-    } catch (Exception const& failed) {
-        log(LogCode::backupJobFailed, failed);
-        return -1;
-    }
+    });
+    return done ? 0 : -1;
 }
 
 int backupEntries() {
@@ -44,14 +37,11 @@ int backupEntries() {
 }
 
 int restoreEntries(char const* path) {
-    try {
+    bool const connected = doneOrLogged(LogCode::backupOrRestoreFailed, [path] {
         GlRecordDatabase database(Database::Connection::defaultAddress());
         database.write(std::string(path));
-        return 0;
-    } catch (Exception const& failed) {
-        log(LogCode::backupOrRestoreFailed, failed);
-        return -1;
-    }
+    });
+    return connected ? 0 : -1;
 }
 
 } // namespace Vellum::GreyList

@@ -1,5 +1,6 @@
 #include "greylist/GlDynamicExemptDatabase.h"
 
+#include "foundation/database/Maintenance.h"
 #include "foundation/database/Query.h"
 #include "foundation/database/QueryTableNames.h"
 #include "greylist/GlRecordDatabase.h"
@@ -37,16 +38,6 @@ void DynamicExemptDatabase::initialize(SocketAddress const& address, bool recrea
     }
 }
 
-void DynamicExemptDatabase::maintain(std::string const& text, char const* operation, unsigned int line) const {
-    try {
-        Database::Query query(m_connection, nullptr, true);
-        query << text;
-        query.execute();
-    } catch (Exception const& failed) {
-        throw Exception(operation, Exception::failure, Source::dynamicExemptDatabase, line).cause(failed);
-    }
-}
-
 void DynamicExemptDatabase::createTable() const {
     m_connection.enableMultipleStatementsPerQuery();
     std::string const name = tableName();
@@ -55,12 +46,14 @@ void DynamicExemptDatabase::createTable() const {
                        " CreationTime int not null," + " ExpiryTime int not null," +
                        " Primary Key ( ClientIPAddressMask, Domain ))\n" + " engine=InnoDB;";
     text += '\0';
-    maintain(text, "GreyList::DynamicExemptDatabase::createDynamicExemptRecordSetTable", createTableLine);
+    Database::maintain(m_connection, text, "GreyList::DynamicExemptDatabase::createDynamicExemptRecordSetTable",
+                       Source::dynamicExemptDatabase, createTableLine);
 }
 
 void DynamicExemptDatabase::upgradeTable() const {
-    maintain("ALTER table " + tableName() + " MODIFY ClientIPAddressMask varchar( 128 ) not null;",
-             "GreyList::DynamicExemptDatabase::upgradeTable", upgradeTableLine);
+    Database::maintain(
+        m_connection, "ALTER table " + tableName() + " MODIFY ClientIPAddressMask varchar( 128 ) not null;",
+        "GreyList::DynamicExemptDatabase::upgradeTable", Source::dynamicExemptDatabase, upgradeTableLine);
 }
 
 void DynamicExemptDatabase::read() const {

@@ -32,8 +32,6 @@ class DynamicExemptDatabase {
     Database::Connection& connection() { return m_connection; }
 
   private:
-    void maintain(std::string const& text, char const* operation, unsigned int line) const;
-
     mutable Database::Connection m_connection; // a query changes the session, not what this object means
 };
 

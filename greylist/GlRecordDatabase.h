@@ -16,9 +16,9 @@ namespace Vellum::GreyList {
 // Column texts and names are those of databases in the field.
 inline std::string const greyListTable = "grey_list";
 inline constexpr char const* autoExemptTable = "autoexempt";
-inline constexpr char const* databaseName = "fe_sender_history";
+inline constexpr char const* databaseName = Database::senderHistoryDatabase;
 // Bytes that an address or domain column takes.
-inline constexpr std::size_t columnSize = 128;
+inline constexpr unsigned int columnSize = 128;
 
 class GlRecordDatabase {
   public:
@@ -55,7 +55,6 @@ class GlRecordDatabase {
 
   private:
     static bool writeScript(bool withServer);
-    void maintain(std::string const& text, char const* operation, unsigned int line);
 
     std::string m_databaseName;
     Database::Connection m_connection;

@@ -1,44 +1,14 @@
 #include "greylist/GlRows.h"
 
 #include "foundation/Exception.h"
-#include "foundation/Logger.h"
+#include "foundation/LoggedFailure.h"
+#include "foundation/database/Columns.h"
 #include "greylist/LogCodes.h"
-
-#include <cstdint>
-#include <cstdlib>
 
 namespace Vellum::GreyList {
 namespace {
 
-// One row of a result, while it is parsed.
-struct Columns {
-    void* handle;
-    void* result;
-    void* row;
-
-    bool haveEmpty(int count) const {
-        for (int column = 0; column < count; ++column) {
-            if (db_result_field_length(result, column) == 0) {
-                return true;
-            }
-        }
-        return false;
-    }
-    char const* text(int column) const { return db_result_get_value(handle, result, row, column); }
-    // The columns are ints; what exceeds one is cut as the column would have been.
-    long number(int column) const { return static_cast<std::int32_t>(std::strtol(text(column), nullptr, 10)); }
-
-    // For the log: what of the row is there to find it by.
-    std::string shown() const {
-        std::string all = "(";
-        for (int column = 0; column < db_result_fields_num(handle, result); ++column) {
-            all += column == 0 ? "'" : ", '";
-            all += text(column);
-            all += '\'';
-        }
-        return all + ')';
-    }
-};
+using Database::Columns;
 
 Exception refusal(char const* where, char const* parameter, char const* source, unsigned int line,
                   Columns const& columns) {
@@ -54,15 +24,6 @@ void fillExemption(Row& into, Columns const& columns) {
     into.domain = columns.text(1);
     into.creationTime = columns.number(2);
     into.expiryTime = columns.number(3);
-}
-
-template <class Add>
-void addLoggingFailure(Add add) {
-    try {
-        add();
-    } catch (Exception const& failed) {
-        Logger::instance(false).log(LogCode::rowNotAdded, 0, formatText, failed.asString().c_str());
-    }
 }
 
 // Lines are promised to log readers.
@@ -88,7 +49,7 @@ bool RecordRow::parse(void* handle, void* result, void* row) {
 
 bool RecordRowWithExpiryTime::parse(void* handle, void* result, void* row) {
     Columns const columns{handle, result, row};
-    int const fields = db_result_fields_num(handle, result);
+    int const fields = columns.count();
     if (fields == 4) {
         return RecordRow::parse(handle, result, row);
     }
@@ -124,7 +85,7 @@ bool DynamicExemptRecordRow::parse(void* handle, void* result, void* row) {
 }
 
 void AdapterRecordRowToSenderDataBase::operator()(Ref<Database::RowImpl> const& row) const {
-    addLoggingFailure([&] {
+    doneOrLogged(LogCode::rowNotAdded, [&] {
         auto const& record = static_cast<RecordRowWithExpiryTime const&>(*row);
         m_cache->add(TupleId(record.clientIP, record.sender, record.recipient),
                      Status(record.creationTime, record.expiryTime, 0));
@@ -132,7 +93,7 @@ void AdapterRecordRowToSenderDataBase::operator()(Ref<Database::RowImpl> const& 
 }
 
 void AdapterRecordRowToGLAutoExemptDataBase::operator()(Ref<Database::RowImpl> const& row) const {
-    addLoggingFailure([&] {
+    doneOrLogged(LogCode::rowNotAdded, [&] {
         auto const& record = static_cast<GLAutoExemptRecordRowWithExpiryTime const&>(*row);
         m_cache->add(DynamicExemptId(record.clientIPMask, record.domain),
                      Status(record.creationTime, record.expiryTime, 0));
@@ -140,7 +101,7 @@ void AdapterRecordRowToGLAutoExemptDataBase::operator()(Ref<Database::RowImpl> c
 }
 
 void AdapterRowToDynamicExemptRecord::operator()(Ref<Database::RowImpl> const& row) const {
-    addLoggingFailure([&] {
+    doneOrLogged(LogCode::rowNotAdded, [&] {
         auto const& record = static_cast<DynamicExemptRecordRow const&>(*row);
         m_cache->add(DynamicExemptId(record.clientIPMask, record.domain),
                      Status(record.creationTime, record.expiryTime, 0));

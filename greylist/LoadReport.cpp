@@ -1,32 +1,27 @@
 #include "greylist/LoadReport.h"
 
-#include "foundation/Locks.h"
+#include "foundation/Latest.h"
 
 namespace Vellum::GreyList {
 namespace {
 
-Mutex reportLock;
-LoadReport& report() VELLUM_REQUIRES(reportLock)
-{
-    static LoadReport& theReport = *new LoadReport; // detached threads may outlive main()
+Latest<LoadReport>& kept() {
+    static Latest<LoadReport>& theReport = *new Latest<LoadReport>; // detached threads may outlive main()
     return theReport;
 }
 
 } // namespace
 
 LoadReport LoadReport::last() {
-    Synchronized const hold(reportLock);
-    return report();
+    return kept().get();
 }
 
 void LoadReport::setTuples(Half const& half) {
-    Synchronized const hold(reportLock);
-    report().tuples = half;
+    kept().update([&](LoadReport& report) { report.tuples = half; });
 }
 
 void LoadReport::setExemptions(Half const& half) {
-    Synchronized const hold(reportLock);
-    report().exemptions = half;
+    kept().update([&](LoadReport& report) { report.exemptions = half; });
 }
 
 } // namespace Vellum::GreyList

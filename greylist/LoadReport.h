@@ -1,20 +1,12 @@
 // How the last load of the greylist's tables went.
-//
-// A cache that could not be loaded must not be backed up over its table: the host asks here before it allows a backup.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include "foundation/database/LoadReport.h"
 
 namespace Vellum::GreyList {
 
 struct LoadReport {
-    struct Half {
-        bool attempted = false;
-        bool loaded = false;    // the last attempt succeeded
-        std::uint64_t rows = 0; // of the last successful load
-        std::string problem;    // of the last attempt, when it failed
-    };
+    using Half = Database::LoadReport;
     Half tuples;
     Half exemptions;
 

@@ -2,14 +2,11 @@
 // lines are part of the promise and do not follow the code.
 #pragma once
 
+#include "foundation/RecordFormats.h"
+
 #include <cstdint>
 
 namespace Vellum::GreyList {
-
-// Fields are separated by the byte 0x01.
-inline constexpr char const* formatText = "%s";
-inline constexpr char const* formatSourceLineText = "%s\x01%d\x01%s";
-inline constexpr char const* formatSourceLineTextPath = "%s\x01%d\x01%s\x01%s";
 
 struct LogCode {
     static constexpr std::uint32_t listTuplesWrongType = 0x3000170;

@@ -17,8 +17,8 @@ namespace {
 
 constexpr std::size_t longestName = 64; // of a database or table, as the server has it
 
-// A database that exists on every server. The backups open it only to have a connection, so an account that may not
-// look into it is served without a selected database.
+// The server's own database. Whoever opens it only wants a session, so an account that may not look into it is served
+// without a selected database, and so is a server that has none.
 constexpr char const* alwaysThere = "mysql";
 
 // The client library prepares itself at the first mysql_init(), but not safely from two threads.
@@ -109,7 +109,7 @@ void Connection::open(Server const& server, std::string const& database) {
         }
         run(sessionSettings(server), "Connection");
         if (database == alwaysThere && mysql_select_db(m_mysql, alwaysThere) != 0 &&
-            mysql_errno(m_mysql) != ER_DBACCESS_DENIED_ERROR) {
+            mysql_errno(m_mysql) != ER_DBACCESS_DENIED_ERROR && mysql_errno(m_mysql) != ER_BAD_DB_ERROR) {
             throw error("Connection", "");
         }
         // A descriptor of our own: the library closes its own when the connection breaks, and by then interrupt()

@@ -14,6 +14,9 @@ struct st_mysql; // MYSQL of the client library
 
 namespace Vellum::Database {
 
+// Where all state that outlives the process is.
+inline constexpr char const* senderHistoryDatabase = "fe_sender_history";
+
 // The character set of our databases: texts keep their bytes and are compared byte by byte (why: see dbCreate()).
 inline constexpr char const* byteWiseCollation = "latin1_nopad_bin";
 inline constexpr char const* byteWiseCharacterSet = "CHARACTER SET latin1 COLLATE latin1_nopad_bin";

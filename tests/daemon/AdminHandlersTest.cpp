@@ -107,7 +107,7 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
                                  {true, now - 5, ""}};
     GreyList::LoadReport::setTuples({true, true, 17, ""});
     GreyList::LoadReport::setExemptions({true, false, 0, "row 3 of autoexempt"});
-    GreyList::BackupReport::set({true, true, now - 50, 40, 16, 2, 1, 1500, ""});
+    GreyList::BackupReport::set({{true, true, now - 50, 40, 1, 1500, ""}, 16, 2});
     m_services.gate = {false, "the exemptions could not be loaded"};
     (**GreyList::TupleCache::instance()).add(GreyList::tuple(1), GreyList::Status(0, 0, 0));
 
@@ -163,7 +163,7 @@ TEST_F(AdminHandlers, BytesThatAreNotUtf8DoNotSpoilAnAnswer) {
 }
 
 TEST_F(AdminHandlers, ABackupAnswersItsNumbers) {
-    m_services.report = {true, true, 1000, 40, 16, 2, 1, 1500, ""};
+    m_services.report = {{true, true, 1000, 40, 1, 1500, ""}, 16, 2};
     EXPECT_EQ(ask(IPC::PduType::adminBackup), json({{"accepted", true},
                                                     {"started", 1000},
                                                     {"milliseconds", 40},

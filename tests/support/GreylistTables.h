@@ -4,26 +4,20 @@
 #include "greylist/GlDynamicExemptDatabase.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LoadReport.h"
-#include "tests/support/PrivateMariaDb.h"
+#include "tests/support/DatabaseTables.h"
 #include "tests/support/ProcessCaches.h"
-#include "tests/support/TemporaryDirectory.h"
 
-#include <fstream>
-#include <functional>
-#include <optional>
-#include <sstream>
 #include <string>
-#include <vector>
 
 namespace Vellum::GreyList {
 
-class GreylistTables : public ProcessCaches {
-  public:
-    using Rows = std::vector<std::string>; // columns joined by '|'
+using Vellum::refusalOf;
 
+class GreylistTables : public ProcessCaches, protected DatabaseTables {
   protected:
+    using Rows = DatabaseTables::Rows;
+
     GreylistTables() {
-        server().freshDatabase();
         GlRecordDatabase(address()).createTable();
         DynamicExemptDatabase(address()).createTable();
         LoadReport::setTuples({});
@@ -32,12 +26,8 @@ class GreylistTables : public ProcessCaches {
         m_log.clear();
     }
 
-    static PrivateMariaDb& server() { return PrivateMariaDb::shared(); }
-    static SocketAddress address() { return Database::Connection::defaultAddress(); }
     std::string scriptPath() const { return m_directory.path() + "/greylist.sql"; }
 
-    // As an administrator, in the database.
-    static void run(std::vector<std::string> const& statements) { server().run(statements, databaseName); }
     static Rows tupleRows() { return server().query("select * from grey_list order by 1, 2, 3"); }
     static Rows exemptionRows() { return server().query("select * from autoexempt order by 1, 2"); }
 
@@ -64,44 +54,11 @@ class GreylistTables : public ProcessCaches {
         return all;
     }
 
-    // The statements that the product's account sends while `work` runs, as they arrive at the server.
-    static Rows sent(std::function<void()> const& work) {
-        server().run({"SET GLOBAL log_output='TABLE'", "TRUNCATE mysql.general_log", "SET GLOBAL general_log=1"});
-        work();
-        server().run({"SET GLOBAL general_log=0"});
-        return server().query("SELECT argument FROM mysql.general_log WHERE command_type='Query' AND "
-                              "user_host LIKE 'vellum[%'",
-                              "mysql");
-    }
-
-    static std::string contentOf(std::string const& path) {
-        std::ifstream file(path, std::ios::binary);
-        std::ostringstream content;
-        content << file.rdbuf();
-        return content.str();
-    }
-    static void writeFile(std::string const& path, std::string const& content) {
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-    }
-
-    TemporaryDirectory m_directory;
-
   private:
     static std::string times(Status const& status) {
         return ' ' + std::to_string(status.firstSeen) + ' ' + std::to_string(status.expiry) + ' ' +
                std::to_string(status.initialLifetime);
     }
 };
-
-// What `work` is refused with, or nothing.
-template <class Work>
-std::optional<Exception> refusalOf(Work work) {
-    try {
-        work();
-    } catch (Exception const& refused) {
-        return refused;
-    }
-    return std::nullopt;
-}
 
 } // namespace Vellum::GreyList

@@ -1,0 +1,30 @@
+// The records that a backup leaves out because no row can hold them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace Vellum::Database {
+
+// Logs the first ones one by one and the others as a sum, since a flood of forged addresses must not flood the log.
+class LeftOut {
+  public:
+    static constexpr std::uint64_t shownOneByOne = 20;
+
+    // `logCode`: of the records, format "%s".
+    explicit LeftOut(std::uint32_t logCode) : m_logCode(logCode) {}
+
+    // `record` may hold any bytes.
+    void add(std::string const& record, char const* reason);
+    std::uint64_t count() const { return m_count; }
+    // After the last record.
+    void finish() const;
+
+  private:
+    void log(std::string text) const;
+
+    std::uint32_t m_logCode;
+    std::uint64_t m_count = 0;
+};
+
+} // namespace Vellum::Database

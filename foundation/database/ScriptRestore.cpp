@@ -1,0 +1,27 @@
+#include "foundation/database/ScriptRestore.h"
+
+#include "foundation/File.h"
+#include "foundation/Logger.h"
+#include "foundation/RecordFormats.h"
+
+namespace Vellum::Database {
+
+void runScript(Connection& connection, std::string const& path, QueryFile::Progress const& progress) {
+    connection.enableMultipleStatementsPerQuery();
+    QueryFile script(connection, path);
+    script.onProgress(progress);
+    script.execute();
+}
+
+void runScriptOrLog(Connection& connection, std::string const& path, RestoreRecords const& records) {
+    try {
+        runScript(connection, path);
+    } catch (Exception const& failed) {
+        bool const missing = !File::Path(path).exists();
+        Logger::instance(false).log(missing ? records.missingCode : records.failedCode, 0, formatSourceLineTextPath,
+                                    records.source, missing ? records.missingLine : records.failedLine,
+                                    failed.asString().c_str(), path.c_str());
+    }
+}
+
+} // namespace Vellum::Database
