@@ -116,6 +116,21 @@ bool Cache::isListed(Numbers const& list, MSISDN const& number) {
     return std::find(list.begin(), list.end(), number) != list.end();
 }
 
+void Cache::missesEntries(std::string const& why) {
+    ExclusiveLock const hold(lock);
+    m_whyNotWhole = why;
+}
+
+void Cache::isTakenAsWhole() {
+    ExclusiveLock const hold(lock);
+    m_whyNotWhole.clear();
+}
+
+std::string Cache::whyNotWhole() const {
+    SharedLock const hold(lock);
+    return m_whyNotWhole;
+}
+
 void Cache::purge(bool lockBoth, long now) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
     long const time = now == 0 ? std::time(nullptr) : now;
     std::uint32_t const slice = Period(time, 0, Period::slicesPerWindow).index;

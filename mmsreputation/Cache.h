@@ -9,6 +9,7 @@
 #include <boost/container/flat_set.hpp>
 
 #include <set>
+#include <string>
 
 namespace Vellum {
 
@@ -68,6 +69,13 @@ class Cache : public LRUCache<MSISDN, RefEntry> {
     // Throws Exception when no configuration is installed.
     void purge(bool lock, long now = 0);
 
+    // A cache that does not hold all entries of the tables must never be written over them. Its loader says so, with
+    // the reason; an administrator may take it as it is. A new cache is whole. Exclusive; shared.
+    void missesEntries(std::string const& why);
+    void isTakenAsWhole();
+    // Empty for a whole cache.
+    std::string whyNotWhole() const;
+
   private:
     using Numbers = boost::container::flat_set<MSISDN>; // in one piece of memory: a walk is its only search
 
@@ -76,6 +84,7 @@ class Cache : public LRUCache<MSISDN, RefEntry> {
     VELLUM_REQUIRES_SHARED(Entry::s_mutex);
     void purgeUnlocked(long now, std::uint32_t slice);
 
+    std::string m_whyNotWhole VELLUM_GUARDED_BY(lock);
     Numbers m_exempt VELLUM_GUARDED_BY(lock);
     Numbers m_blacklist VELLUM_GUARDED_BY(lock);
 };
