@@ -1,0 +1,55 @@
+#include "mmsreputation/CronJobBackup.h"
+
+#include "foundation/DetachedBackup.h"
+#include "foundation/LoggedFailure.h"
+#include "mmsreputation/Configuration.h"
+#include "mmsreputation/LogCodes.h"
+#include "mmsreputation/MMSReputationDatabase.h"
+#include "mmsreputation/Reports.h"
+
+namespace Vellum::MMSReputation {
+namespace {
+
+void backup() {
+    try {
+        Database database(Vellum::Database::Connection::defaultAddress());
+        database.write(Configuration::instance()->fnameBackup());
+    } catch (Exception const& failed) {
+        logFailure(LogCode::backupOrRestoreFailed, failed);
+        BackupReport::setFailed(failed.asString());
+    }
+}
+
+} // namespace
+
+int CronJobBackup::task() const {
+    return doneOrLogged(LogCode::backupJobFailed,
+                        [] {
+                            if (Configuration::instance()->haMaster()) {
+                                backupEntries();
+                            }
+                        })
+               ? 0
+               : -1;
+}
+
+int backupEntries() {
+    DetachedBackup::start("endpoint", backup);
+    return 0;
+}
+
+int restoreEntries(std::string const& file) {
+    return doneOrLogged(LogCode::backupOrRestoreFailed,
+                        [&] {
+                            Database database(Vellum::Database::Connection::defaultAddress());
+                            database.execute(file);
+                        })
+               ? 0
+               : -1;
+}
+
+int restoreEntries(char const* file) {
+    return restoreEntries(std::string(file));
+}
+
+} // namespace Vellum::MMSReputation
