@@ -87,6 +87,7 @@ int Daemon::run() {
         m_instanceLock = std::make_unique<InstanceLock>(m_settings.state.lockFile());
         useDatabase();
         useGreylistConfiguration();
+        m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
         m_rules = loadRules(m_settings);
         bringUpState();
         serve();
@@ -233,6 +234,7 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
             changed.policy.maxConnections != m_settings.policy.maxConnections,
         "[policy]");
     say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
+    say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
 }
 
 void Daemon::keepHouse() {

@@ -13,6 +13,7 @@
 #include "daemon/LoadKeeper.h"
 #include "daemon/PolicyServer.h"
 #include "daemon/PolicyTranslator.h"
+#include "daemon/RateControlConfiguration.h"
 #include "daemon/Settings.h"
 
 #include <memory>
@@ -62,6 +63,7 @@ class Daemon : private GreylistAdministration {
     std::vector<std::unique_ptr<Logger>> m_loggers; // the last one is installed; older ones may still be in use
     std::unique_ptr<InstanceLock> m_instanceLock;
     std::unique_ptr<PidFile> m_pidFile;
+    std::unique_ptr<RateControlConfiguration> m_rateControl;
     LoadKeeper m_loads;
     DatabaseWatch m_databaseWatch;
     std::unique_ptr<Decision> m_decision;

@@ -200,6 +200,12 @@ GreylistSettings readGreylist(SettingsTable const& greylist) {
     return settings;
 }
 
+RateControlSettings readRateControl(SettingsTable const& rateControl) {
+    RateControlSettings settings;
+    readNumber(rateControl, "max_senders", settings.maxSenders, 1, 100'000'000);
+    return settings;
+}
+
 Settings read(SettingsTable const& file) {
     Settings settings;
     settings.log = readLog(file.table("log"));
@@ -209,6 +215,7 @@ Settings read(SettingsTable const& file) {
     settings.ipc = readIpc(file.table("ipc"));
     settings.policy = readPolicy(file.table("policy"));
     settings.greylist = readGreylist(file.table("greylist"));
+    settings.rateControl = readRateControl(file.table("rate_control"));
     file.refuseUnknownKeys();
     return settings;
 }

@@ -71,6 +71,10 @@ struct GreylistSettings { // [greylist]
     AddressFolding folding;
 };
 
+struct RateControlSettings { // [rate_control]
+    std::uint32_t maxSenders = 100'000;
+};
+
 struct Settings {
     LogSettings log;
     Database::Server database; // [database], see foundation/database/DatabaseSettings.h
@@ -79,6 +83,7 @@ struct Settings {
     IpcSettings ipc;
     PolicySettings policy;
     GreylistSettings greylist;
+    RateControlSettings rateControl;
 
     // Throw SettingsError.
     static Settings load(std::string const& path);

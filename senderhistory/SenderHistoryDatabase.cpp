@@ -9,6 +9,7 @@
 #include "greylist/GlDynamicExemptDatabase.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/TableRepair.h"
+#include "senderratecontrol/SenderRateControlDisplay.h"
 
 #include <set>
 #include <string>
@@ -97,6 +98,8 @@ void senderHistoryDatabaseInitialize() {
         GreyList::DynamicExemptDatabase const exemptions(address);
         exemptions.read();
     }
+    SenderRateControl::addEntryHandler();
+    SenderRateControl::addRecordHandler();
     schedule<GreyList::CronJobBackup>(Cron::Period(3600, 2400));
 }
 

@@ -47,6 +47,7 @@ std::string described(Settings const& s) {
         << ' ' << g.backup << ' ' << g.autoExemptAfter << '\n';
     out << g.deferText << '\n' << g.header << " [" << g.hostName << "] [" << g.rules << "]\n";
     out << g.folding.extension << g.folding.bounceDigits << g.folding.lowercaseLocalPart << '\n';
+    out << s.rateControl.maxSenders << '\n';
     return out.str();
 }
 
@@ -59,7 +60,8 @@ constexpr char const* defaults = "syslog\n1\n"
                                  "unix:/run/vellum/policy.sock inet:127.0.0.1:29002 666 0 10000\n"
                                  "1 5 48 36 1000000 1 5\n"
                                  "Greylisted, please try again in %SECONDS% seconds\n1 [] []\n"
-                                 "110\n";
+                                 "110\n"
+                                 "100000\n";
 
 TEST(Settings, AnEmptyFileMeansTheDefaults) {
     EXPECT_EQ(described(parse("")), defaults);
@@ -73,7 +75,8 @@ TEST(Settings, TheExampleHasEveryKey) {
     std::ifstream file(VELLUM_SOURCE_DIR "/packaging/vellumd.toml");
     std::stringstream text;
     text << file.rdbuf();
-    for (char const* section : {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist"}) {
+    for (char const* section :
+         {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist", "rate_control"}) {
         std::string error = errorOf("[" + std::string(section) + "]\nnonsense = 1\n");
         ASSERT_NE(error.find("expected "), std::string::npos) << error;
         std::istringstream keys(error.substr(error.find("expected ") + 9));
@@ -132,6 +135,8 @@ rules = "../rules.toml"
 fold_extension = false
 fold_bounce_digits = false
 lowercase_local_part = true
+[rate_control]
+max_senders = 17
 )";
     EXPECT_EQ(described(parse(text)), "/var/log/vellum.log\n0\n"
                                       "u@db.example:3307\np\n1/etc/vellum/ca.pem\n"
@@ -142,7 +147,8 @@ lowercase_local_part = true
                                       "inet:[::1]:0 unix:/etc/vellum/p.sock 600 3 12\n"
                                       "0 0 23 1 1 0 0\n"
                                       "100 %, %SECONDS%%SECONDS% %\n0 [mx.example.com] [/etc/vellum/../rules.toml]\n"
-                                      "001\n");
+                                      "001\n"
+                                      "17\n");
     EXPECT_EQ(parse(text).ipc.users, (std::set<uid_t>{0, 12345}));
 }
 
@@ -164,9 +170,10 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
         std::string error;
     };
     std::vector<Case> const cases = {
-        {"x = 1\n", "1: unknown key \"x\": expected database, database_daemon, greylist, ipc, log, policy, state"},
+        {"x = 1\n",
+         "1: unknown key \"x\": expected database, database_daemon, greylist, ipc, log, policy, rate_control, state"},
         {"\n[grey_list]\n", "2: unknown key \"grey_list\": expected database, database_daemon, greylist, ipc, log, "
-                            "policy, state"},
+                            "policy, rate_control, state"},
         {"[log]\nlevel = 3\n", "2: [log] unknown key \"level\": expected decisions, target"},
         {"[log]\ntarget = \"sylog\"\n", "2: [log] target = \"sylog\": expected \"syslog\", \"stderr\" or the path of "
                                         "a file, with a slash in it"},
@@ -215,6 +222,9 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
          "2: [greylist] unknown key \"fold_digits\": expected auto_exempt_after, backup, defer_text, delay_minutes, "
          "enabled, first_life_hours, fold_bounce_digits, fold_extension, header, host_name, life_days, "
          "lowercase_local_part, max_records, rules"},
+        {"[rate_control]\nmax_senders = 0\n", "2: [rate_control] max_senders = 0: expected 1 to 100000000"},
+        {"[rate_control]\nmax_senders = 100000001\n",
+         "2: [rate_control] max_senders = 100000001: expected 1 to 100000000"},
         {"greylist = 1\n", "1: greylist = 1: expected a table, [greylist]"},
     };
     for (Case const& one : cases) {

@@ -25,6 +25,7 @@ struct Start {
         configuration->enabled = false; // no backup of its own, whatever the time is
     }
     static bool handled(unsigned int type) { return !IPC::Dispatcher::instance(29001).handler(type).isNull(); }
+    static bool ratesHandled() { return handled(28) && handled(30); }
     static std::vector<Cron::Job> jobs() { return Cron::Crontab::instance(false).jobs(); }
     template <class Cache>
     static std::uint32_t loaded() {
@@ -42,11 +43,13 @@ TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
     expectInOwnProcess([] {
         Start const start;
         EXPECT_FALSE(Start::handled(5) || Start::handled(7) || Start::handled(9));
+        EXPECT_FALSE(Start::handled(28) || Start::handled(30));
         EXPECT_TRUE(Start::jobs().empty());
         senderHistoryDatabaseInitialize();
         EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
         EXPECT_EQ(Start::loaded<GreyList::DynamicExemptCache>(), 1U);
         EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9));
+        EXPECT_TRUE(Start::ratesHandled());
         ASSERT_EQ(Start::jobs().size(), 1U);
         Cron::Job const job = Start::jobs().front();
         EXPECT_NE(dynamic_cast<GreyList::CronJobBackup const*>(job.get()), nullptr);
@@ -65,6 +68,7 @@ TEST(InitializeDeathTest, ExemptionsThatCannotBeReadEndIt) {
         EXPECT_EQ(refused->where(), "DynamicExemptDatabase::read");
         EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
         EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9)) << "they come before";
+        EXPECT_FALSE(Start::handled(28) || Start::handled(30)) << "rate control comes after";
         EXPECT_TRUE(Start::jobs().empty()) << "backups come last";
         auto const records = start.log.records(0x300019E);
         ASSERT_EQ(records.size(), 1U);
