@@ -47,7 +47,9 @@ TEST(Arguments, CommandsAreKnownByTheirNames) {
                        {{"greylist", "list"}, Command::list, "greylist list"},
                        {{"greylist", "exemptions"}, Command::list, "greylist exemptions"},
                        {{"greylist", "reload"}, Command::reload, "greylist reload"},
-                       {{"greylist", "accept-empty"}, Command::acceptEmpty, "greylist accept-empty"}};
+                       {{"greylist", "accept-empty"}, Command::acceptEmpty, "greylist accept-empty"},
+                       {{"rate", "list"}, Command::rateList, "rate list"},
+                       {{"rate", "show", "a@b"}, Command::rateShow, "rate show"}};
     for (auto const& expected : cases) {
         auto const arguments = parse(expected.words);
         ASSERT_TRUE(arguments);
@@ -185,6 +187,28 @@ TEST(Arguments, TheVersionIsShownByEveryCommand) {
         EXPECT_TRUE(startsWith(shown, "vellumctl ")) << shown;
         EXPECT_EQ(shown.back(), '\n');
     }
+}
+
+TEST(Arguments, RateWordsAreChecked) {
+    EXPECT_EQ(complaint({"rate", "list", "--reason", "0"}),
+              "vellumctl rate list: --reason 0 is out of range: expected 1 to 5");
+    EXPECT_EQ(complaint({"rate", "list", "--reason", "6"}),
+              "vellumctl rate list: --reason 6 is out of range: expected 1 to 5");
+    EXPECT_EQ(complaint({"rate", "list", "--reason", "five"}),
+              "vellumctl rate list: --reason \"five\" is not a whole number");
+    EXPECT_EQ(complaint({"rate", "list", "--limit", "0"}),
+              "vellumctl rate list: --limit 0 is out of range: expected 1 or more");
+    for (char const* key : {"count0", "count6", "count", "count11", "COUNT1", "expiry"}) {
+        EXPECT_EQ(complaint({"rate", "list", "--sort", key}),
+                  std::string("vellumctl rate list: --sort \"") + key +
+                      "\" is not known: expected sender, blocked-until, or count1 to count5");
+    }
+    EXPECT_TRUE(startsWith(complaint({"rate", "list", "--sender", "/(/"}),
+                           "vellumctl rate list: --sender \"/(/\" is no pattern: "));
+    EXPECT_TRUE(startsWith(complaint({"rate"}), "vellumctl: "));
+    EXPECT_TRUE(startsWith(complaint({"rate", "show"}), "vellumctl: "));
+    EXPECT_EQ(parse({"rate", "show", "<ann@example.net>"})->rateShow.sender, "ann@example.net");
+    EXPECT_EQ(parse({"rate", "show", "<>"})->rateShow.sender, "<>");
 }
 
 } // namespace

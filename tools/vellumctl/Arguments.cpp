@@ -5,6 +5,7 @@
 #include "tools/vellumctl/ArgumentChecks.h"
 #include "tools/vellumctl/Failure.h"
 #include "tools/vellumctl/HelpTexts.h"
+#include "tools/vellumctl/RateArguments.h"
 
 #include <CLI/CLI.hpp>
 
@@ -82,6 +83,7 @@ class Parser {
         addPlaceOptions(m_app);
         addPlain("status", "Show how the daemon, its caches and its backups are", Command::status, "");
         addGreylist();
+        addRate();
         addPlain("backup", "Save the caches now", Command::backup, HelpText::backup);
         addRestore();
     }
@@ -151,6 +153,22 @@ class Parser {
         addPlaceOptions(*addLeaf(greylist, "accept-empty", "Give up tables that could not be loaded",
                                  Command::acceptEmpty, HelpText::acceptEmpty));
     }
+    void addRate() {
+        CLI::App& rate = *add(m_app, "rate", "What senders sent in the last half hour", "");
+        rate.require_subcommand(1);
+        CLI::App& list = *addLeaf(rate, "list", "List the senders: totals of the half hour, and who is blocked",
+                                  Command::rateList, HelpText::rateList);
+        list.add_option("--sender", m_rate.sender, "Only senders that match")->type_name("PATTERN");
+        list.add_flag("--blocked", m_rate.blocked, "Only those whose block is not over");
+        list.add_flag("--active", m_rate.active, "Only those of which anything was counted");
+        list.add_option("--reason", m_rate.reason, "Only those that this counter had blocked")->type_name("1-5");
+        addShapeOptions(list, "sender, count1 to count5 or blocked-until");
+        CLI::App& show = *addLeaf(rate, "show", "Show one sender's half hour, five minutes on each line",
+                                  Command::rateShow, HelpText::rateShow);
+        show.add_option("SENDER", m_rate.sender, "The mailbox; <> for the null sender")->required()->type_name("");
+        show.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
+        addPlaceOptions(show);
+    }
     void addList(CLI::App& greylist) {
         CLI::App& list = *addLeaf(greylist, "list", "List the tuples: network, sender, recipient, and their times",
                                   Command::list, HelpText::list);
@@ -202,7 +220,8 @@ class Parser {
             all.place.port = static_cast<unsigned int>(wholeNumber("--port", m_words.port, 1, highestPort));
         }
         all.place.ipv6 = m_words.ipv6;
-        bool const quick = all.command == Command::list || all.command == Command::status;
+        bool const quick = all.command == Command::list || all.command == Command::status ||
+                           all.command == Command::rateList || all.command == Command::rateShow;
         std::uint64_t const seconds = m_words.timeout.empty()
                                           ? (quick ? timeoutOfListings : timeoutOfDatabaseWork)
                                           : wholeNumber("--timeout", m_words.timeout, 1, longestTimeout);
@@ -210,11 +229,16 @@ class Parser {
         all.json = m_words.json;
         if (all.command == Command::list) {
             checkList(all.list);
+        } else if (all.command == Command::rateList) {
+            all.rateList = rateListRequest(m_rate, {m_words.limit, m_words.sort, m_words.reverse}, rateStyle());
+        } else if (all.command == Command::rateShow) {
+            all.rateShow = rateShowRequest(m_rate, rateStyle());
         } else if (all.command == Command::restore) {
             all.path = absolutePath(m_words.path);
             all.yes = m_words.yes;
         }
     }
+    RateStyle rateStyle() const { return {m_words.json, !m_words.noHeader, std::time(nullptr)}; }
     void checkList(ListRequest& list) {
         list.style.listed = m_exemptions->parsed() ? Listed::exemptions : Listed::tuples;
         list.style.json = m_words.json;
@@ -240,6 +264,7 @@ class Parser {
     CLI::App m_app;
     CLI::App* m_exemptions = nullptr; // owned by m_app
     Words m_words;
+    RateWords m_rate;
     Arguments m_arguments;
 };
 

@@ -3,6 +3,7 @@
 
 #include "tools/vellumctl/DaemonConnection.h"
 #include "tools/vellumctl/ListCommand.h"
+#include "tools/vellumctl/RateCommands.h"
 
 #include <optional>
 #include <ostream>
@@ -10,16 +11,18 @@
 
 namespace Vellum::Tools {
 
-enum class Command { status, list, reload, acceptEmpty, backup, restore };
+enum class Command { status, list, reload, acceptEmpty, backup, restore, rateList, rateShow };
 
 struct Arguments {
     Command command = Command::status;
     std::string name; // of the command, as typed: "greylist list"
     DaemonPlace place;
     bool json = false;
-    ListRequest list; // of Command::list
-    std::string path; // of Command::restore; absolute
-    bool yes = false; // of Command::restore
+    ListRequest list;         // of Command::list
+    std::string path;         // of Command::restore; absolute
+    bool yes = false;         // of Command::restore
+    RateListRequest rateList; // of Command::rateList
+    RateShowRequest rateShow; // of Command::rateShow
 };
 
 // Nothing when the command line asked for help or the version, which is then written to `out`.

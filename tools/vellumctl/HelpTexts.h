@@ -43,6 +43,27 @@ inline constexpr char const* exemptions =
     "not UTF-8 is written as if it were Latin-1, and then domain_hex has all bytes. When the connection\n"
     "breaks, the array is left open.";
 
+inline constexpr char const* rateList =
+    "Five things are counted of each sender; COUNT1 to COUNT5 are their totals of the last half hour, that is of\n"
+    "the current five minutes and the 25 before them. A sender whose block is over keeps its state, its reason\n"
+    "(the counter that caused it) and its time until it is met again. Lists show what is in the daemon's memory;\n"
+    "nothing of it survives a restart.\n"
+    "\n"
+    "PATTERN: * is any run of characters, ? any one character, /expression/ a regular expression found\n"
+    "anywhere; letter case does not count. The null sender, of bounces, is <>.\n"
+    "Addresses are shown up to their 256th byte. Bytes that could drive a terminal are shown as \\xNN.\n"
+    "\n"
+    "JSON: an array of objects with sender, totals (five numbers), state, reason (1 to 5, or 0),\n"
+    "blocked_until (seconds since the epoch, or 0). A byte that is not UTF-8 is written as if it were\n"
+    "Latin-1, and then sender_hex has all bytes. When the connection breaks, the array is left open.";
+
+inline constexpr char const* rateShow =
+    "The bar is drawn of all five counters together, beside the busiest five minutes. A sender that the daemon\n"
+    "does not know has sent nothing, and is shown as such.\n"
+    "\n"
+    "JSON: an object with sender, periods (an array of objects with from, seconds since the epoch, and counts,\n"
+    "five numbers) and totals (five numbers).";
+
 inline constexpr char const* reload =
     "For tables that were changed by somebody else. What is in memory only is lost. A table that cannot be\n"
     "read leaves its cache as it was, and the row that is to blame is named; backups then stay off until a\n"

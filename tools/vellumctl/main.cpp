@@ -12,7 +12,8 @@ namespace {
 
 void run(Arguments const& arguments) {
     Output output(STDOUT_FILENO);
-    ProgressBar bar(standardErrorTerminal(), arguments.command == Command::list ? "records" : "bytes");
+    bool const lists = arguments.command == Command::list || arguments.command == Command::rateList;
+    ProgressBar bar(standardErrorTerminal(), lists ? "records" : "bytes");
     if (::isatty(STDOUT_FILENO) != 0) {
         output.beforeWriting([&bar] { bar.erase(); });
     }
@@ -21,6 +22,16 @@ void run(Arguments const& arguments) {
     case Command::list: {
         DaemonConnection daemon(arguments.place);
         list(daemon, arguments.list, output, bar);
+        break;
+    }
+    case Command::rateList: {
+        DaemonConnection daemon(arguments.place);
+        listRates(daemon, arguments.rateList, output, bar);
+        break;
+    }
+    case Command::rateShow: {
+        DaemonConnection daemon(arguments.place);
+        showRate(daemon, arguments.rateShow, output);
         break;
     }
     case Command::status:
