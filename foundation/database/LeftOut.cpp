@@ -15,7 +15,7 @@ void LeftOut::add(std::string const& record, char const* reason) {
 
 void LeftOut::finish() const {
     if (m_count > shownOneByOne) {
-        log(std::to_string(m_count - shownOneByOne) + " more records were not stored");
+        log(std::to_string(m_count - shownOneByOne) + " more " + m_kind + " were not stored");
     }
 }
 

@@ -11,8 +11,8 @@ class LeftOut {
   public:
     static constexpr std::uint64_t shownOneByOne = 20;
 
-    // `logCode`: of the records, format "%s".
-    explicit LeftOut(std::uint32_t logCode) : m_logCode(logCode) {}
+    // `logCode`: of the log records, format "%s". `kind`: what is left out, in the plural.
+    explicit LeftOut(std::uint32_t logCode, char const* kind = "records") : m_logCode(logCode), m_kind(kind) {}
 
     // `record` may hold any bytes.
     void add(std::string const& record, char const* reason);
@@ -24,6 +24,7 @@ class LeftOut {
     void log(std::string text) const;
 
     std::uint32_t m_logCode;
+    char const* m_kind;
     std::uint64_t m_count = 0;
 };
 

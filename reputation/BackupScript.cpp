@@ -1,0 +1,158 @@
+#include "reputation/BackupScript.h"
+
+#include "foundation/MakeRoom.h"
+#include "foundation/database/BatchedInsert.h"
+#include "foundation/database/LeftOut.h"
+#include "foundation/database/RowText.h"
+#include "reputation/LogCodes.h"
+#include "reputation/ReputationDatabase.h"
+
+#include <chrono>
+#include <limits>
+#include <string>
+
+namespace Vellum::Reputation {
+namespace {
+
+using Vellum::Database::appendNumber;
+using Vellum::Database::BatchedInsert;
+using Vellum::Database::clampedToInt;
+using Vellum::Database::LeftOut;
+
+constexpr std::uint32_t highestInt = std::numeric_limits<std::int32_t>::max();
+
+BatchedInsert::Texts insertInto(std::string const& table) {
+    BatchedInsert::Texts texts;
+    texts.open = "\nINSERT INTO " + table + " VALUES";
+    return texts;
+}
+
+// A row's beginning: its address, which needs no escaping.
+void begin(std::string& row, std::string const& address) {
+    row.assign("\n('").append(address).append("', ");
+}
+
+void end(std::ostream& out, std::string& row) {
+    row.append(")");
+    out.write(row.data(), static_cast<std::streamsize>(row.size()));
+}
+
+std::string hourText(std::string const& address, std::uint32_t period) {
+    return "period " + std::to_string(period) + " of address " + (address.empty() ? "(none)" : address);
+}
+
+char const* whyNotStorable(std::string const& address, std::uint32_t period) {
+    if (address.empty()) { // a loader refuses an empty text, and the whole table with it
+        return "it has no address";
+    }
+    return period > highestInt ? "the period is beyond the column's range" : nullptr;
+}
+
+} // namespace
+
+BackupSnapshot::BackupSnapshot(Cache const& cache) {
+    makeRoomFor(cache);
+    SharedLock const holdEntries(Entry::s_lock);
+    SharedLock const holdCache(cache.lock);
+    auto const start = std::chrono::steady_clock::now();
+    cache.forEachInKeyOrder([this](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS { // both are held
+        copy(pair);
+        return true;
+    });
+    m_nanosecondsHeld =
+        static_cast<std::uint64_t>(std::chrono::nanoseconds(std::chrono::steady_clock::now() - start).count());
+}
+
+// What may come until the locks are taken again is guessed; a wrong guess costs a page fault.
+void BackupSnapshot::makeRoomFor(Cache const& cache) {
+    std::size_t hours = 0;
+    std::size_t addresses = 0;
+    {
+        SharedLock const holdEntries(Entry::s_lock);
+        SharedLock const holdCache(cache.lock);
+        addresses = cache.sizeNoLock();
+        cache.forEachInKeyOrder([&hours](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+            hours += pair.second->records().size();
+            return true;
+        });
+    }
+    makeRoom(m_addresses, addresses + addresses / 16 + 64);
+    makeRoom(m_hours, hours + hours / 16 + 64);
+}
+
+void BackupSnapshot::copy(Cache::Pair const& pair) {
+    Entry const& entry = *pair.second;
+    for (auto const& [period, record] : entry.records()) {
+        m_hours.push_back(
+            {period, {record.messageCount, record.recipients, record.invalidRecipients, record.infected, record.spam}});
+    }
+    m_addresses.push_back({pair.first, entry.state(), m_hours.size()});
+}
+
+BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
+    LeftOut leftOut(LogCode::recordNotStored);
+    out << "LOCK TABLES " << recordsTable << " WRITE," << statesTable << " WRITE;\n"
+        << "delete from " << recordsTable << ";\n"
+        << "delete from " << statesTable << ";\n";
+    Rows rows;
+    rows.records = writeRecords(out, leftOut);
+    rows.addresses = writeStates(out);
+    rows.leftOut = leftOut.count();
+    out << "\nUNLOCK TABLES;\n";
+    return rows;
+}
+
+std::uint64_t BackupSnapshot::writeRecords(std::ostream& out, LeftOut& leftOut) const {
+    LeftOut cut(LogCode::recordNotStored, "counters");
+    BatchedInsert batches(out, insertInto(recordsTable));
+    std::string row;
+    std::size_t hour = 0;
+    for (Address const& address : m_addresses) {
+        std::string const text = address.address.asString(true);
+        for (; hour < address.endOfHours; ++hour) {
+            auto const& [period, counters] = m_hours[hour];
+            if (char const* reason = whyNotStorable(text, period)) {
+                leftOut.add(hourText(text, period), reason);
+                continue;
+            }
+            batches.beforeRow();
+            begin(row, text);
+            appendNumber(row, period);
+            for (std::uint32_t const counter : counters) {
+                if (counter > highestInt) {
+                    cut.add("counter " + std::to_string(counter) + " in " + hourText(text, period),
+                            "it is beyond the column's range, whose end is stored");
+                }
+                row.append(", ");
+                appendNumber(row, clampedToInt(counter));
+            }
+            end(out, row);
+        }
+    }
+    batches.finish();
+    leftOut.finish();
+    cut.finish();
+    return batches.rows();
+}
+
+// States come from an int column, so the same bits as an int are what they were there.
+std::uint64_t BackupSnapshot::writeStates(std::ostream& out) const {
+    BatchedInsert batches(out, insertInto(statesTable));
+    std::string row;
+    std::size_t firstHour = 0;
+    for (Address const& address : m_addresses) {
+        bool const holdsRecords = address.endOfHours != firstHour;
+        firstHour = address.endOfHours;
+        if (!holdsRecords || address.address.isNull()) {
+            continue;
+        }
+        batches.beforeRow();
+        begin(row, address.address.asString(true));
+        appendNumber(row, static_cast<std::int32_t>(address.state));
+        end(out, row);
+    }
+    batches.finish();
+    return batches.rows();
+}
+
+} // namespace Vellum::Reputation

@@ -1,0 +1,66 @@
+// All client addresses that the process remembers.
+#pragma once
+
+#include "foundation/IPAddress.h"
+#include "include2/KeyOrder.h"
+#include "include2/LRUCache.h"
+#include "reputation/ReputationEntry.h"
+
+#include <boost/shared_ptr.hpp>
+
+namespace Vellum {
+
+// The family, then the address; only IPv6 addresses that agree in 15 bytes need another look.
+template <>
+struct KeyOrder<IPAddress> {
+    static OrderPrefix prefix(IPAddress const& address) {
+        OrderPrefixWriter writer;
+        writer.byte(address.isV4() ? 4 : (address.isV6() ? 6 : 0));
+        writer.bytes(address.bytes().data(), address.bytes().size());
+        return writer.prefix();
+    }
+    static int compare(IPAddress const& a, IPAddress const& b) { return a < b ? -1 : (b < a ? 1 : 0); }
+};
+
+} // namespace Vellum
+
+namespace Vellum::Reputation {
+
+// Threads: the lock of LRUCache guards which entries there are; Entry::s_lock guards what is inside them. Order:
+// Entry::s_lock, then this cache's lock. find() takes only the latter.
+class Cache : public LRUCache<IPAddress, RefEntry> {
+  public:
+    static constexpr std::uint32_t mostEntries = 10000;
+
+    Cache() : LRUCache(mostEntries) {}
+
+    // The place of an address, never end(): one that is not there yet gets a new, empty entry, for which the one that
+    // was unused for longest goes when the cache is full. Counts as a use. Exclusive, as one step: two threads that ask
+    // for a new address get the same entry. The place holds only until somebody else changes the cache: use it under
+    // the lock, or use entry(). Throws std::bad_alloc.
+    iterator find(IPAddress const& address) const override;
+    // The same as a handle, which stays good.
+    RefEntry entry(IPAddress const& address) const;
+
+  private:
+    iterator findOrCreateNoLock(IPAddress const& address) const VELLUM_REQUIRES(lock);
+};
+
+// The process-wide handle.
+class RefCache {
+  public:
+    RefCache() : m_cache(new Cache) {}
+
+    // The flag is ignored. Made on first use, never destroyed.
+    static RefCache* instance(bool = true);
+
+    Cache* operator->() const { return m_cache.get(); }
+    Cache& operator*() const { return *m_cache; }
+    bool isNull() const { return !m_cache; }
+    explicit operator bool() const { return !isNull(); }
+
+  private:
+    boost::shared_ptr<Cache> m_cache;
+};
+
+} // namespace Vellum::Reputation
