@@ -55,9 +55,9 @@ TEST_F(BackupScriptTest, EmptyCacheEmptiesBothTables) {
 }
 
 TEST_F(BackupScriptTest, RowsComeByAddressAndPeriodWithAllPeriodsHeld) {
-    RefEntry const six = m_cache.entry(address("2001:db8::1"));
+    RefEntry const six = m_cache.entry(ip("2001:db8::1"));
     six->add(3, Record(1, 2, 3, 4, 5));
-    RefEntry const four = m_cache.entry(address("192.0.2.25"));
+    RefEntry const four = m_cache.entry(ip("192.0.2.25"));
     four->add(477000, Record(6, 7, 0, 0, 0));
     four->add(1, Record(0, 0, 0, 0, 0));
     four->state(ReputationState::blocked);
@@ -71,7 +71,7 @@ TEST_F(BackupScriptTest, RowsComeByAddressAndPeriodWithAllPeriodsHeld) {
 }
 
 TEST_F(BackupScriptTest, EntryWithoutRecordsIsNotSavedWhateverItsState) {
-    m_cache.entry(address("192.0.2.25"))->state(ReputationState::blocked);
+    m_cache.entry(ip("192.0.2.25"))->state(ReputationState::blocked);
     EXPECT_EQ(written(), script({}, {}));
 }
 
@@ -81,9 +81,9 @@ TEST_F(BackupScriptTest, ThousandRowsAreOneStatementAndOneMoreAreTwo) {
         std::vector<std::string> records;
         std::vector<std::string> states;
         for (unsigned int n = 0; n < count; ++n) {
-            m_cache.entry(address(n))->add(5, Record(n, 0, 0, 0, 0));
-            records.push_back("('" + address(n).asString() + "', 5, " + std::to_string(n) + ", 0, 0, 0, 0)");
-            states.push_back("('" + address(n).asString() + "', 0)");
+            m_cache.entry(ip(n))->add(5, Record(n, 0, 0, 0, 0));
+            records.push_back("('" + ip(n).asString() + "', 5, " + std::to_string(n) + ", 0, 0, 0, 0)");
+            states.push_back("('" + ip(n).asString() + "', 0)");
         }
         EXPECT_EQ(written(), script(records, states)) << count;
     }
@@ -94,16 +94,16 @@ TEST_F(BackupScriptTest, BatchesGoAcrossAddressesAndCountForEachTableApart) {
     std::vector<std::string> states;
     for (unsigned int n = 0; n < 300; ++n) {
         for (unsigned int period = 0; period < 7; ++period) {
-            m_cache.entry(address(n))->add(period, Record(1, 1, 1, 1, 1));
-            records.push_back("('" + address(n).asString() + "', " + std::to_string(period) + ", 1, 1, 1, 1, 1)");
+            m_cache.entry(ip(n))->add(period, Record(1, 1, 1, 1, 1));
+            records.push_back("('" + ip(n).asString() + "', " + std::to_string(period) + ", 1, 1, 1, 1, 1)");
         }
-        states.push_back("('" + address(n).asString() + "', 0)");
+        states.push_back("('" + ip(n).asString() + "', 0)");
     }
     EXPECT_EQ(written(), script(records, states));
 }
 
 TEST_F(BackupScriptTest, CounterBeyondAnIntIsItsEndAndIsLogged) {
-    m_cache.entry(address("192.0.2.25"))->add(5, Record(2147483647U, 2147483648U, 0xFFFFFFFFU, 0, 1));
+    m_cache.entry(ip("192.0.2.25"))->add(5, Record(2147483647U, 2147483648U, 0xFFFFFFFFU, 0, 1));
     EXPECT_EQ(written(),
               script({"('192.0.2.25', 5, 2147483647, 2147483647, 2147483647, 0, 1)"}, {"('192.0.2.25', 0)"}));
     ASSERT_EQ(m_log.lines().size(), 2U);
@@ -118,7 +118,7 @@ TEST_F(BackupScriptTest, CounterBeyondAnIntIsItsEndAndIsLogged) {
 }
 
 TEST_F(BackupScriptTest, PeriodBeyondAnIntIsLeftOutAndTheOthersStay) {
-    RefEntry const entry = m_cache.entry(address("192.0.2.25"));
+    RefEntry const entry = m_cache.entry(ip("192.0.2.25"));
     entry->add(2147483647U, Record(1, 1, 1, 1, 1));
     entry->add(2147483648U, Record(2, 2, 2, 2, 2));
     EXPECT_EQ(written(), script({"('192.0.2.25', 2147483647, 1, 1, 1, 1, 1)"}, {"('192.0.2.25', 0)"}));
@@ -132,7 +132,7 @@ TEST_F(BackupScriptTest, PeriodBeyondAnIntIsLeftOutAndTheOthersStay) {
 // A loader refuses an empty text, and with it the whole table.
 TEST_F(BackupScriptTest, NullAddressIsLeftOut) {
     m_cache.entry(IPAddress())->add(5, Record(1, 1, 1, 1, 1));
-    m_cache.entry(address("192.0.2.25"))->add(5, Record(1, 1, 1, 1, 1));
+    m_cache.entry(ip("192.0.2.25"))->add(5, Record(1, 1, 1, 1, 1));
     EXPECT_EQ(written(), script({"('192.0.2.25', 5, 1, 1, 1, 1, 1)"}, {"('192.0.2.25', 0)"}));
     EXPECT_EQ(m_rows.leftOut, 1U);
     EXPECT_THAT(m_log.lines().at(0).text, "not stored: period 5 of address (none): it has no address");
@@ -140,21 +140,21 @@ TEST_F(BackupScriptTest, NullAddressIsLeftOut) {
 
 // States are ints in their table: what came from there goes back.
 TEST_F(BackupScriptTest, StateIsWrittenAsTheIntThatItWas) {
-    m_cache.entry(address(1))->add(5, Record(1, 1, 1, 1, 1));
-    m_cache.entry(address(1))->state(static_cast<ReputationState>(0xFFFFFFFFU));
-    m_cache.entry(address(2))->add(5, Record(1, 1, 1, 1, 1));
-    m_cache.entry(address(2))->state(static_cast<ReputationState>(77));
+    m_cache.entry(ip(1))->add(5, Record(1, 1, 1, 1, 1));
+    m_cache.entry(ip(1))->state(static_cast<ReputationState>(0xFFFFFFFFU));
+    m_cache.entry(ip(2))->add(5, Record(1, 1, 1, 1, 1));
+    m_cache.entry(ip(2))->state(static_cast<ReputationState>(77));
     EXPECT_EQ(written(), script({"('10.0.0.1', 5, 1, 1, 1, 1, 1)", "('10.0.0.2', 5, 1, 1, 1, 1, 1)"},
                                 {"('10.0.0.1', -1)", "('10.0.0.2', 77)"}));
 }
 
 TEST_F(BackupScriptTest, SnapshotIsOneMomentAndNoUse) {
     for (unsigned int n = 0; n < Cache::mostEntries; ++n) {
-        m_cache.entry(address(n))->add(5, Record(n, 0, 0, 0, 0));
+        m_cache.entry(ip(n))->add(5, Record(n, 0, 0, 0, 0));
     }
     BackupSnapshot const snapshot(m_cache);
-    m_cache.find(address(Cache::mostEntries));
-    EXPECT_FALSE(holds(m_cache, address(0)));
+    m_cache.find(ip(Cache::mostEntries));
+    EXPECT_FALSE(holds(m_cache, ip(0)));
     m_cache.clear();
     std::ostringstream out;
     EXPECT_EQ(snapshot.write(out).records, Cache::mostEntries);

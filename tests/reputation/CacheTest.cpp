@@ -18,34 +18,34 @@ class CacheTest : public ReputationCache {};
 
 TEST_F(CacheTest, FirstFindMakesAnEmptyEntryAndTheSecondFindsIt) {
     Cache cache;
-    RefEntry const first = cache.find(address("192.0.2.1"))->second;
+    RefEntry const first = cache.find(ip("192.0.2.1"))->second;
     EXPECT_TRUE(recordsOf(first).empty());
     EXPECT_EQ(first->state(), ReputationState::unset);
     EXPECT_EQ(first->score(), 0U);
-    EXPECT_EQ(cache.find(address("192.0.2.1"))->second, first);
-    EXPECT_EQ(cache.entry(address("192.0.2.1")), first);
-    EXPECT_EQ(cache.find(address("192.0.2.1"))->first, address("192.0.2.1"));
+    EXPECT_EQ(cache.find(ip("192.0.2.1"))->second, first);
+    EXPECT_EQ(cache.entry(ip("192.0.2.1")), first);
+    EXPECT_EQ(cache.find(ip("192.0.2.1"))->first, ip("192.0.2.1"));
     EXPECT_EQ(sizeOf(cache), 1U);
-    EXPECT_FALSE(cache.entry(address("192.0.2.2")) == first);
+    EXPECT_FALSE(cache.entry(ip("192.0.2.2")) == first);
     EXPECT_EQ(sizeOf(cache), 2U);
 }
 
 TEST_F(CacheTest, HoldsTenThousandAndForgetsTheOneUnusedForLongest) {
     Cache cache;
     EXPECT_EQ(cache.maxSize(), 10000U);
-    RefEntry const oldest = cache.entry(address(0));
-    RefEntry const second = cache.entry(address(1));
+    RefEntry const oldest = cache.entry(ip(0));
+    RefEntry const second = cache.entry(ip(1));
     for (unsigned int n = 2; n < 10000; ++n) {
-        cache.find(address(n));
+        cache.find(ip(n));
     }
     EXPECT_EQ(sizeOf(cache), 10000U);
-    EXPECT_EQ(cache.entry(address(0)), oldest) << "which is a use";
-    cache.find(address(10000));
+    EXPECT_EQ(cache.entry(ip(0)), oldest) << "which is a use";
+    cache.find(ip(10000));
     EXPECT_EQ(sizeOf(cache), 10000U);
-    EXPECT_FALSE(holds(cache, address(1)));
-    EXPECT_TRUE(holds(cache, address(0)));
+    EXPECT_FALSE(holds(cache, ip(1)));
+    EXPECT_TRUE(holds(cache, ip(0)));
     second->increment(Entry::AttributeType::MessageCount, 7, 1); // whoever holds it may go on
-    RefEntry const again = cache.entry(address(1));
+    RefEntry const again = cache.entry(ip(1));
     EXPECT_FALSE(again == second);
     EXPECT_TRUE(recordsOf(again).empty());
 }
@@ -55,7 +55,7 @@ TEST_F(CacheTest, AddressesOfBothFamiliesAreToldApart) {
     std::vector<std::string> const texts{"0.0.0.0",     "192.0.2.1",        "::",          "::1",
                                          "::192.0.2.1", "::ffff:192.0.2.1", "2001:db8::1", "2001:db8::2"};
     for (std::string const& text : texts) {
-        cache.find(address(text));
+        cache.find(ip(text));
     }
     EXPECT_EQ(sizeOf(cache), texts.size());
     std::vector<IPAddress> listed;
@@ -75,14 +75,14 @@ TEST_F(CacheTest, RandomUseIsThatOfAPlainModel) {
     for (int step = 0; step < 60000; ++step) {
         auto const n = static_cast<unsigned int>(random.below(12000));
         if (random.oneIn(30)) {
-            cache.remove(address(n));
+            cache.remove(ip(n));
             if (auto const found = model.find(n); found != model.end()) {
                 order.erase(found->second.first);
                 model.erase(found);
             }
             continue;
         }
-        RefEntry const entry = cache.entry(address(n));
+        RefEntry const entry = cache.entry(ip(n));
         auto const found = model.find(n);
         if (found != model.end()) {
             ASSERT_EQ(found->second.second, entry) << n;
@@ -101,7 +101,7 @@ TEST_F(CacheTest, RandomUseIsThatOfAPlainModel) {
     }
     ASSERT_EQ(sizeOf(cache), model.size());
     for (auto const& [n, place] : model) {
-        ASSERT_TRUE(holds(cache, address(n))) << n;
+        ASSERT_TRUE(holds(cache, ip(n))) << n;
     }
 }
 
@@ -109,8 +109,8 @@ TEST_F(CacheTest, TwoThreadsGetTheSameNewEntry) {
     Cache cache;
     for (unsigned int n = 0; n < 2000; ++n) {
         RefEntry other(false);
-        std::thread asking([&] { other = cache.entry(address(n)); });
-        RefEntry const mine = cache.entry(address(n));
+        std::thread asking([&] { other = cache.entry(ip(n)); });
+        RefEntry const mine = cache.entry(ip(n));
         asking.join();
         ASSERT_EQ(mine, other) << n;
     }

@@ -28,7 +28,7 @@ struct Progress {
 void changeAtRandom(Cache& cache, std::uint64_t seed, Progress& progress) {
     std::mt19937_64 random(seed);
     for (long now = begin; !progress.done; now += 60) {
-        RefEntry const entry = cache.entry(address(static_cast<unsigned int>(random() % addresses)));
+        RefEntry const entry = cache.entry(ip(static_cast<unsigned int>(random() % addresses)));
         auto const period = static_cast<unsigned int>(now / 3600 - static_cast<long>(random() % 14));
         auto const type = static_cast<Entry::AttributeType>(random() % 10);
         switch (random() % 12) {
@@ -49,7 +49,7 @@ void changeAtRandom(Cache& cache, std::uint64_t seed, Progress& progress) {
             entry->messageCount(now);
             break;
         case 6:
-            cache.remove(address(static_cast<unsigned int>(random() % addresses)));
+            cache.remove(ip(static_cast<unsigned int>(random() % addresses)));
             break;
         default:
             entry->increment(type, period, 5);
@@ -59,7 +59,7 @@ void changeAtRandom(Cache& cache, std::uint64_t seed, Progress& progress) {
 }
 
 void readWithoutLocks(Cache& cache, Progress& progress) {
-    RefEntry const entry = cache.entry(address(0));
+    RefEntry const entry = cache.entry(ip(0));
     while (!progress.done) {
         EXPECT_GE(entry->lastModified(), 0);
         static_cast<void>(entry->state());
@@ -83,7 +83,7 @@ TEST(ReputationConcurrency, ListingsAndScriptsAreWholeWhileEverythingChanges) {
         std::uint32_t count = 0;
         std::memcpy(&count, client.socket.sent.data() + 8, sizeof count);
         ASSERT_EQ(client.socket.sent.size(), 12U + 48U * count + 8U);
-        ip_addr_t const wanted = address(1).asIpAddr();
+        ip_addr_t const wanted = ip(1).asIpAddr();
         ScriptedClient hours;
         ASSERT_EQ(RecordHandler().task(hours.connection, IPC::Pdu(26, Buffer(&wanted, sizeof wanted, true))), 0);
         std::ostringstream out;

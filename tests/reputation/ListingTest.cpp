@@ -51,7 +51,7 @@ class ListingTest : public ReputationCache {
     }
     void addEntries(unsigned int count) {
         for (unsigned int n = 0; n < count; ++n) {
-            m_cache.find(address(n));
+            m_cache.find(ip(n));
         }
     }
     static std::string emptyEntryUnit(unsigned int n) {
@@ -63,10 +63,10 @@ TEST_F(ListingTest, EntryPacketHoldsAddressScoreStateAndTime) {
     RefEntry const entry(true);
     entry->add(477000, Record(5, 5, 0, 0, 5));
     entry->state(static_cast<ReputationState>(0x80000003U));
-    EXPECT_EQ(payload(packetOf(address("192.0.2.25"), entry, 477000 * 3600L, 477000 - 11)),
+    EXPECT_EQ(payload(packetOf(ip("192.0.2.25"), entry, 477000 * 3600L, 477000 - 11)),
               rawAddress(4, std::string("\xc0\x00\x02\x19", 4)) + bytes(20U) + bytes(0x80000003U) +
                   std::string(4, '\0') + bytes(std::int64_t{477000 * 3600L}));
-    EXPECT_EQ(payload(packetOf(address("2001:db8::1"), entry, 477000 * 3600L, 477001)),
+    EXPECT_EQ(payload(packetOf(ip("2001:db8::1"), entry, 477000 * 3600L, 477001)),
               rawAddress(6, std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x01", 16)) + bytes(0U) +
                   bytes(0x80000003U) + std::string(4, '\0') + bytes(std::int64_t{477000 * 3600L}));
 }
@@ -93,13 +93,13 @@ TEST_F(ListingTest, EmptyCacheIsACountOfZeroAndTheEndMarker) {
 
 TEST_F(ListingTest, EntriesComeInAddressOrderWithTheScoreOfNow) {
     auto const hour = static_cast<unsigned int>(std::time(nullptr) / 3600);
-    RefEntry const bad = m_cache.entry(address("2001:db8::1"));
+    RefEntry const bad = m_cache.entry(ip("2001:db8::1"));
     for (unsigned int of = hour - 20; of <= hour + 1; ++of) { // whichever hour it is when it is listed
         bad->add(of, Record(30, 30, 0, 0, 30));
     }
     bad->increment(Type::Spam, hour, 0);
     long const changed = bad->lastModified();
-    m_cache.entry(address("192.0.2.25"))->state(ReputationState::blocked);
+    m_cache.entry(ip("192.0.2.25"))->state(ReputationState::blocked);
     ScriptedClient client;
     EXPECT_EQ(list(client), 0);
     EXPECT_EQ(client.socket.sent,
@@ -117,9 +117,9 @@ TEST_F(ListingTest, ListingMakesNoEntryAndIsNoUse) {
     ScriptedClient client;
     EXPECT_EQ(list(client), 0);
     EXPECT_EQ(client.socket.sent.size(), 12U + 48U * Cache::mostEntries + 8U);
-    m_cache.find(address(Cache::mostEntries));
-    EXPECT_FALSE(holds(m_cache, address(0)));
-    EXPECT_TRUE(holds(m_cache, address(1)));
+    m_cache.find(ip(Cache::mostEntries));
+    EXPECT_FALSE(holds(m_cache, ip(0)));
+    EXPECT_TRUE(holds(m_cache, ip(1)));
 }
 
 TEST_F(ListingTest, StopAfterTheFirstEntryEndsTheListingThere) {
@@ -141,7 +141,7 @@ TEST_F(ListingTest, AnyOtherUnitIsReadAndTheListingGoesOn) {
 }
 
 TEST_F(ListingTest, HoursOfAnAddressComeInAscendingOrder) {
-    RefEntry const entry = m_cache.entry(address("192.0.2.25"));
+    RefEntry const entry = m_cache.entry(ip("192.0.2.25"));
     entry->add(7, Record(1, 2, 3, 4, 5));
     entry->add(5, Record(6, 7, 8, 9, 10));
     ScriptedClient client;
@@ -154,7 +154,7 @@ TEST_F(ListingTest, HoursOfAnAddressComeInAscendingOrder) {
 
 // A request for one's own address, over and over, would otherwise push others out of the cache.
 TEST_F(ListingTest, UnknownAddressIsOnlyTheEndMarkerAndGetsNoEntry) {
-    m_cache.find(address("192.0.2.1"));
+    m_cache.find(ip("192.0.2.1"));
     ScriptedClient client;
     EXPECT_EQ(listRecords(client, rawAddress(4, std::string("\xc0\x00\x02\x19", 4))), 0);
     EXPECT_EQ(client.socket.sent, endUnit);
@@ -162,7 +162,7 @@ TEST_F(ListingTest, UnknownAddressIsOnlyTheEndMarkerAndGetsNoEntry) {
 }
 
 TEST_F(ListingTest, RequestMayBeLongerThanAnAddress) {
-    m_cache.entry(address("192.0.2.25"))->add(5, Record(1, 1, 1, 1, 1));
+    m_cache.entry(ip("192.0.2.25"))->add(5, Record(1, 1, 1, 1, 1));
     ScriptedClient client;
     EXPECT_EQ(listRecords(client, rawAddress(4, std::string("\xc0\x00\x02\x19", 4)) + "x"), 0);
     EXPECT_EQ(client.socket.sent.size(), 48U + 8U);
@@ -212,9 +212,9 @@ TEST_F(ListingTest, RequestOfAnotherTypeIsRefusedWithItsRecord) {
 }
 
 TEST_F(ListingTest, ClientThatGoesAwayIsLoggedAndGetsNoEndMarker) {
-    m_cache.entry(address(0))->add(5, Record(1, 1, 1, 1, 1));
-    m_cache.entry(address(0))->add(6, Record(1, 1, 1, 1, 1));
-    m_cache.find(address(1));
+    m_cache.entry(ip(0))->add(5, Record(1, 1, 1, 1, 1));
+    m_cache.entry(ip(0))->add(6, Record(1, 1, 1, 1, 1));
+    m_cache.find(ip(1));
     for (int const unit : {0, 1, 2, 3}) { // of the listing: count, two entries, end; of the hours: two, end
         m_log.clear();
         auto const failAt = [unit](ScriptedClient& client) {
@@ -239,7 +239,7 @@ TEST_F(ListingTest, ClientThatGoesAwayIsLoggedAndGetsNoEndMarker) {
             EXPECT_EQ(lines[1].code, 0x300018FU);
             EXPECT_EQ(lines[1].text, "SocketIPC::send (code 4): gone");
         }
-        m_cache.entry(address(1))->state(ReputationState::trusted); // nobody holds the locks any more
+        m_cache.entry(ip(1))->state(ReputationState::trusted); // nobody holds the locks any more
     }
 }
 
@@ -253,12 +253,12 @@ TEST_F(ListingTest, OtherExceptionsPassAndTheLocksAreReleased) {
     };
     EXPECT_THROW(list(client), std::bad_alloc);
     EXPECT_TRUE(m_log.lines().empty());
-    m_cache.entry(address(0))->increment(Type::Spam, 5, 1);
+    m_cache.entry(ip(0))->increment(Type::Spam, 5, 1);
 }
 
 // One moment: both locks are held shared until the end marker, readers go on, writers wait.
 TEST_F(ListingTest, WriterWaitsForTheEndMarkerAndReadersDoNot) {
-    RefEntry const entry = m_cache.entry(address(0));
+    RefEntry const entry = m_cache.entry(ip(0));
     entry->add(5, Record(1, 1, 0, 0, 0));
     ScriptedClient client;
     std::atomic<bool> written{false};
@@ -283,14 +283,14 @@ TEST_F(ListingTest, WriterWaitsForTheEndMarkerAndReadersDoNot) {
 }
 
 TEST_F(ListingTest, NewAddressWaitsForTheEndMarkerToo) {
-    m_cache.find(address(0));
+    m_cache.find(ip(0));
     ScriptedClient client;
     std::atomic<bool> found{false};
     std::thread finder;
     client.socket.onSend = [&](std::uint32_t type) {
         if (type == 3) {
             finder = std::thread([&] {
-                m_cache.find(address(1));
+                m_cache.find(ip(1));
                 found = true;
             });
             while (!m_cache.lock.isClaimed()) {
@@ -301,7 +301,7 @@ TEST_F(ListingTest, NewAddressWaitsForTheEndMarkerToo) {
     };
     EXPECT_EQ(list(client), 0);
     finder.join();
-    EXPECT_TRUE(holds(m_cache, address(1)));
+    EXPECT_TRUE(holds(m_cache, ip(1)));
 }
 
 TEST_F(ListingTest, HandlersAreRegisteredForTheirTypesAsLongOnes) {

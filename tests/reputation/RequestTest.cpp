@@ -26,7 +26,7 @@ std::string requestFor(char const* dottedQuad, std::int32_t state) {
 
 class SetStateTest : public ReputationCache {
   protected:
-    SetStateTest() { m_cache.entry(address("192.0.2.25"))->state(ReputationState::watched); }
+    SetStateTest() { m_cache.entry(ip("192.0.2.25"))->state(ReputationState::watched); }
 
     int set(std::string const& request) {
         m_log.clear();
@@ -37,7 +37,7 @@ class SetStateTest : public ReputationCache {
         return answer;
     }
     void expectNothingHasChanged() const {
-        EXPECT_EQ(m_cache.entry(address("192.0.2.25"))->state(), ReputationState::watched);
+        EXPECT_EQ(m_cache.entry(ip("192.0.2.25"))->state(), ReputationState::watched);
         EXPECT_EQ(sizeOf(m_cache), 1U);
     }
     void expectRefusal(std::uint32_t code, char const* line) const {

@@ -12,11 +12,11 @@
 
 namespace Vellum::Reputation {
 
-inline IPAddress address(std::string const& text) {
+inline IPAddress ip(std::string const& text) {
     return IPAddress(text);
 }
 // The n-th of many different IPv4 addresses, ascending.
-inline IPAddress address(unsigned int n) {
+inline IPAddress ip(unsigned int n) {
     return {0x0A000000U + n, false};
 }
 
