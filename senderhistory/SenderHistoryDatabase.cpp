@@ -9,21 +9,29 @@
 #include "greylist/GlDynamicExemptDatabase.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/TableRepair.h"
+#include "reputation/CronJobBackup.h"
+#include "reputation/ReputationDatabase.h"
+#include "reputation/ReputationDisplay.h"
+#include "reputation/ReputationHandlers.h"
 #include "senderratecontrol/SenderRateControlDisplay.h"
 
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Vellum {
 namespace {
 
-std::string const database = GreyList::databaseName;
+std::string const database = Database::senderHistoryDatabase;
+
+// The tables that were there when the walk began.
+using Names = std::set<std::string>;
 
 // One table: what is done when it is there, and when it is missing. Each on a database object of its own.
 struct Table {
     std::string name;
-    void (*present)(SocketAddress const&);
-    void (*missing)(SocketAddress const&);
+    void (*present)(SocketAddress const&, Names const&);
+    void (*missing)(SocketAddress const&, Names const&);
 };
 
 template <class Module>
@@ -31,25 +39,42 @@ void create(SocketAddress const& address) {
     Module(address).createTable();
 }
 
-template <class Module>
-void upgrade(SocketAddress const& address) {
-    Module(address).upgradeTable();
-}
-
+// A module of one table.
 template <class Module>
 Table tableOf(std::string const& name) {
-    return {name, upgrade<Module>, create<Module>};
+    return {name, [](SocketAddress const& address, Names const&) { Module(address).upgradeTable(); },
+            [](SocketAddress const& address, Names const&) {
+                create<Module>(address);
+            }};
+}
+
+// Sender reputation handles its two tables together. Where one is missing alone, each is handled by itself: creating
+// both would drop the one that is there, and upgrading both would fail over the one that is not.
+template <std::string const& own, std::string const& sibling>
+Table reputationTable() {
+    return {own,
+            [](SocketAddress const& address, Names const& present) {
+                Reputation::Database module(address);
+                present.contains(sibling) ? module.upgradeTable() : module.upgradeTable(own);
+            },
+            [](SocketAddress const& address, Names const& present) {
+                Reputation::Database module(address);
+                present.contains(sibling) ? module.createTable(own) : module.createTable();
+            }};
 }
 
 // In the order in which they are brought up to date.
 Table const tables[] = {
     tableOf<GreyList::GlRecordDatabase>(GreyList::greyListTable),
     tableOf<GreyList::DynamicExemptDatabase>(GreyList::autoExemptTable),
+    reputationTable<Reputation::recordsTable, Reputation::statesTable>(),
+    reputationTable<Reputation::statesTable, Reputation::recordsTable>(),
 };
 
 void createEverything(SocketAddress const& address) {
     create<GreyList::GlRecordDatabase>(address);
     create<GreyList::DynamicExemptDatabase>(address);
+    create<Reputation::Database>(address);
     // Once more, as it has always been: the table is still empty.
     create<GreyList::DynamicExemptDatabase>(address);
 }
@@ -71,18 +96,20 @@ void senderHistoryDatabaseCreate() {
         createEverything(address);
         return;
     }
-    std::set<std::string> const present = Database::QueryTableNames(connection).names();
+    Names const present = Database::QueryTableNames(connection).names();
     for (Table const& table : tables) {
-        (present.contains(table.name) ? table.present : table.missing)(address);
+        (present.contains(table.name) ? table.present : table.missing)(address, present);
     }
 }
 
 void senderHistoryDatabaseRepair() {
     Database::Connection connection(Database::Connection::defaultAddress(), database);
-    for (std::string const& change : GreyList::repairTables(connection)) {
-        std::string line = "database ";
-        line.append(database).append(": ").append(change);
-        Logger::instance(false).note(Logger::Severity::warning, line);
+    for (auto const repair : {GreyList::repairTables, Reputation::repairTables}) {
+        for (std::string const& change : repair(connection)) {
+            std::string line = "database ";
+            line.append(database).append(": ").append(change);
+            Logger::instance(false).note(Logger::Severity::warning, line);
+        }
     }
 }
 
@@ -98,8 +125,17 @@ void senderHistoryDatabaseInitialize() {
         GreyList::DynamicExemptDatabase const exemptions(address);
         exemptions.read();
     }
+    {
+        Reputation::Database reputations(address);
+        reputations.read();
+    }
+    Reputation::addEntryHandler();
+    Reputation::addUpdatedHandler();
+    Reputation::addSetStateHandler();
+    Reputation::addRecordHandler();
     SenderRateControl::addEntryHandler();
     SenderRateControl::addRecordHandler();
+    schedule<Reputation::CronJobBackup>(Cron::Period(3600, 1800));
     schedule<GreyList::CronJobBackup>(Cron::Period(3600, 2400));
 }
 

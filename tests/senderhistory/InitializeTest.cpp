@@ -2,9 +2,13 @@
 #include "foundation/cron/Crontab.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "greylist/CronJobBackup.h"
+#include "reputation/Cache.h"
+#include "reputation/CronJobBackup.h"
+#include "reputation/LoadReport.h"
 #include "senderhistory/SenderHistoryDatabase.h"
 #include "tests/support/GreylistTables.h"
 #include "tests/support/OwnProcess.h"
+#include "tests/support/ReputationConfiguration.h"
 
 #include <gtest/gtest.h>
 
@@ -13,17 +17,19 @@
 namespace Vellum {
 namespace {
 
-using GreyList::refusalOf;
-
 // A server, its database with a row in each table, and a configuration.
 struct Start {
     Start() {
         senderHistoryDatabaseCreate();
         server.run({"insert into grey_list values ('192.0.2.0/24', 'a@b', 'c@d', 1, 2)",
-                    "insert into autoexempt values ('192.0.2.0/24', 'd', 3, 4)"},
+                    "insert into autoexempt values ('192.0.2.0/24', 'd', 3, 4)",
+                    "insert into sender_reputation values ('192.0.2.1', 5, 1, 2, 3, 4, 5)",
+                    "insert into sender_reputation_state values ('192.0.2.1', 2)"},
                    GreyList::databaseName);
         configuration->enabled = false; // no backup of its own, whatever the time is
+        reputation.enabled = false;
     }
+    static bool reputationHandled() { return handled(10) && handled(12) && handled(13) && handled(26); }
     static bool handled(unsigned int type) { return !IPC::Dispatcher::instance(29001).handler(type).isNull(); }
     static bool ratesHandled() { return handled(28) && handled(30); }
     static std::vector<Cron::Job> jobs() { return Cron::Crontab::instance(false).jobs(); }
@@ -37,24 +43,32 @@ struct Start {
     CapturingLogger log;
     PrivateMariaDb server;
     GreyList::InstalledConfiguration configuration;
+    Reputation::InstalledConfiguration reputation;
 };
 
 TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
     expectInOwnProcess([] {
         Start const start;
         EXPECT_FALSE(Start::handled(5) || Start::handled(7) || Start::handled(9));
+        EXPECT_FALSE(Start::handled(10) || Start::handled(12) || Start::handled(13) || Start::handled(26));
         EXPECT_FALSE(Start::handled(28) || Start::handled(30));
         EXPECT_TRUE(Start::jobs().empty());
         senderHistoryDatabaseInitialize();
         EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
         EXPECT_EQ(Start::loaded<GreyList::DynamicExemptCache>(), 1U);
+        EXPECT_EQ(Start::loaded<Reputation::RefCache>(), 1U);
         EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9));
         EXPECT_TRUE(Start::ratesHandled());
-        ASSERT_EQ(Start::jobs().size(), 1U);
-        Cron::Job const job = Start::jobs().front();
-        EXPECT_NE(dynamic_cast<GreyList::CronJobBackup const*>(job.get()), nullptr);
-        EXPECT_EQ(job->period()->interval(), 3600U);
-        EXPECT_EQ(job->period()->offset(), 2400U);
+        EXPECT_TRUE(Start::reputationHandled());
+        ASSERT_EQ(Start::jobs().size(), 2U);
+        Cron::Job const first = Start::jobs()[0];
+        EXPECT_NE(dynamic_cast<Reputation::CronJobBackup const*>(first.get()), nullptr);
+        EXPECT_EQ(first->period()->interval(), 3600U);
+        EXPECT_EQ(first->period()->offset(), 1800U);
+        Cron::Job const second = Start::jobs()[1];
+        EXPECT_NE(dynamic_cast<GreyList::CronJobBackup const*>(second.get()), nullptr);
+        EXPECT_EQ(second->period()->interval(), 3600U);
+        EXPECT_EQ(second->period()->offset(), 2400U);
         Cron::Crontab::instance(false).stop();
     });
 }
@@ -68,6 +82,8 @@ TEST(InitializeDeathTest, ExemptionsThatCannotBeReadEndIt) {
         EXPECT_EQ(refused->where(), "DynamicExemptDatabase::read");
         EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
         EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9)) << "they come before";
+        EXPECT_FALSE(Start::handled(10) || Start::handled(12) || Start::handled(13) || Start::handled(26));
+        EXPECT_EQ(Start::loaded<Reputation::RefCache>(), 0U);
         EXPECT_FALSE(Start::handled(28) || Start::handled(30)) << "rate control comes after";
         EXPECT_TRUE(Start::jobs().empty()) << "backups come last";
         auto const records = start.log.records(0x300019E);
@@ -84,8 +100,47 @@ TEST(InitializeDeathTest, TuplesThatCannotBeReadAreLoggedAndDoNotEndIt) {
         EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 0U);
         EXPECT_EQ(Start::loaded<GreyList::DynamicExemptCache>(), 1U);
         EXPECT_FALSE(GreyList::LoadReport::last().complete());
-        EXPECT_EQ(Start::jobs().size(), 1U);
+        EXPECT_EQ(Start::jobs().size(), 2U);
         EXPECT_EQ(start.log.records(0x300019E).size(), 1U);
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+TEST(InitializeDeathTest, ReputationsThatCannotBeReadAreLoggedAndDoNotEndIt) {
+    expectInOwnProcess([] {
+        Start start;
+        start.server.run({"insert into sender_reputation values ('nowhere', 5, 1, 2, 3, 4, 5)",
+                          "insert into sender_reputation_state values ('nowhere', 2)"},
+                         GreyList::databaseName);
+        senderHistoryDatabaseInitialize();
+        EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 1U);
+        EXPECT_EQ(Start::loaded<Reputation::RefCache>(), 0U);
+        EXPECT_FALSE(Reputation::LoadReport::last().loaded);
+        EXPECT_TRUE(GreyList::LoadReport::last().complete());
+        EXPECT_TRUE(Start::reputationHandled());
+        EXPECT_EQ(Start::jobs().size(), 2U);
+        EXPECT_EQ(start.log.records(0x3000188).size(), 1U);
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+TEST(InitializeDeathTest, ReputationsAreLoadedBeforeTheirHandlersAreThere) {
+    expectInOwnProcess([] {
+        Start start;
+        Database::Connection holder(start.server.admin(), GreyList::databaseName);
+        holder.run("LOCK TABLES sender_reputation WRITE", "test");
+        std::thread initializing([] { senderHistoryDatabaseInitialize(); });
+        while (start.server
+                   .query("select 1 from information_schema.PROCESSLIST where USER = 'vellum' and INFO like "
+                          "'select * from sender_reputation%' and STATE like 'Waiting%'")
+                   .empty()) {
+            std::this_thread::yield();
+        }
+        EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9));
+        EXPECT_FALSE(Start::handled(10) || Start::handled(12) || Start::handled(13) || Start::handled(26));
+        holder.run("UNLOCK TABLES", "test");
+        initializing.join();
+        EXPECT_TRUE(Start::reputationHandled());
         Cron::Crontab::instance(false).stop();
     });
 }
