@@ -9,12 +9,17 @@
 #include "greylist/GlDynamicExemptDatabase.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/TableRepair.h"
+#include "mmsreputation/CronJobBackup.h"
+#include "mmsreputation/MMSReputationDatabase.h"
+#include "mmsreputation/MMSReputationDisplay.h"
 #include "reputation/CronJobBackup.h"
 #include "reputation/ReputationDatabase.h"
 #include "reputation/ReputationDisplay.h"
 #include "reputation/ReputationHandlers.h"
 #include "senderratecontrol/SenderRateControlDisplay.h"
 
+#include <algorithm>
+#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -71,12 +76,39 @@ Table const tables[] = {
     reputationTable<Reputation::statesTable, Reputation::recordsTable>(),
 };
 
+// The endpoint tables, in the order in which they are brought up to date.
+std::string const endpointTables[] = {MMSReputation::recordTable, MMSReputation::expiryTable,
+                                      MMSReputation::exemptTable, MMSReputation::blacklistTable,
+                                      MMSReputation::scoreTable};
+
+void createEndpointTables(SocketAddress const& address, std::string const& which) {
+    MMSReputation::Database(address).createTable(which);
+}
+
+// One that is missing among others is made by its name, since the empty name makes all of them and would cost the
+// others their rows. They have no older layout.
+void bringUpEndpointTables(SocketAddress const& address, Names const& present) {
+    auto const isThere = [&](std::string const& table) {
+        return present.contains(table);
+    };
+    if (std::none_of(std::begin(endpointTables), std::end(endpointTables), isThere)) {
+        createEndpointTables(address, "");
+        return;
+    }
+    for (std::string const& table : endpointTables) {
+        if (!isThere(table)) {
+            createEndpointTables(address, table);
+        }
+    }
+}
+
 void createEverything(SocketAddress const& address) {
     create<GreyList::GlRecordDatabase>(address);
     create<GreyList::DynamicExemptDatabase>(address);
     create<Reputation::Database>(address);
     // Once more, as it has always been: the table is still empty.
     create<GreyList::DynamicExemptDatabase>(address);
+    createEndpointTables(address, "");
 }
 
 template <class Job>
@@ -100,6 +132,7 @@ void senderHistoryDatabaseCreate() {
     for (Table const& table : tables) {
         (present.contains(table.name) ? table.present : table.missing)(address, present);
     }
+    bringUpEndpointTables(address, present);
 }
 
 void senderHistoryDatabaseRepair() {
@@ -133,10 +166,18 @@ void senderHistoryDatabaseInitialize() {
     Reputation::addUpdatedHandler();
     Reputation::addSetStateHandler();
     Reputation::addRecordHandler();
+    {
+        MMSReputation::Database endpoints(address);
+        MMSReputation::RefCache::instance(&endpoints, MMSReputation::Select::everything);
+    }
+    MMSReputation::addUpdatedHandler();
+    MMSReputation::addEntryRetrievalHandler();
+    MMSReputation::addEntryRemovalHandler();
     SenderRateControl::addEntryHandler();
     SenderRateControl::addRecordHandler();
     schedule<Reputation::CronJobBackup>(Cron::Period(3600, 1800));
     schedule<GreyList::CronJobBackup>(Cron::Period(3600, 2400));
+    schedule<MMSReputation::CronJobBackup>(Cron::Period(3600, 2100));
 }
 
 } // namespace Vellum

@@ -2,10 +2,14 @@
 #include "foundation/cron/Crontab.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "greylist/CronJobBackup.h"
+#include "mmsreputation/CronJobBackup.h"
+#include "mmsreputation/RefCache.h"
+#include "mmsreputation/Reports.h"
 #include "reputation/Cache.h"
 #include "reputation/CronJobBackup.h"
 #include "reputation/LoadReport.h"
 #include "senderhistory/SenderHistoryDatabase.h"
+#include "tests/support/EndpointConfiguration.h"
 #include "tests/support/GreylistTables.h"
 #include "tests/support/OwnProcess.h"
 #include "tests/support/ReputationConfiguration.h"
@@ -24,13 +28,16 @@ struct Start {
         server.run({"insert into grey_list values ('192.0.2.0/24', 'a@b', 'c@d', 1, 2)",
                     "insert into autoexempt values ('192.0.2.0/24', 'd', 3, 4)",
                     "insert into sender_reputation values ('192.0.2.1', 5, 1, 2, 3, 4, 5)",
-                    "insert into sender_reputation_state values ('192.0.2.1', 2)"},
+                    "insert into sender_reputation_state values ('192.0.2.1', 2)",
+                    "insert into mms_exempt values ('11')", "insert into mms_blacklist values ('21')"},
                    GreyList::databaseName);
         configuration->enabled = false; // no backup of its own, whatever the time is
         reputation.enabled = false;
+        endpoints->master = false;
     }
     static bool reputationHandled() { return handled(10) && handled(12) && handled(13) && handled(26); }
     static bool handled(unsigned int type) { return !IPC::Dispatcher::instance(29001).handler(type).isNull(); }
+    static bool endpointsHandled() { return handled(19) && handled(20) && handled(21) && handled(23); }
     static bool ratesHandled() { return handled(28) && handled(30); }
     static std::vector<Cron::Job> jobs() { return Cron::Crontab::instance(false).jobs(); }
     template <class Cache>
@@ -44,6 +51,7 @@ struct Start {
     PrivateMariaDb server;
     GreyList::InstalledConfiguration configuration;
     Reputation::InstalledConfiguration reputation;
+    MMSReputation::InstalledConfiguration endpoints;
 };
 
 TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
@@ -51,6 +59,7 @@ TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
         Start const start;
         EXPECT_FALSE(Start::handled(5) || Start::handled(7) || Start::handled(9));
         EXPECT_FALSE(Start::handled(10) || Start::handled(12) || Start::handled(13) || Start::handled(26));
+        EXPECT_FALSE(Start::handled(19) || Start::handled(20) || Start::handled(21) || Start::handled(23));
         EXPECT_FALSE(Start::handled(28) || Start::handled(30));
         EXPECT_TRUE(Start::jobs().empty());
         senderHistoryDatabaseInitialize();
@@ -60,7 +69,12 @@ TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
         EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9));
         EXPECT_TRUE(Start::ratesHandled());
         EXPECT_TRUE(Start::reputationHandled());
-        ASSERT_EQ(Start::jobs().size(), 2U);
+        EXPECT_TRUE(Start::endpointsHandled());
+        MMSReputation::RefCache const endpoints = MMSReputation::RefCache::instance(nullptr, 255);
+        ASSERT_FALSE(endpoints.isNull());
+        EXPECT_TRUE(endpoints->isExempt(MSISDN("11")));
+        EXPECT_TRUE(endpoints->isBlacklisted(MSISDN("21")));
+        ASSERT_EQ(Start::jobs().size(), 3U);
         Cron::Job const first = Start::jobs()[0];
         EXPECT_NE(dynamic_cast<Reputation::CronJobBackup const*>(first.get()), nullptr);
         EXPECT_EQ(first->period()->interval(), 3600U);
@@ -69,6 +83,10 @@ TEST(InitializeDeathTest, LoadsRegistersAndSchedules) {
         EXPECT_NE(dynamic_cast<GreyList::CronJobBackup const*>(second.get()), nullptr);
         EXPECT_EQ(second->period()->interval(), 3600U);
         EXPECT_EQ(second->period()->offset(), 2400U);
+        Cron::Job const third = Start::jobs()[2];
+        EXPECT_NE(dynamic_cast<MMSReputation::CronJobBackup const*>(third.get()), nullptr);
+        EXPECT_EQ(third->period()->interval(), 3600U);
+        EXPECT_EQ(third->period()->offset(), 2100U);
         Cron::Crontab::instance(false).stop();
     });
 }
@@ -84,6 +102,7 @@ TEST(InitializeDeathTest, ExemptionsThatCannotBeReadEndIt) {
         EXPECT_TRUE(Start::handled(5) && Start::handled(7) && Start::handled(9)) << "they come before";
         EXPECT_FALSE(Start::handled(10) || Start::handled(12) || Start::handled(13) || Start::handled(26));
         EXPECT_EQ(Start::loaded<Reputation::RefCache>(), 0U);
+        EXPECT_FALSE(Start::handled(19)) << "the endpoints come after";
         EXPECT_FALSE(Start::handled(28) || Start::handled(30)) << "rate control comes after";
         EXPECT_TRUE(Start::jobs().empty()) << "backups come last";
         auto const records = start.log.records(0x300019E);
@@ -100,8 +119,43 @@ TEST(InitializeDeathTest, TuplesThatCannotBeReadAreLoggedAndDoNotEndIt) {
         EXPECT_EQ(Start::loaded<GreyList::TupleCache>(), 0U);
         EXPECT_EQ(Start::loaded<GreyList::DynamicExemptCache>(), 1U);
         EXPECT_FALSE(GreyList::LoadReport::last().complete());
-        EXPECT_EQ(Start::jobs().size(), 2U);
+        EXPECT_EQ(Start::jobs().size(), 3U);
         EXPECT_EQ(start.log.records(0x300019E).size(), 1U);
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+TEST(InitializeDeathTest, EndpointsThatCannotBeReadAreLoggedAndDoNotEndIt) {
+    expectInOwnProcess([] {
+        Start start;
+        start.server.run({"insert into mms_exempt values ('')"}, GreyList::databaseName);
+        senderHistoryDatabaseInitialize();
+        EXPECT_EQ(start.log.records(0x300017D).size(), 1U);
+        EXPECT_FALSE(MMSReputation::LoadReport::last().complete());
+        EXPECT_TRUE(Start::endpointsHandled());
+        EXPECT_EQ(Start::jobs().size(), 3U);
+        Cron::Crontab::instance(false).stop();
+    });
+}
+
+TEST(InitializeDeathTest, EndpointsAreLoadedBeforeTheirHandlersAreThere) {
+    expectInOwnProcess([] {
+        Start start;
+        Database::Connection holder(start.server.admin(), GreyList::databaseName);
+        holder.run("LOCK TABLES mms_exempt WRITE", "test");
+        std::thread initializing([] { senderHistoryDatabaseInitialize(); });
+        while (start.server
+                   .query("select 1 from information_schema.PROCESSLIST where USER = 'vellum' and INFO like "
+                          "'select * from mms_exempt%' and STATE like 'Waiting%'")
+                   .empty()) {
+            std::this_thread::yield();
+        }
+        EXPECT_TRUE(Start::reputationHandled());
+        EXPECT_FALSE(Start::handled(19) || Start::handled(20) || Start::handled(21) || Start::handled(23));
+        EXPECT_FALSE(Start::ratesHandled());
+        holder.run("UNLOCK TABLES", "test");
+        initializing.join();
+        EXPECT_TRUE(Start::endpointsHandled());
         Cron::Crontab::instance(false).stop();
     });
 }
@@ -118,7 +172,7 @@ TEST(InitializeDeathTest, ReputationsThatCannotBeReadAreLoggedAndDoNotEndIt) {
         EXPECT_FALSE(Reputation::LoadReport::last().loaded);
         EXPECT_TRUE(GreyList::LoadReport::last().complete());
         EXPECT_TRUE(Start::reputationHandled());
-        EXPECT_EQ(Start::jobs().size(), 2U);
+        EXPECT_EQ(Start::jobs().size(), 3U);
         EXPECT_EQ(start.log.records(0x3000188).size(), 1U);
         Cron::Crontab::instance(false).stop();
     });

@@ -1,5 +1,6 @@
 #include "senderhistory/SenderHistoryDatabase.h"
 
+#include "mmsreputation/MMSReputationDatabase.h"
 #include "reputation/ReputationDatabase.h"
 #include "tests/support/GreylistTables.h"
 #include "tests/support/UnreachableServer.h"
@@ -23,7 +24,7 @@ constexpr char const* upgradeReputations =
 constexpr char const* upgradeStates =
     "ALTER table sender_reputation_state MODIFY ClientIPAddress varchar( 128 ) not null";
 
-// All tables, with a row each.
+// All tables, with a row each; but what happens to the endpoint tables is told by a test of their own.
 class SenderHistoryDatabaseTest : public GreyList::GreylistTables {
   protected:
     SenderHistoryDatabaseTest() {
@@ -32,16 +33,17 @@ class SenderHistoryDatabaseTest : public GreyList::GreylistTables {
         Reputation::Database(address()).createTable();
         run({"insert into sender_reputation values ('192.0.2.1', 5, 1, 2, 3, 4, 5)",
              "insert into sender_reputation_state values ('192.0.2.1', 2)"});
+        MMSReputation::Database(address()).createTable("");
     }
     static Rows reputationRows() { return server().query("select * from sender_reputation"); }
     static Rows stateRows() { return server().query("select * from sender_reputation_state"); }
-    static Rows tables() { return server().query("SHOW TABLES"); }
+    static Rows tables() { return server().query("SHOW TABLES WHERE Tables_in_fe_sender_history NOT LIKE 'mms%'"); }
     // What changes the layout, of the statements that creating sends.
     static Rows changesOfCreating() {
         Rows changes;
         for (std::string const& statement : sent([] { senderHistoryDatabaseCreate(); })) {
             for (char const* const begin : {"CREATE", "create", "DROP", "drop", "ALTER"}) {
-                if (statement.starts_with(begin)) {
+                if (statement.starts_with(begin) && statement.find(" mms_") == std::string::npos) {
                     changes.push_back(statement);
                 }
             }
