@@ -12,6 +12,7 @@
 #include "foundation/ipc/Dispatcher.h"
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LogCodes.h"
+#include "mmsreputation/LogCodes.h"
 #include "senderhistory/SenderHistoryDatabase.h"
 
 #include <csignal>
@@ -73,6 +74,7 @@ Daemon::~Daemon() {
         for (auto& logger : m_loggers) {
             static_cast<void>(logger.release());
         }
+        static_cast<void>(m_endpoints.release()); // or ask its configuration
     }
 }
 
@@ -88,6 +90,7 @@ int Daemon::run() {
         useDatabase();
         useGreylistConfiguration();
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
+        m_endpoints = std::make_unique<EndpointState>(m_settings.endpoint, m_settings.state.endpointScript());
         m_rules = loadRules(m_settings);
         bringUpState();
         serve();
@@ -113,7 +116,8 @@ int Daemon::run() {
 
 void Daemon::useLog(LogSettings const& settings) {
     AsyncLogger::Options options;
-    options.informational = {GreyList::LogCode::cacheCreated, GreyList::LogCode::reloadDone};
+    options.informational = {GreyList::LogCode::cacheCreated, GreyList::LogCode::reloadDone,
+                             MMSReputation::LogCode::reloadDone};
     m_loggers.push_back(makeLogger(settings.target, options));
     Logger::install(m_loggers.back().get());
 }
@@ -173,6 +177,9 @@ void Daemon::bringUpState() {
     if (std::string const problem = m_loads.problem(); !problem.empty()) {
         note(Logger::Severity::error, problem + "; backups are off until a load succeeds (tried every minute) or "
                                                 "\"vellumctl greylist accept-empty\"");
+    }
+    if (std::string const problem = EndpointState::loadProblem(); !problem.empty()) {
+        note(Logger::Severity::error, problem + "; their backups are off until a load succeeds (tried every minute)");
     }
 }
 
@@ -235,12 +242,14 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
         "[policy]");
     say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
     say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
+    say(changed.endpoint.windowMinutes != m_endpoints->windowMinutes(), "[endpoint] window_minutes");
 }
 
 void Daemon::keepHouse() {
     m_databaseWatch.look(clockNow());
     if (m_databaseWatch.state().reachable.value_or(false)) {
         m_loads.tryAgain();
+        EndpointState::tryAgain();
     }
     m_decision->dropDeadExemptions(clockNow());
 }
@@ -257,6 +266,7 @@ void Daemon::reload() {
         m_settings = changed;
         useDatabase();
         useGreylistConfiguration();
+        m_endpoints->change(m_settings.endpoint);
         m_translator->install(PolicyTranslatorSettings::of(m_settings));
         note(Logger::Severity::info, "settings read again from " + m_settingsPath);
     } catch (std::exception const& failed) {
@@ -295,6 +305,7 @@ void Daemon::stop() {
                  "the last backup failed, what came after the one before is lost: " + report.problem);
         }
     }
+    m_endpoints->takeLastBackup();
     note(Logger::Severity::info, "ended");
     Logger::instance(false).flush();
 }

@@ -7,6 +7,7 @@
 
 #include "daemon/DatabaseWatch.h"
 #include "daemon/Decision.h"
+#include "daemon/EndpointState.h"
 #include "daemon/GreylistAdministration.h"
 #include "daemon/Housekeeping.h"
 #include "daemon/InstanceLock.h"
@@ -65,6 +66,7 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<PidFile> m_pidFile;
     std::unique_ptr<RateControlConfiguration> m_rateControl;
     LoadKeeper m_loads;
+    std::unique_ptr<EndpointState> m_endpoints;
     DatabaseWatch m_databaseWatch;
     std::unique_ptr<Decision> m_decision;
     std::unique_ptr<PolicyTranslator> m_translator;

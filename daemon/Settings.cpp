@@ -216,6 +216,7 @@ Settings read(SettingsTable const& file) {
     settings.policy = readPolicy(file.table("policy"));
     settings.greylist = readGreylist(file.table("greylist"));
     settings.rateControl = readRateControl(file.table("rate_control"));
+    settings.endpoint = readEndpoint(file.table("endpoint"));
     file.refuseUnknownKeys();
     return settings;
 }

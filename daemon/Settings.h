@@ -6,6 +6,7 @@
 #pragma once
 
 #include "daemon/AddressFolding.h"
+#include "daemon/EndpointSettings.h"
 #include "daemon/ListeningSocket.h"
 #include "foundation/LogSinks.h"
 #include "foundation/Settings.h"
@@ -35,8 +36,9 @@ struct StateSettings { // [state]
     std::string directory = "/var/lib/vellum";
     std::string pidFile; // empty: none
 
-    // In the directory: the script of the last greylist backup, and the file whose lock keeps a second daemon out.
+    // In the directory: the scripts of the last backups, and the file whose lock keeps a second daemon out.
     std::string greylistScript() const { return directory + "/greylist.sql"; }
+    std::string endpointScript() const { return directory + "/endpoint.sql"; }
     std::string lockFile() const { return directory + "/vellumd.lock"; }
 };
 
@@ -84,6 +86,7 @@ struct Settings {
     PolicySettings policy;
     GreylistSettings greylist;
     RateControlSettings rateControl;
+    EndpointSettings endpoint;
 
     // Throw SettingsError.
     static Settings load(std::string const& path);

@@ -32,6 +32,14 @@ def toml_file(tables):
     return "\n".join(lines)
 
 
+def make_score_directory():
+    """The fixed directory of vellumd's score dump: private, and never one that is there already."""
+    try:
+        os.mkdir("/var/spool/tmp", 0o700)
+    except (FileExistsError, PermissionError):
+        pass  # then only the rebuild of endpoint scores is refused, unless it is ours
+
+
 class Vellum:
     """vellumd, vellum-dbd, vellumctl and vellum-replay from the directory `programs`, on the database `mariadb`.
 
@@ -70,6 +78,7 @@ class Vellum:
         self.dbd_settings_path.chmod(0o600)
         self.dbd = Process(stage, "vellum-dbd", [self.programs / "vellum-dbd", "--config", self.dbd_settings_path],
                            self.directory / "vellum-dbd.out")
+        make_score_directory()
         self._clock = clock.environment() if clock else {}
         self.daemon = Process(stage, "vellumd", [self.programs / "vellumd", "--config", self.settings_path],
                               self.directory / "vellumd.out", self._clock)

@@ -76,7 +76,7 @@ TEST(Settings, TheExampleHasEveryKey) {
     std::stringstream text;
     text << file.rdbuf();
     for (char const* section :
-         {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist", "rate_control"}) {
+         {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist", "rate_control", "endpoint"}) {
         std::string error = errorOf("[" + std::string(section) + "]\nnonsense = 1\n");
         ASSERT_NE(error.find("expected "), std::string::npos) << error;
         std::istringstream keys(error.substr(error.find("expected ") + 9));
@@ -155,6 +155,7 @@ max_senders = 17
 TEST(Settings, StateFilesAreInItsDirectory) {
     StateSettings const state{.directory = "/s", .pidFile = {}};
     EXPECT_EQ(state.greylistScript(), "/s/greylist.sql");
+    EXPECT_EQ(state.endpointScript(), "/s/endpoint.sql");
     EXPECT_EQ(state.lockFile(), "/s/vellumd.lock");
 }
 
@@ -170,10 +171,12 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
         std::string error;
     };
     std::vector<Case> const cases = {
-        {"x = 1\n",
-         "1: unknown key \"x\": expected database, database_daemon, greylist, ipc, log, policy, rate_control, state"},
-        {"\n[grey_list]\n", "2: unknown key \"grey_list\": expected database, database_daemon, greylist, ipc, log, "
-                            "policy, rate_control, state"},
+        {"x = 1\n", "1: unknown key \"x\": expected database, database_daemon, endpoint, greylist, ipc, log, policy, "
+                    "rate_control, "
+                    "state"},
+        {"\n[grey_list]\n",
+         "2: unknown key \"grey_list\": expected database, database_daemon, endpoint, greylist, ipc, log, "
+         "policy, rate_control, state"},
         {"[log]\nlevel = 3\n", "2: [log] unknown key \"level\": expected decisions, target"},
         {"[log]\ntarget = \"sylog\"\n", "2: [log] target = \"sylog\": expected \"syslog\", \"stderr\" or the path of "
                                         "a file, with a slash in it"},
