@@ -141,7 +141,7 @@ TEST_F(SenderHistoryDatabaseTest, TableWhoseNameDiffersInLetterCaseIsAnotherOne)
     EXPECT_THAT(changesOfCreating(), ElementsAre(dropTuples, StartsWith(createTuples), upgradeExemptions,
                                                  upgradeReputations, dropStates, StartsWith(createStates)));
     EXPECT_THAT(server().query("select TABLE_NAME from information_schema.TABLES where TABLE_SCHEMA = "
-                               "'fe_sender_history' order by binary TABLE_NAME"),
+                               "'fe_sender_history' and TABLE_NAME not like 'mms%' order by binary TABLE_NAME"),
                 ElementsAre("AUTOEXEMPT", "Grey_List", "SENDER_REPUTATION_STATE", "autoexempt", "grey_list",
                             "sender_reputation", "sender_reputation_state"));
     EXPECT_EQ(reputationRows().size(), 1U);
