@@ -2,6 +2,8 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
+
 namespace Vellum::SenderRateControl {
 namespace {
 
@@ -56,6 +58,22 @@ void Entry::totalsNoLock(unsigned int firstPeriod, SenderRateControlRecord& out)
         out.count3 += record.count3;
         out.count4 += record.count4;
         out.count5 += record.count5;
+    }
+}
+
+void Entry::prefetchRecords(Entry const* const* entries, std::size_t count) {
+    constexpr std::size_t most = 2 * periodsTotalled; // of which something may remain
+    Synchronized const touching(s_recordsLock);
+    for (std::size_t n = 0; n < count; ++n) {
+        Records const& records = entries[n]->m_records;
+        if (!records.empty()) {
+            auto const* const first = reinterpret_cast<char const*>(&*records.begin());
+            std::size_t const last = std::min(records.size(), most) * sizeof(Records::value_type) - 1;
+            for (std::size_t line = 0; line < last; line += 64) {
+                __builtin_prefetch(first + line);
+            }
+            __builtin_prefetch(first + last);
+        }
     }
 }
 

@@ -19,6 +19,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 // Totals of the five counters. Plain data.
@@ -97,6 +98,9 @@ class Entry : public boost::enable_shared_from_this<Entry> {
     // A copy, since others may forget periods while it is walked. The caller holds `s_lock` where it wants what it
     // reads here to agree with something else; the copy itself is whole without it.
     Records records() const;
+
+    // Tells the processor that totals of these entries will be asked for at once.
+    static void prefetchRecords(Entry const* const* entries, std::size_t count);
 
     // No lock. Three reads are not one moment: a change or reset() may fall between them.
     RateControlState state() const { return m_state.load(std::memory_order_relaxed); }
