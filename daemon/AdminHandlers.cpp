@@ -5,6 +5,7 @@
 #include "foundation/Logger.h"
 #include "greylist/DynamicExemptCache.h"
 #include "greylist/TupleCache.h"
+#include "reputation/Cache.h"
 
 #include <chrono>
 #include <ctime>
@@ -34,6 +35,10 @@ CacheFill exemptionFill() {
 
 std::string recordsText(std::uint64_t tuples, std::uint64_t exemptions) {
     return std::to_string(tuples) + " tuples and " + std::to_string(exemptions) + " exemptions";
+}
+
+std::string hoursText(std::uint64_t hours) {
+    return std::to_string(hours) + " hours of sender reputation";
 }
 
 void send(IPC::SocketIPC& client, IPC::PduType type, Json const& json) {
@@ -117,6 +122,9 @@ class StatusHandler : public AdminHandler {
         status["greylist"] = {{"tuples", asJson(tupleFill(), loads.tuples)},
                               {"exemptions", asJson(exemptionFill(), loads.exemptions)}};
         status["backup"] = asJson(services().backupGate(), GreyList::BackupReport::last());
+        status["reputation"] = {
+            {"entries", asJson(fillOf(**Reputation::RefCache::instance()), Reputation::LoadReport::last())},
+            {"backup", asJson(services().reputationGate(), Reputation::BackupReport::last())}};
         return status;
     }
 };
@@ -136,10 +144,31 @@ class BackupHandler : public AdminHandler {
         if (!report.accepted) {
             json["error"] = report.problem;
         }
-        note(report.accepted ? Logger::Severity::info : Logger::Severity::warning,
-             "backup " + (report.accepted ? "of " + recordsText(report.tuples, report.exemptions) + " handed over"
-                                          : "failed: " + report.problem));
+        say(report, recordsText(report.tuples, report.exemptions));
+        json["reputation"] = backUpReputations();
+        if (report.accepted && json["reputation"].contains("error")) {
+            json["error"] = "sender reputation: " + json["reputation"]["error"].get<std::string>();
+        }
         return json;
+    }
+
+  private:
+    Json backUpReputations() const {
+        BackupGate const gate = services().reputationGate();
+        if (!gate.open) {
+            return errorJson("backups are off: " + gate.reason);
+        }
+        Reputation::BackupReport const report = services().backUpReputations();
+        Json json = asJson(report);
+        if (!report.accepted) {
+            json["error"] = report.problem;
+        }
+        say(report, hoursText(report.records) + " of " + std::to_string(report.addresses) + " addresses");
+        return json;
+    }
+    static void say(Database::BackupReport const& report, std::string const& what) {
+        note(report.accepted ? Logger::Severity::info : Logger::Severity::warning,
+             "backup " + (report.accepted ? "of " + what + " handed over" : "failed: " + report.problem));
     }
 };
 
@@ -161,7 +190,9 @@ class RestoreHandler : public AdminHandler {
         bool const loaded = outcome.loadProblem.empty();
         note(loaded ? Logger::Severity::info : Logger::Severity::error,
              "restore of " + escapeForLog(path) + " done, " +
-                 (loaded ? recordsText(outcome.tuples, outcome.exemptions) + " loaded"
+                 (loaded ? (outcome.ofReputation ? hoursText(outcome.reputations)
+                                                 : recordsText(outcome.tuples, outcome.exemptions)) +
+                               " loaded"
                          : "but not loaded: " + outcome.loadProblem));
         return asJson(path, outcome);
     }
@@ -173,7 +204,14 @@ class AcceptEmptyHandler : public AdminHandler {
         : AdminHandler(IPC::PduType::adminAcceptEmpty, "accept-empty", services) {}
 
   protected:
-    Json answer(Json const&, IPC::SocketIPC&) const override {
+    Json answer(Json const& request, IPC::SocketIPC&) const override {
+        std::string const family = optionalText(request, "family");
+        if (family == "reputation") {
+            return acceptReputations();
+        }
+        if (!family.empty() && family != "greylist") {
+            throw AdminRefusal("\"family\" must be \"greylist\" or \"reputation\"");
+        }
         CacheFill const tuples = tupleFill();
         CacheFill const exemptions = exemptionFill();
         bool const changed = services().acceptEmpty();
@@ -182,6 +220,17 @@ class AcceptEmptyHandler : public AdminHandler {
                                                 " may now replace tables that could not be loaded");
         }
         return {{"changed", changed}, {"tuples", tuples.size}, {"exemptions", exemptions.size}};
+    }
+
+  private:
+    Json acceptReputations() const {
+        CacheFill const entries = fillOf(**Reputation::RefCache::instance());
+        bool const changed = services().acceptEmptyReputations();
+        if (changed) {
+            note(Logger::Severity::warning, "backups of sender reputation, " + std::to_string(entries.size) +
+                                                " addresses, may now replace tables that could not be loaded");
+        }
+        return {{"changed", changed}, {"addresses", entries.size}};
     }
 };
 

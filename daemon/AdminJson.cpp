@@ -11,13 +11,19 @@ Json asJson(DaemonStatus::DatabaseState const& state) {
             {"problem", state.problem}};
 }
 
+// What the backups of all families tell.
+Json common(Database::BackupReport const& report) {
+    return {{"accepted", report.accepted}, {"started", report.startedAt}, {"milliseconds", report.milliseconds},
+            {"left_out", report.leftOut},  {"bytes", report.bytes},       {"problem", report.problem}};
+}
+
 Json counts(std::uint64_t tuples, std::uint64_t exemptions) {
     return {{"tuples", tuples}, {"exemptions", exemptions}};
 }
 
 } // namespace
 
-Json asJson(CacheFill const& fill, GreyList::LoadReport::Half const& load) {
+Json asJson(CacheFill const& fill, Database::LoadReport const& load) {
     return {{"size", fill.size},
             {"capacity", fill.capacity},
             {"load",
@@ -25,13 +31,17 @@ Json asJson(CacheFill const& fill, GreyList::LoadReport::Half const& load) {
 }
 
 Json asJson(GreyList::BackupReport const& report) {
-    return {{"accepted", report.accepted}, {"started", report.startedAt},     {"milliseconds", report.milliseconds},
-            {"tuples", report.tuples},     {"exemptions", report.exemptions}, {"left_out", report.leftOut},
-            {"bytes", report.bytes},       {"problem", report.problem}};
+    Json json = common(report);
+    json["tuples"] = report.tuples;
+    json["exemptions"] = report.exemptions;
+    return json;
 }
 
-Json asJson(BackupGate const& gate, GreyList::BackupReport const& last) {
-    return {{"allowed", gate.open}, {"reason", gate.reason}, {"last", last.attempted ? asJson(last) : Json()}};
+Json asJson(Reputation::BackupReport const& report) {
+    Json json = common(report);
+    json["records"] = report.records;
+    json["addresses"] = report.addresses;
+    return json;
 }
 
 Json asJson(DaemonStatus const& status, long now) {
@@ -46,16 +56,22 @@ Json asJson(DaemonStatus const& status, long now) {
 }
 
 Json asJson(std::string const& path, RestorePreview const& preview) {
-    return {{"path", path},
-            {"script",
-             {{"bytes", preview.bytes},
-              {"modified", preview.modified},
-              {"tuples", preview.scriptTuples},
-              {"exemptions", preview.scriptExemptions},
-              {"newest", preview.newest},
-              {"complete", preview.complete}}},
-            {"tables", counts(preview.tableTuples, preview.tableExemptions)},
-            {"caches", counts(preview.cachedTuples, preview.cachedExemptions)}};
+    Json json = {{"path", path},
+                 {"script",
+                  {{"bytes", preview.bytes},
+                   {"modified", preview.modified},
+                   {"tuples", preview.scriptTuples},
+                   {"exemptions", preview.scriptExemptions},
+                   {"newest", preview.newest},
+                   {"complete", preview.complete}}},
+                 {"tables", counts(preview.tableTuples, preview.tableExemptions)},
+                 {"caches", counts(preview.cachedTuples, preview.cachedExemptions)}};
+    if (preview.ofReputation) {
+        json["script"]["reputations"] = preview.scriptReputations;
+        json["tables"]["reputations"] = preview.tableReputations;
+        json["caches"]["addresses"] = preview.cachedAddresses;
+    }
+    return json;
 }
 
 Json asJson(std::string const& path, RestoreOutcome const& outcome) {
@@ -63,6 +79,9 @@ Json asJson(std::string const& path, RestoreOutcome const& outcome) {
                  {"restored", true},
                  {"loaded", counts(outcome.tuples, outcome.exemptions)},
                  {"milliseconds", outcome.milliseconds}};
+    if (outcome.ofReputation) {
+        json["loaded"]["reputations"] = outcome.reputations;
+    }
     if (!outcome.loadProblem.empty()) {
         json["error"] = "the tables were restored, but could not be loaded: " + outcome.loadProblem;
     }
@@ -95,6 +114,10 @@ std::string requiredText(Json const& request, char const* key) {
         throw AdminRefusal(std::string("the request needs \"") + key + "\", a text");
     }
     return found->get<std::string>();
+}
+
+std::string optionalText(Json const& request, char const* key) {
+    return request.contains(key) ? requiredText(request, key) : std::string();
 }
 
 bool optionalFlag(Json const& request, char const* key) {

@@ -3,6 +3,7 @@
 
 #include "daemon/AdminServices.h"
 #include "greylist/LoadReport.h"
+#include "reputation/LoadReport.h"
 
 #include <nlohmann/json.hpp>
 
@@ -20,19 +21,25 @@ struct CacheFill {
     std::uint32_t capacity = 0;
 };
 
-Json asJson(CacheFill const& fill, GreyList::LoadReport::Half const& load);
+Json asJson(CacheFill const& fill, Database::LoadReport const& load);
 Json asJson(GreyList::BackupReport const& report);
-Json asJson(BackupGate const& gate, GreyList::BackupReport const& last);
-Json asJson(DaemonStatus const& status, long now); // all but "greylist" and "backup"
+Json asJson(Reputation::BackupReport const& report);
+// Of a gate and a family's last backup.
+template <class Report>
+Json asJson(BackupGate const& gate, Report const& last) {
+    return {{"allowed", gate.open}, {"reason", gate.reason}, {"last", last.attempted ? asJson(last) : Json()}};
+}
+Json asJson(DaemonStatus const& status, long now); // all but "greylist", "reputation" and "backup"
 Json asJson(std::string const& path, RestorePreview const& preview);
 Json asJson(std::string const& path, RestoreOutcome const& outcome);
 Json errorJson(std::string_view text);
 
 // The object in a request's payload. Throws AdminRefusal when it is no JSON, or no object.
 Json parseRequest(std::string_view payload);
-// A text that must be there, and a flag that may be. Throw AdminRefusal naming the key.
+// A text that must be there, and a flag and a text that may be. Throw AdminRefusal naming the key.
 std::string requiredText(Json const& request, char const* key);
 bool optionalFlag(Json const& request, char const* key);
+std::string optionalText(Json const& request, char const* key);
 
 // As it travels: bytes that are not UTF-8, in a file name for example, are replaced.
 std::string payloadOf(Json const& json);

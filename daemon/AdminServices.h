@@ -2,6 +2,7 @@
 #pragma once
 
 #include "greylist/BackupReport.h"
+#include "reputation/BackupReport.h"
 
 #include <cstdint>
 #include <functional>
@@ -59,6 +60,11 @@ struct RestorePreview {
     std::uint64_t tableExemptions = 0;
     std::uint64_t cachedTuples = 0;
     std::uint64_t cachedExemptions = 0;
+    // A script that replaces sender reputation's tables, not the greylist's.
+    bool ofReputation = false;
+    std::uint64_t scriptReputations = 0; // hours of addresses, as in the table
+    std::uint64_t tableReputations = 0;
+    std::uint64_t cachedAddresses = 0;
 };
 
 struct RestoreOutcome {
@@ -66,6 +72,9 @@ struct RestoreOutcome {
     std::uint64_t exemptions = 0;
     std::uint64_t milliseconds = 0; // for the script and the load together
     std::string loadProblem;        // the tables hold the script's rows, but could not be loaded; empty when they were
+    // Of a script that replaced sender reputation's tables, not the greylist's.
+    bool ofReputation = false;
+    std::uint64_t reputations = 0; // hours of addresses loaded
 };
 
 // Bytes of the script done, and in all; false abandons the restore, and the tables stay as they were.
@@ -78,17 +87,20 @@ class AdminServices {
     virtual ~AdminServices() = default;
 
     virtual DaemonStatus status() const = 0;
-    virtual BackupGate backupGate() const = 0;
+    virtual BackupGate backupGate() const = 0;     // of the greylist
+    virtual BackupGate reputationGate() const = 0; // of sender reputation
 
-    // Makes a backup on this thread and tells how it went. Not asked while the gate is shut.
+    // Make a backup on this thread and tell how it went. Not asked while the gate is shut.
     virtual GreyList::BackupReport backupNow() = 0;
+    virtual Reputation::BackupReport backUpReputations() = 0;
 
     // `path` is absolute.
     virtual RestorePreview previewRestore(std::string const& path) = 0;
     virtual RestoreOutcome restore(std::string const& path, RestoreProgress const& progress) = 0;
 
-    // Opens the gate although the tables could not be loaded. False when it was open.
+    // Open a gate although the tables could not be loaded. False when it was open.
     virtual bool acceptEmpty() = 0;
+    virtual bool acceptEmptyReputations() = 0;
 };
 
 } // namespace Vellum::Daemon

@@ -3,6 +3,7 @@
 #include "daemon/AdminHandlers.h"
 #include "daemon/ExemptRules.h"
 #include "daemon/GreylistConfiguration.h"
+#include "daemon/LastBackup.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Logger.h"
 #include "foundation/Version.h"
@@ -10,9 +11,9 @@
 #include "foundation/database/DatabaseDaemon.h"
 #include "foundation/database/ServerMap.h"
 #include "foundation/ipc/Dispatcher.h"
-#include "greylist/GlRecordDatabase.h"
 #include "greylist/LogCodes.h"
 #include "mmsreputation/LogCodes.h"
+#include "reputation/LogCodes.h"
 #include "senderhistory/SenderHistoryDatabase.h"
 
 #include <csignal>
@@ -46,21 +47,11 @@ IPC::Dispatcher& dispatcher() {
     return IPC::Dispatcher::instance(IPC::stateDaemonPort);
 }
 
-// With the server away, the database daemon keeps the script until it is back.
-void takeLastBackup() {
-    try {
-        GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
-    } catch (std::exception const& failed) {
-        note(Logger::Severity::warning, std::string("the last backup is made without the database: ") + failed.what());
-        GreyList::GlRecordDatabase::writeWithoutServer();
-    }
-}
-
 } // namespace
 
 Daemon::Daemon(std::string settingsPath)
     : m_settingsPath(std::move(settingsPath)), m_startedAt(clockNow()), m_settings(Settings::load(m_settingsPath)),
-      m_loads([this] { cachesLoaded(); }) {}
+      m_loads(greylistTables(), [this] { cachesLoaded(); }) {}
 
 // Whatever may still log is gone before the loggers are.
 Daemon::~Daemon() {
@@ -74,7 +65,8 @@ Daemon::~Daemon() {
         for (auto& logger : m_loggers) {
             static_cast<void>(logger.release());
         }
-        static_cast<void>(m_endpoints.release()); // or ask its configuration
+        static_cast<void>(m_endpoints.release()); // or ask its family's configuration
+        static_cast<void>(m_reputation.release());
     }
 }
 
@@ -89,6 +81,9 @@ int Daemon::run() {
         m_instanceLock = std::make_unique<InstanceLock>(m_settings.state.lockFile());
         useDatabase();
         useGreylistConfiguration();
+        m_reputation = std::make_unique<ReputationConfiguration>(
+            m_settings.reputation, m_settings.state.reputationScript(),
+            [this] { return m_reputationLoads.mayBackUp() && !restoreRunning(); });
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
         m_endpoints = std::make_unique<EndpointState>(m_settings.endpoint, m_settings.state.endpointScript());
         m_rules = loadRules(m_settings);
@@ -117,7 +112,8 @@ int Daemon::run() {
 void Daemon::useLog(LogSettings const& settings) {
     AsyncLogger::Options options;
     options.informational = {GreyList::LogCode::cacheCreated, GreyList::LogCode::reloadDone,
-                             MMSReputation::LogCode::reloadDone};
+                             MMSReputation::LogCode::reloadDone, Reputation::LogCode::reloadDone,
+                             Reputation::LogCode::setStateDone};
     m_loggers.push_back(makeLogger(settings.target, options));
     Logger::install(m_loggers.back().get());
 }
@@ -174,13 +170,23 @@ void Daemon::bringUpState() {
     }
     senderHistoryDatabaseInitialize();
     m_databaseWatch.look(clockNow());
-    if (std::string const problem = m_loads.problem(); !problem.empty()) {
-        note(Logger::Severity::error, problem + "; backups are off until a load succeeds (tried every minute) or "
-                                                "\"vellumctl greylist accept-empty\"");
-    }
+    sayWhatCouldNotBeLoaded();
     if (std::string const problem = EndpointState::loadProblem(); !problem.empty()) {
         note(Logger::Severity::error, problem + "; their backups are off until a load succeeds (tried every minute)");
     }
+}
+
+void Daemon::sayWhatCouldNotBeLoaded() const {
+    auto const say = [](std::string const& problem, char const* family) {
+        if (!problem.empty()) {
+            note(Logger::Severity::error, problem +
+                                              "; backups are off until a load succeeds (tried every minute) or "
+                                              "\"vellumctl " +
+                                              family + " accept-empty\"");
+        }
+    };
+    say(m_loads.problem(), "greylist");
+    say(m_reputationLoads.problem(), "reputation");
 }
 
 DecisionSettings Daemon::decisionSettings() const {
@@ -250,6 +256,7 @@ void Daemon::keepHouse() {
     if (m_databaseWatch.state().reachable.value_or(false)) {
         m_loads.tryAgain();
         EndpointState::tryAgain();
+        m_reputationLoads.tryAgain();
     }
     m_decision->dropDeadExemptions(clockNow());
 }
@@ -267,6 +274,7 @@ void Daemon::reload() {
         useDatabase();
         useGreylistConfiguration();
         m_endpoints->change(m_settings.endpoint);
+        m_reputation->change(m_settings.reputation);
         m_translator->install(PolicyTranslatorSettings::of(m_settings));
         note(Logger::Severity::info, "settings read again from " + m_settingsPath);
     } catch (std::exception const& failed) {
@@ -289,25 +297,21 @@ void Daemon::stop() {
     if (!DetachedBackup::waitForAll(patienceWithLastBackups)) {
         note(Logger::Severity::error, "a backup that was running did not end in time");
     }
-    if (!m_settings.greylist.backup) {
-        note(Logger::Severity::info, "no last backup: backups are switched off in the settings");
-    } else if (std::string const problem = m_loads.problem(); !problem.empty()) {
-        note(Logger::Severity::warning, "no last backup: " + problem);
-    } else {
-        takeLastBackup();
-        GreyList::BackupReport const report = GreyList::BackupReport::last();
-        if (report.accepted) {
-            note(Logger::Severity::info, "last backup: " + std::to_string(report.tuples) + " tuples and " +
-                                             std::to_string(report.exemptions) +
-                                             " exemptions are with the database daemon");
-        } else {
-            note(Logger::Severity::error,
-                 "the last backup failed, what came after the one before is lost: " + report.problem);
-        }
-    }
+    takeLastBackups();
     m_endpoints->takeLastBackup();
     note(Logger::Severity::info, "ended");
     Logger::instance(false).flush();
+}
+
+void Daemon::takeLastBackups() {
+    LastBackup greylist = lastGreylistBackup();
+    greylist.enabled = m_settings.greylist.backup;
+    greylist.problem = m_loads.problem();
+    takeLastBackup(greylist);
+    LastBackup reputation = lastReputationBackup(m_reputation->backupPath());
+    reputation.enabled = m_settings.reputation.backup;
+    reputation.problem = m_reputationLoads.problem();
+    takeLastBackup(reputation);
 }
 
 DaemonStatus Daemon::status() const {
@@ -332,8 +336,17 @@ BackupGate Daemon::backupGate() const {
     return {problem.empty(), problem};
 }
 
+BackupGate Daemon::reputationGate() const {
+    std::string const problem = m_reputationLoads.problem();
+    return {problem.empty(), problem};
+}
+
 bool Daemon::acceptEmpty() {
     return m_loads.accept();
+}
+
+bool Daemon::acceptEmptyReputations() {
+    return m_reputationLoads.accept();
 }
 
 void Daemon::cachesLoaded() {

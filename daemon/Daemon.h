@@ -15,6 +15,7 @@
 #include "daemon/PolicyServer.h"
 #include "daemon/PolicyTranslator.h"
 #include "daemon/RateControlConfiguration.h"
+#include "daemon/ReputationConfiguration.h"
 #include "daemon/Settings.h"
 
 #include <memory>
@@ -46,6 +47,8 @@ class Daemon : private GreylistAdministration {
     void serve();
     void reload();
     void sayWhatNeedsARestart(Settings const& changed) const;
+    void sayWhatCouldNotBeLoaded() const;
+    void takeLastBackups();
     void stop();
     void keepHouse();
 
@@ -54,7 +57,9 @@ class Daemon : private GreylistAdministration {
     // AdminServices
     DaemonStatus status() const override;
     BackupGate backupGate() const override;
+    BackupGate reputationGate() const override;
     bool acceptEmpty() override;
+    bool acceptEmptyReputations() override;
     void cachesLoaded() override;
 
     std::string const m_settingsPath;
@@ -65,7 +70,9 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<InstanceLock> m_instanceLock;
     std::unique_ptr<PidFile> m_pidFile;
     std::unique_ptr<RateControlConfiguration> m_rateControl;
-    LoadKeeper m_loads;
+    std::unique_ptr<ReputationConfiguration> m_reputation;
+    LoadKeeper m_loads; // of the greylist
+    LoadKeeper m_reputationLoads{reputationTables()};
     std::unique_ptr<EndpointState> m_endpoints;
     DatabaseWatch m_databaseWatch;
     std::unique_ptr<Decision> m_decision;

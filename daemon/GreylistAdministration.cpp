@@ -11,6 +11,10 @@
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LoadReport.h"
 #include "greylist/TupleCache.h"
+#include "reputation/Cache.h"
+#include "reputation/Configuration.h"
+#include "reputation/LoadReport.h"
+#include "reputation/ReputationDatabase.h"
 
 #include <charconv>
 #include <chrono>
@@ -72,6 +76,27 @@ std::string problemOf(GreyList::LoadReport const& loads) {
     return problem + loads.exemptions.problem;
 }
 
+RestoreOutcome loadGreylist(GreyList::GlRecordDatabase& database) {
+    database.read();
+    GreyList::LoadReport const loads = GreyList::LoadReport::last();
+    RestoreOutcome outcome;
+    outcome.tuples = loads.tuples.rows;
+    outcome.exemptions = loads.exemptions.rows;
+    outcome.loadProblem = problemOf(loads);
+    return outcome;
+}
+
+RestoreOutcome loadReputations() {
+    (**Reputation::RefCache::instance()).clear();
+    Reputation::Database(Database::Connection::defaultAddress()).read();
+    Reputation::LoadReport const load = Reputation::LoadReport::last();
+    RestoreOutcome outcome;
+    outcome.ofReputation = true;
+    outcome.reputations = load.rows;
+    outcome.loadProblem = load.problem;
+    return outcome;
+}
+
 } // namespace
 
 GreyList::BackupReport GreylistAdministration::backupNow() {
@@ -87,6 +112,20 @@ GreyList::BackupReport GreylistAdministration::backupNow() {
     return GreyList::BackupReport::last();
 }
 
+Reputation::BackupReport GreylistAdministration::backUpReputations() {
+    if (restoreRunning()) {
+        throw AdminRefusal("a restore is running");
+    }
+    Synchronized const hold(m_inHand);
+    try {
+        std::string const path = Reputation::Configuration::instance()->backupPath();
+        Reputation::Database(Database::Connection::defaultAddress()).write(path);
+    } catch (Exception const& failed) {
+        Reputation::BackupReport::setFailed(failed.asString());
+    }
+    return Reputation::BackupReport::last();
+}
+
 RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
     ScriptFacts const script = ScriptFacts::of(path);
     RestorePreview preview;
@@ -94,12 +133,18 @@ RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
     preview.modified = script.modified;
     preview.scriptTuples = script.tuples;
     preview.scriptExemptions = script.exemptions;
+    preview.scriptReputations = script.reputations;
     preview.newest = script.newest;
     preview.complete = script.complete;
 
     Database::Connection connection(GreyList::databaseName, "", "", Database::Connection::defaultAddress());
     preview.tableTuples = rowsIn(connection, GreyList::greyListTable);
     preview.tableExemptions = rowsIn(connection, GreyList::autoExemptTable);
+    preview.ofReputation = script.ofReputation;
+    if (preview.ofReputation) {
+        preview.tableReputations = rowsIn(connection, Reputation::recordsTable);
+        preview.cachedAddresses = sizeOf(**Reputation::RefCache::instance());
+    }
     preview.cachedTuples = sizeOf(**GreyList::TupleCache::instance());
     preview.cachedExemptions = sizeOf(**GreyList::DynamicExemptCache::instance());
     return preview;
@@ -109,7 +154,8 @@ RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreP
     RestoreMark const mark(m_restoring);
     // Before anything is waited for, and before any of it is a statement that an error could quote: the administrator
     // may name a file that this process may read and he may not.
-    if (!ScriptFacts::of(path).complete) {
+    ScriptFacts const script = ScriptFacts::of(path);
+    if (!script.complete) {
         throw AdminRefusal(path + " is no whole backup script: it does not end as one");
     }
     Synchronized const hold(m_inHand);
@@ -122,14 +168,8 @@ RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreP
     auto const start = std::chrono::steady_clock::now();
     GreyList::GlRecordDatabase database(Database::Connection::defaultAddress());
     database.runScript(path, progress);
-    database.read();
+    RestoreOutcome outcome = script.ofReputation ? loadReputations() : loadGreylist(database);
     cachesLoaded();
-
-    GreyList::LoadReport const loads = GreyList::LoadReport::last();
-    RestoreOutcome outcome;
-    outcome.tuples = loads.tuples.rows;
-    outcome.exemptions = loads.exemptions.rows;
-    outcome.loadProblem = problemOf(loads);
     outcome.milliseconds = static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
     return outcome;

@@ -1,4 +1,4 @@
-// Backup and restore of the greylist on an administrator's request.
+// Backup and restore on an administrator's request: of the greylist and of sender reputation.
 #pragma once
 
 #include "daemon/AdminServices.h"
@@ -17,10 +17,12 @@ class GreylistAdministration : public AdminServices {
   public:
     // Waits until the database daemon has the script, at most some minutes.
     GreyList::BackupReport backupNow() override;
+    Reputation::BackupReport backUpReputations() override;
 
     // Throws Exception when the file cannot be read or the database cannot be asked.
     RestorePreview previewRestore(std::string const& path) override;
-    // One at a time. All or nothing as far as the tables go.
+    // One at a time. All or nothing as far as the tables go. The script says which family's tables it replaces; sender
+    // reputation's cache is emptied before it is loaded from replaced tables, since a load by itself only adds to it.
     RestoreOutcome restore(std::string const& path, RestoreProgress const& progress) override;
 
     bool restoreRunning() const { return m_restoring; }

@@ -2,54 +2,13 @@
 
 #include "foundation/Exception.h"
 #include "foundation/Logger.h"
-#include "greylist/DynamicExemptCache.h"
-#include "greylist/GlRecordDatabase.h"
-#include "greylist/LoadReport.h"
-#include "greylist/TupleCache.h"
 
 #include <utility>
-#include <vector>
 
 namespace Vellum::Daemon {
-namespace {
-
-// The records of a cache, to be put back beside what a load brings.
-template <class Cache, class Key>
-class Kept {
-  public:
-    explicit Kept(Cache& cache) : m_cache(cache) {
-        SharedLock const hold(cache.lock);
-        cache.forEachInKeyOrder([&](auto const& pair) {
-            m_records.emplace_back(pair.first, pair.second);
-            return true;
-        });
-    }
-    // A record that was loaded stays as it was loaded.
-    void putBack() {
-        for (auto const& [key, status] : m_records) {
-            m_cache.add(key, status);
-        }
-    }
-
-  private:
-    Cache& m_cache;
-    std::vector<std::pair<Key, GreyList::Status>> m_records;
-};
-
-// What is wrong with the last load; empty when both tables are in the caches.
-std::string loadProblem() {
-    GreyList::LoadReport const report = GreyList::LoadReport::last();
-    if (report.complete()) {
-        return {};
-    }
-    std::string const& problem = report.tuples.loaded ? report.exemptions.problem : report.tuples.problem;
-    return "the tables could not be loaded: " + (problem.empty() ? "no load was tried yet" : problem);
-}
-
-} // namespace
 
 std::string LoadKeeper::problem() const {
-    std::string const problem = loadProblem();
+    std::string const problem = m_tables.problem();
     Synchronized const hold(m_lock);
     return problem == m_acceptedProblem ? std::string() : problem;
 }
@@ -59,7 +18,7 @@ bool LoadKeeper::mayBackUp() const {
 }
 
 bool LoadKeeper::accept() {
-    std::string const problem = loadProblem();
+    std::string const problem = m_tables.problem();
     Synchronized const hold(m_lock);
     return std::exchange(m_acceptedProblem, problem) != problem && !problem.empty();
 }
@@ -68,16 +27,13 @@ void LoadKeeper::tryAgain() {
     if (mayBackUp()) {
         return;
     }
-    Kept<GreyList::_TupleCache, GreyList::TupleId> tuples(**GreyList::TupleCache::instance());
-    Kept<GreyList::_DynamicExemptCache, GreyList::DynamicExemptId> exemptions(
-        **GreyList::DynamicExemptCache::instance());
-    GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).read();
-    tuples.putBack();
-    exemptions.putBack();
-    if (GreyList::LoadReport::last().complete()) {
+    m_tables.loadAgain();
+    if (m_tables.problem().empty()) {
         Logger::instance(false).note(Logger::Severity::warning,
-                                     "the tables that could not be loaded are loaded now: backups are on again");
-        m_loaded();
+                                     m_tables.name + " that could not be loaded are loaded now: backups are on again");
+        if (m_loaded) {
+            m_loaded();
+        }
     }
 }
 

@@ -1,8 +1,7 @@
-// Sees to it that an empty cache never overwrites a full table.
+// Sees to it that an empty cache never overwrites full tables, for one family of state.
 //
-// Until both tables have been loaded, or an administrator has accepted the caches as they are, no backup is allowed and
-// loading is tried again. What the caches learned until the retry began is kept beside what is loaded; a tuple that is
-// first seen while the rows are being fetched may have to wait once more.
+// Until the family's tables have been loaded, or an administrator has accepted the caches as they are, no backup of
+// them is allowed and loading is tried again.
 #pragma once
 
 #include "foundation/Locks.h"
@@ -12,10 +11,25 @@
 
 namespace Vellum::Daemon {
 
+// A family's tables, as the keeper sees them.
+struct KeptTables {
+    std::string name;                     // for messages: "the tables"
+    std::function<std::string()> problem; // of the last load; empty when the caches hold what the tables held
+    // Loads once more. What the caches learned until then is kept beside what is loaded.
+    std::function<void()> loadAgain;
+};
+
+// Of the greylist: a record that was loaded stays as it was loaded; a tuple that is first seen while the rows are being
+// fetched may have to wait once more.
+KeptTables greylistTables();
+// Of sender reputation: of an hour that was loaded and counted in since the start, each counter's larger value stays.
+KeptTables reputationTables();
+
 class LoadKeeper {
   public:
-    // `loaded` is called after a load that was tried again has succeeded, on the thread that tried.
-    explicit LoadKeeper(std::function<void()> loaded) : m_loaded(std::move(loaded)) {}
+    // `loaded` is called after a load that was tried again has succeeded, on the thread that tried; it may be empty.
+    explicit LoadKeeper(KeptTables tables, std::function<void()> loaded = {})
+        : m_tables(std::move(tables)), m_loaded(std::move(loaded)) {}
 
     // Whether a backup may replace the tables, by the last load's report. Thread-safe.
     bool mayBackUp() const;
@@ -29,6 +43,7 @@ class LoadKeeper {
     void tryAgain();
 
   private:
+    KeptTables m_tables;
     std::function<void()> m_loaded;
     mutable Mutex m_lock;
     std::string m_acceptedProblem VELLUM_GUARDED_BY(m_lock); // empty: nothing was accepted

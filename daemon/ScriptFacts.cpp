@@ -3,6 +3,7 @@
 #include "foundation/Exception.h"
 #include "foundation/FileDescriptor.h"
 #include "greylist/GlRecordDatabase.h"
+#include "reputation/ReputationDatabase.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -47,7 +48,11 @@ class LineCounter {
         if (line.empty()) {
             return;
         }
-        m_locked = m_locked || line.substr(0, lockTables.size()) == lockTables;
+        if (line.substr(0, lockTables.size()) == lockTables) {
+            m_locked = true;
+            std::string_view const first = line.substr(lockTables.size());
+            m_facts.ofReputation = first.substr(0, first.find(' ')) == Reputation::recordsTable;
+        }
         m_facts.complete = line == "UNLOCK TABLES;" || (line == "commit;" && !m_locked);
         if (line.substr(0, 2) == "('") {
             takeRow(line);
@@ -65,6 +70,9 @@ class LineCounter {
         if (table == GreyList::greyListTable) {
             return &m_facts.tuples;
         }
+        if (table == Reputation::recordsTable) {
+            return &m_facts.reputations;
+        }
         return table == GreyList::autoExemptTable ? &m_facts.exemptions : nullptr;
     }
     // "('192.0.2.0/24', ..., 'x@example.org', 1700000000,1700014400),": the first number is the creation time.
@@ -75,6 +83,9 @@ class LineCounter {
             return;
         }
         ++*m_rows;
+        if (m_rows == &m_facts.reputations) {
+            return; // their number behind the texts is an hour
+        }
         long created = 0;
         std::from_chars(line.data() + texts + endOfTexts.size(), line.data() + line.size(), created);
         m_facts.newest = std::max(m_facts.newest, created);

@@ -12,8 +12,10 @@ struct ScriptFacts {
     long modified = 0; // seconds since the epoch
     std::uint64_t tuples = 0;
     std::uint64_t exemptions = 0;
-    long newest = 0;       // the latest creation time of a row, seconds since the epoch; 0: none
-    bool complete = false; // the last line unlocks the tables, or commits where none were locked
+    std::uint64_t reputations = 0; // rows of "sender_reputation"
+    bool ofReputation = false;     // it locks sender reputation's tables
+    long newest = 0;               // the latest creation time of a tuple or exemption, seconds since the epoch; 0: none
+    bool complete = false;         // the last line unlocks the tables, or commits where none were locked
 
     // Reads the whole file: a tenth of a second for 100 MB that are in memory. Throws Exception, naming the path and
     // the reason, when it is not a regular file that this process may read.

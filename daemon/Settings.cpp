@@ -200,6 +200,12 @@ GreylistSettings readGreylist(SettingsTable const& greylist) {
     return settings;
 }
 
+ReputationSettings readReputation(SettingsTable const& reputation) {
+    ReputationSettings settings;
+    settings.backup = reputation.boolean("backup", settings.backup);
+    return settings;
+}
+
 RateControlSettings readRateControl(SettingsTable const& rateControl) {
     RateControlSettings settings;
     readNumber(rateControl, "max_senders", settings.maxSenders, 1, 100'000'000);
@@ -215,6 +221,7 @@ Settings read(SettingsTable const& file) {
     settings.ipc = readIpc(file.table("ipc"));
     settings.policy = readPolicy(file.table("policy"));
     settings.greylist = readGreylist(file.table("greylist"));
+    settings.reputation = readReputation(file.table("reputation"));
     settings.rateControl = readRateControl(file.table("rate_control"));
     settings.endpoint = readEndpoint(file.table("endpoint"));
     file.refuseUnknownKeys();

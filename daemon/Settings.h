@@ -38,6 +38,7 @@ struct StateSettings { // [state]
 
     // In the directory: the scripts of the last backups, and the file whose lock keeps a second daemon out.
     std::string greylistScript() const { return directory + "/greylist.sql"; }
+    std::string reputationScript() const { return directory + "/reputation.sql"; }
     std::string endpointScript() const { return directory + "/endpoint.sql"; }
     std::string lockFile() const { return directory + "/vellumd.lock"; }
 };
@@ -73,6 +74,10 @@ struct GreylistSettings { // [greylist]
     AddressFolding folding;
 };
 
+struct ReputationSettings { // [reputation]
+    bool backup = true;
+};
+
 struct RateControlSettings { // [rate_control]
     std::uint32_t maxSenders = 100'000;
 };
@@ -85,6 +90,7 @@ struct Settings {
     IpcSettings ipc;
     PolicySettings policy;
     GreylistSettings greylist;
+    ReputationSettings reputation;
     RateControlSettings rateControl;
     EndpointSettings endpoint;
 

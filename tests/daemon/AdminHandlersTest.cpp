@@ -5,6 +5,8 @@
 #include "greylist/DynamicExemptCache.h"
 #include "greylist/LoadReport.h"
 #include "greylist/TupleCache.h"
+#include "reputation/Cache.h"
+#include "reputation/LoadReport.h"
 #include "tests/support/CapturingLogger.h"
 #include "tests/support/GreylistConfiguration.h"
 #include "tests/support/GreylistIdentities.h"
@@ -26,9 +28,14 @@ using nlohmann::json;
 struct FakeServices : public AdminServices {
     DaemonStatus status() const override { return answeredStatus; }
     BackupGate backupGate() const override { return gate; }
+    BackupGate reputationGate() const override { return reputationsGate; }
     GreyList::BackupReport backupNow() override {
         ++backups;
         return report;
+    }
+    Reputation::BackupReport backUpReputations() override {
+        ++reputationBackups;
+        return reputationReport;
     }
     RestorePreview previewRestore(std::string const& path) override {
         paths.push_back(path);
@@ -39,10 +46,15 @@ struct FakeServices : public AdminServices {
         return restoring(progress);
     }
     bool acceptEmpty() override { return changes; }
+    bool acceptEmptyReputations() override { return reputationChanges; }
 
     DaemonStatus answeredStatus;
     BackupGate gate;
+    BackupGate reputationsGate;
     GreyList::BackupReport report;
+    Reputation::BackupReport reputationReport;
+    std::atomic<int> reputationBackups{0};
+    bool reputationChanges = false;
     RestorePreview preview;
     std::function<RestoreOutcome(RestoreProgress const&)> restoring = [](RestoreProgress const&) {
         return RestoreOutcome{};
@@ -58,6 +70,9 @@ class AdminHandlers : public testing::Test {
         GreyList::LoadReport::setTuples({});
         GreyList::LoadReport::setExemptions({});
         GreyList::BackupReport::set({});
+        Reputation::LoadReport::set({});
+        Reputation::BackupReport::set({});
+        (**Reputation::RefCache::instance()).clear();
         (**GreyList::TupleCache::instance()).clear();
         (**GreyList::DynamicExemptCache::instance()).clear();
         addAdminHandlers(m_services, m_dispatcher);
@@ -112,6 +127,7 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
     (**GreyList::TupleCache::instance()).add(GreyList::tuple(1), GreyList::Status(0, 0, 0));
 
     json status = ask(IPC::PduType::adminStatus);
+    EXPECT_EQ(status.erase("reputation"), 1U); // has a test of its own
     EXPECT_GE(status["uptime_seconds"], 100);
     EXPECT_LE(status["uptime_seconds"], 160);
     status.erase("uptime_seconds");
@@ -164,6 +180,7 @@ TEST_F(AdminHandlers, BytesThatAreNotUtf8DoNotSpoilAnAnswer) {
 
 TEST_F(AdminHandlers, ABackupAnswersItsNumbers) {
     m_services.report = {{true, true, 1000, 40, 1, 1500, ""}, 16, 2};
+    m_services.reputationReport = {{true, true, 1001, 41, 3, 1700, ""}, 120, 10};
     EXPECT_EQ(ask(IPC::PduType::adminBackup), json({{"accepted", true},
                                                     {"started", 1000},
                                                     {"milliseconds", 40},
@@ -171,8 +188,20 @@ TEST_F(AdminHandlers, ABackupAnswersItsNumbers) {
                                                     {"exemptions", 2},
                                                     {"left_out", 1},
                                                     {"bytes", 1500},
-                                                    {"problem", ""}}));
+                                                    {"problem", ""},
+                                                    {"reputation",
+                                                     {{"accepted", true},
+                                                      {"started", 1001},
+                                                      {"milliseconds", 41},
+                                                      {"records", 120},
+                                                      {"addresses", 10},
+                                                      {"left_out", 3},
+                                                      {"bytes", 1700},
+                                                      {"problem", ""}}}}));
     EXPECT_EQ(m_services.backups, 1);
+    EXPECT_EQ(m_services.reputationBackups, 1);
+    EXPECT_TRUE(m_log.waitForNote("administration: backup of 120 hours of sender reputation of 10 addresses handed "
+                                  "over"));
     EXPECT_TRUE(m_log.waitForNote("administration: backup of 16 tuples and 2 exemptions handed over"));
 }
 
@@ -188,6 +217,83 @@ TEST_F(AdminHandlers, WhileTheGateIsShutNoBackupBegins) {
     m_services.gate = {false, "row 17 of grey_list"};
     EXPECT_EQ(ask(IPC::PduType::adminBackup), json({{"error", "backups are off: row 17 of grey_list"}}));
     EXPECT_EQ(m_services.backups, 0);
+}
+
+TEST_F(AdminHandlers, GateOfSenderReputationHoldsUpOnlyItsOwnBackup) {
+    m_services.report = {{true, true, 1000, 40, 1, 1500, ""}, 16, 2};
+    m_services.reputationsGate = {false, "row 3 of sender_reputation"};
+    json const answer = ask(IPC::PduType::adminBackup);
+    EXPECT_EQ(answer.at("accepted"), true);
+    EXPECT_EQ(answer.at("reputation"), json({{"error", "backups are off: row 3 of sender_reputation"}}));
+    EXPECT_EQ(answer.at("error"), "sender reputation: backups are off: row 3 of sender_reputation");
+    EXPECT_EQ(m_services.backups, 1);
+    EXPECT_EQ(m_services.reputationBackups, 0);
+}
+
+TEST_F(AdminHandlers, BackupOfSenderReputationThatWasRefusedIsAnError) {
+    m_services.report = {{true, true, 1000, 40, 1, 1500, ""}, 16, 2};
+    m_services.reputationReport.problem = "the daemon cannot be reached";
+    json const answer = ask(IPC::PduType::adminBackup);
+    EXPECT_EQ(answer.at("error"), "sender reputation: the daemon cannot be reached");
+    EXPECT_EQ(answer.at("reputation").at("error"), "the daemon cannot be reached");
+}
+
+TEST_F(AdminHandlers, StatusTellsOfSenderReputation) {
+    Reputation::LoadReport load;
+    load.attempted = true;
+    load.problem = "row 3 of sender_reputation";
+    Reputation::LoadReport::set(load);
+    m_services.reputationsGate = {false, "row 3 of sender_reputation"};
+    Reputation::BackupReport::set({{true, false, 1000, 40, 1, 1500, "no answer"}, 120, 10});
+    (**Reputation::RefCache::instance()).find(IPAddress(std::string("192.0.2.1")));
+    EXPECT_EQ(
+        ask(IPC::PduType::adminStatus).at("reputation"),
+        json({{"entries",
+               {{"size", 1},
+                {"capacity", 10000},
+                {"load",
+                 {{"attempted", true}, {"loaded", false}, {"rows", 0}, {"problem", "row 3 of sender_reputation"}}}}},
+              {"backup",
+               {{"allowed", false},
+                {"reason", "row 3 of sender_reputation"},
+                {"last",
+                 {{"accepted", false},
+                  {"started", 1000},
+                  {"milliseconds", 40},
+                  {"records", 120},
+                  {"addresses", 10},
+                  {"left_out", 1},
+                  {"bytes", 1500},
+                  {"problem", "no answer"}}}}}}));
+}
+
+TEST_F(AdminHandlers, ScriptOfSenderReputationIsTold) {
+    m_services.preview.ofReputation = true;
+    m_services.preview.scriptReputations = 120;
+    m_services.preview.tableReputations = 130;
+    m_services.preview.cachedAddresses = 14;
+    json const preview = ask(IPC::PduType::adminRestore, {{"path", "/r.sql"}, {"dry_run", true}});
+    EXPECT_EQ(preview.at("script").at("reputations"), 120);
+    EXPECT_EQ(preview.at("tables").at("reputations"), 130);
+    EXPECT_EQ(preview.at("caches").at("addresses"), 14);
+    m_services.restoring = [](RestoreProgress const&) {
+        RestoreOutcome outcome;
+        outcome.ofReputation = true;
+        outcome.reputations = 120;
+        return outcome;
+    };
+    EXPECT_EQ(ask(IPC::PduType::adminRestore, {{"path", "/r.sql"}}).at("loaded").at("reputations"), 120);
+    EXPECT_TRUE(m_log.waitForNote("restore of /r.sql done, 120 hours of sender reputation loaded"));
+}
+
+TEST_F(AdminHandlers, AcceptEmptyOfSenderReputationIsItsOwn) {
+    m_services.reputationChanges = true;
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty, {{"family", "reputation"}}),
+              json({{"changed", true}, {"addresses", 0}}));
+    EXPECT_TRUE(m_log.waitForNote("backups of sender reputation, 0 addresses, may now replace tables"));
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty, {{"family", "greylist"}}).at("changed"), false);
+    EXPECT_TRUE(ask(IPC::PduType::adminAcceptEmpty, {{"family", "other"}}).contains("error"));
+    EXPECT_TRUE(ask(IPC::PduType::adminAcceptEmpty, {{"family", 7}}).contains("error"));
 }
 
 TEST_F(AdminHandlers, ADryRunTellsWhatWouldBeReplacedAndReplacesNothing) {

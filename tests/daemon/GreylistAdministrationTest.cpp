@@ -7,11 +7,14 @@
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LoadReport.h"
 #include "greylist/TupleCache.h"
+#include "reputation/Cache.h"
+#include "reputation/ReputationDatabase.h"
 #include "tests/support/CapturingLogger.h"
 #include "tests/support/FakeDatabaseDaemon.h"
 #include "tests/support/GreylistConfiguration.h"
 #include "tests/support/GreylistIdentities.h"
 #include "tests/support/PrivateMariaDb.h"
+#include "tests/support/ReputationConfiguration.h"
 
 #include <gtest/gtest.h>
 
@@ -30,7 +33,9 @@ using GreyList::tuple;
 struct TestAdministration : public GreylistAdministration {
     DaemonStatus status() const override { return {}; }
     BackupGate backupGate() const override { return {}; }
+    BackupGate reputationGate() const override { return {}; }
     bool acceptEmpty() override { return false; }
+    bool acceptEmptyReputations() override { return false; }
     void cachesLoaded() override { ++loads; }
 
     int loads = 0;
@@ -44,6 +49,9 @@ class GreylistAdministrationTest : public testing::Test {
         SocketAddress const server = Database::Connection::defaultAddress();
         GreyList::GlRecordDatabase(server).createTable();
         GreyList::DynamicExemptDatabase(server).createTable();
+        Reputation::Database(server).createTable();
+        reputationConfiguration.path = directory.path() + "/reputation.sql";
+        reputations().clear();
         configuration->path = directory.path() + "/greylist.sql";
         tuples().clear();
         exemptions().clear();
@@ -52,6 +60,7 @@ class GreylistAdministrationTest : public testing::Test {
 
     static GreyList::_TupleCache& tuples() { return **GreyList::TupleCache::instance(); }
     static GreyList::_DynamicExemptCache& exemptions() { return **GreyList::DynamicExemptCache::instance(); }
+    static Reputation::Cache& reputations() { return **Reputation::RefCache::instance(); }
     static std::uint32_t size(auto const& cache) {
         SharedLock const hold(cache.lock);
         return cache.sizeNoLock();
@@ -86,6 +95,7 @@ class GreylistAdministrationTest : public testing::Test {
     TemporaryDirectory directory;
     FakeDatabaseDaemon databaseDaemon;
     GreyList::InstalledConfiguration configuration;
+    Reputation::InstalledConfiguration reputationConfiguration;
     TestAdministration administration;
 };
 
@@ -118,6 +128,45 @@ TEST_F(GreylistAdministrationTest, ABackupThatCannotBeWrittenSaysWhy) {
     EXPECT_FALSE(report.accepted);
     EXPECT_NE(report.problem.find("No such file or directory"), std::string::npos) << report.problem;
     EXPECT_EQ(scriptsHandedOver(), 0);
+}
+
+// What was counted since is forgotten, as it is in the tables: the next backup would bring it back otherwise.
+TEST_F(GreylistAdministrationTest, ReputationIsBackedUpAndRestoredByItsOwnScript) {
+    tuples().add(tuple(1), Status(100, 200, 0));
+    IPAddress const client(std::string("192.0.2.1"));
+    reputations().entry(client)->add(5, Reputation::Entry::Record(1, 2, 3, 4, 5));
+    Reputation::BackupReport const report = administration.backUpReputations();
+    EXPECT_TRUE(report.accepted) << report.problem;
+    EXPECT_EQ(report.records, 1U);
+    EXPECT_EQ(report.addresses, 1U);
+    std::string const path = reputationConfiguration.path;
+    reputations().entry(client)->add(6, Reputation::Entry::Record(9, 9, 9, 9, 9));
+    reputations().find(IPAddress(std::string("192.0.2.2")));
+
+    RestorePreview const preview = administration.previewRestore(path);
+    EXPECT_TRUE(preview.ofReputation);
+    EXPECT_TRUE(preview.complete);
+    EXPECT_EQ(preview.scriptReputations, 1U);
+    EXPECT_EQ(preview.tableReputations, 0U);
+    EXPECT_EQ(preview.cachedAddresses, 2U);
+    EXPECT_EQ(preview.newest, 0);
+
+    RestoreOutcome const outcome = administration.restore(path, nullptr);
+    EXPECT_TRUE(outcome.ofReputation);
+    EXPECT_EQ(outcome.reputations, 1U);
+    EXPECT_EQ(outcome.loadProblem, "");
+    EXPECT_EQ(size(reputations()), 1U);
+    SharedLock const hold(Reputation::Entry::s_lock);
+    EXPECT_EQ(reputations().entry(client)->records().size(), 1U);
+    EXPECT_EQ(size(tuples()), 1U) << "the greylist is not touched";
+}
+
+TEST_F(GreylistAdministrationTest, ReputationBackupThatCannotBeMadeSaysWhy) {
+    reputationConfiguration.path.clear();
+    Reputation::BackupReport const report = administration.backUpReputations();
+    EXPECT_TRUE(report.attempted);
+    EXPECT_FALSE(report.accepted);
+    EXPECT_NE(report.problem.find("none is set"), std::string::npos) << report.problem;
 }
 
 TEST_F(GreylistAdministrationTest, APreviewComparesTheScriptWithWhatIsThere) {

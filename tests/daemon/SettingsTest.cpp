@@ -47,6 +47,7 @@ std::string described(Settings const& s) {
         << ' ' << g.backup << ' ' << g.autoExemptAfter << '\n';
     out << g.deferText << '\n' << g.header << " [" << g.hostName << "] [" << g.rules << "]\n";
     out << g.folding.extension << g.folding.bounceDigits << g.folding.lowercaseLocalPart << '\n';
+    out << s.reputation.backup << '\n';
     out << s.rateControl.maxSenders << '\n';
     return out.str();
 }
@@ -61,6 +62,7 @@ constexpr char const* defaults = "syslog\n1\n"
                                  "1 5 48 36 1000000 1 5\n"
                                  "Greylisted, please try again in %SECONDS% seconds\n1 [] []\n"
                                  "110\n"
+                                 "1\n"
                                  "100000\n";
 
 TEST(Settings, AnEmptyFileMeansTheDefaults) {
@@ -75,8 +77,8 @@ TEST(Settings, TheExampleHasEveryKey) {
     std::ifstream file(VELLUM_SOURCE_DIR "/packaging/vellumd.toml");
     std::stringstream text;
     text << file.rdbuf();
-    for (char const* section :
-         {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist", "rate_control", "endpoint"}) {
+    for (char const* section : {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist",
+                                "reputation", "rate_control", "endpoint"}) {
         std::string error = errorOf("[" + std::string(section) + "]\nnonsense = 1\n");
         ASSERT_NE(error.find("expected "), std::string::npos) << error;
         std::istringstream keys(error.substr(error.find("expected ") + 9));
@@ -135,6 +137,8 @@ rules = "../rules.toml"
 fold_extension = false
 fold_bounce_digits = false
 lowercase_local_part = true
+[reputation]
+backup = false
 [rate_control]
 max_senders = 17
 )";
@@ -148,6 +152,7 @@ max_senders = 17
                                       "0 0 23 1 1 0 0\n"
                                       "100 %, %SECONDS%%SECONDS% %\n0 [mx.example.com] [/etc/vellum/../rules.toml]\n"
                                       "001\n"
+                                      "0\n"
                                       "17\n");
     EXPECT_EQ(parse(text).ipc.users, (std::set<uid_t>{0, 12345}));
 }
@@ -156,6 +161,7 @@ TEST(Settings, StateFilesAreInItsDirectory) {
     StateSettings const state{.directory = "/s", .pidFile = {}};
     EXPECT_EQ(state.greylistScript(), "/s/greylist.sql");
     EXPECT_EQ(state.endpointScript(), "/s/endpoint.sql");
+    EXPECT_EQ(state.reputationScript(), "/s/reputation.sql");
     EXPECT_EQ(state.lockFile(), "/s/vellumd.lock");
 }
 
@@ -172,11 +178,11 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
     };
     std::vector<Case> const cases = {
         {"x = 1\n", "1: unknown key \"x\": expected database, database_daemon, endpoint, greylist, ipc, log, policy, "
-                    "rate_control, "
+                    "rate_control, reputation, "
                     "state"},
         {"\n[grey_list]\n",
          "2: unknown key \"grey_list\": expected database, database_daemon, endpoint, greylist, ipc, log, "
-         "policy, rate_control, state"},
+         "policy, rate_control, reputation, state"},
         {"[log]\nlevel = 3\n", "2: [log] unknown key \"level\": expected decisions, target"},
         {"[log]\ntarget = \"sylog\"\n", "2: [log] target = \"sylog\": expected \"syslog\", \"stderr\" or the path of "
                                         "a file, with a slash in it"},
@@ -225,6 +231,8 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
          "2: [greylist] unknown key \"fold_digits\": expected auto_exempt_after, backup, defer_text, delay_minutes, "
          "enabled, first_life_hours, fold_bounce_digits, fold_extension, header, host_name, life_days, "
          "lowercase_local_part, max_records, rules"},
+        {"[reputation]\nbackup = 1\n", "2: [reputation] backup = 1: expected true or false"},
+        {"[reputation]\nmax_records = 1\n", "2: [reputation] unknown key \"max_records\": expected backup"},
         {"[rate_control]\nmax_senders = 0\n", "2: [rate_control] max_senders = 0: expected 1 to 100000000"},
         {"[rate_control]\nmax_senders = 100000001\n",
          "2: [rate_control] max_senders = 100000001: expected 1 to 100000000"},

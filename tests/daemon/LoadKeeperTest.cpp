@@ -1,0 +1,105 @@
+// No backup before a load, and the load that is tried again.
+#include "daemon/LoadKeeper.h"
+
+#include "daemon/ReputationConfiguration.h"
+#include "reputation/LoadReport.h"
+#include "tests/support/ReputationTables.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace Vellum::Daemon {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+struct FakeTables {
+    KeptTables tables() {
+        return {"the tables of a test", [this] { return problem; },
+                [this] {
+                    ++loads;
+                    problem = next;
+                }};
+    }
+    std::string problem = "row 3";
+    std::string next;
+    int loads = 0;
+};
+
+TEST(LoadKeeper, BackupsAreOffUntilALoadThatIsTriedAgainSucceeds) {
+    CapturingLogger log;
+    FakeTables fake;
+    int told = 0;
+    LoadKeeper keeper(fake.tables(), [&told] { ++told; });
+    EXPECT_FALSE(keeper.mayBackUp());
+    EXPECT_EQ(keeper.problem(), "row 3");
+    fake.next = "row 4";
+    keeper.tryAgain();
+    EXPECT_FALSE(keeper.mayBackUp());
+    EXPECT_TRUE(log.notes().empty());
+    fake.next.clear();
+    keeper.tryAgain();
+    EXPECT_TRUE(keeper.mayBackUp());
+    EXPECT_THAT(log.notes(),
+                ElementsAre("the tables of a test that could not be loaded are loaded now: backups are on again"));
+    EXPECT_EQ(told, 1);
+    keeper.tryAgain();
+    EXPECT_EQ(fake.loads, 2) << "not again";
+}
+
+TEST(LoadKeeper, AcceptanceHoldsForTheProblemThatItWasGivenFor) {
+    FakeTables fake;
+    LoadKeeper keeper(fake.tables());
+    EXPECT_TRUE(keeper.accept());
+    EXPECT_TRUE(keeper.mayBackUp());
+    EXPECT_FALSE(keeper.accept()) << "it was on already";
+    keeper.tryAgain();
+    EXPECT_EQ(fake.loads, 0);
+    fake.problem = "row 4";
+    EXPECT_FALSE(keeper.mayBackUp());
+    fake.problem.clear();
+    EXPECT_FALSE(keeper.accept()) << "nothing to accept";
+}
+
+class ReputationLoadTest : public Reputation::ReputationTables {};
+
+TEST_F(ReputationLoadTest, WithoutAnyLoadBackupsAreOff) {
+    EXPECT_EQ(reputationTables().problem(), "the tables of sender reputation could not be loaded: no load was tried "
+                                            "yet");
+    read();
+    EXPECT_EQ(reputationTables().problem(), "");
+    run({"drop table sender_reputation"});
+    read();
+    EXPECT_THAT(reputationTables().problem(), HasSubstr("sender_reputation' doesn't exist"));
+}
+
+// The daemon counts on while it waits for the database; a load must not take that back, nor count anything twice.
+TEST_F(ReputationLoadTest, WhatWasCountedMeanwhileStaysBesideWhatIsLoaded) {
+    run({"insert into sender_reputation values ('192.0.2.1', 5, 10, 10, 0, 0, 7), ('192.0.2.1', 6, 1, 1, 1, 1, 1)",
+         "insert into sender_reputation_state values ('192.0.2.1', 2)"});
+    m_cache.entry(Reputation::ip("192.0.2.1"))->add(5, Reputation::Entry::Record(3, 12, 1, 0, 0));
+    m_cache.entry(Reputation::ip("192.0.2.2"))->add(7, Reputation::Entry::Record(1, 2, 0, 0, 1));
+    reputationTables().loadAgain();
+    EXPECT_THAT(held(), ElementsAre("192.0.2.1 2: 5=10/12/1/0/7 6=1/1/1/1/1", "192.0.2.2 0: 7=1/2/0/0/1"));
+    EXPECT_EQ(reputationTables().problem(), "");
+}
+
+TEST(ReputationConfiguration, AllowsABackupWhenSettingsAndCacheDo) {
+    bool may = false;
+    {
+        ReputationConfiguration configuration({}, "/s/reputation.sql", [&may] { return may; });
+        EXPECT_EQ(Reputation::Configuration::instance(), &configuration);
+        EXPECT_EQ(configuration.backupPath(), "/s/reputation.sql");
+        EXPECT_FALSE(configuration.backupEnabled());
+        may = true;
+        EXPECT_TRUE(configuration.backupEnabled());
+        configuration.change({.backup = false});
+        EXPECT_FALSE(configuration.backupEnabled());
+        configuration.backupDone();
+    }
+    EXPECT_EQ(Reputation::Configuration::s_instance, nullptr);
+}
+
+} // namespace
+} // namespace Vellum::Daemon
