@@ -3,6 +3,7 @@
 #include "foundation/Exception.h"
 #include "foundation/Utf8.h"
 #include "tools/vellumctl/ArgumentChecks.h"
+#include "tools/vellumctl/EndpointArguments.h"
 #include "tools/vellumctl/Failure.h"
 #include "tools/vellumctl/HelpTexts.h"
 #include "tools/vellumctl/RateArguments.h"
@@ -84,6 +85,7 @@ class Parser {
         addPlain("status", "Show how the daemon, its caches and its backups are", Command::status, "");
         addGreylist();
         addRate();
+        addEndpoint();
         addPlain("backup", "Save the caches now", Command::backup, HelpText::backup);
         addRestore();
     }
@@ -119,12 +121,16 @@ class Parser {
     CLI::App* addLeaf(CLI::App& parent, std::string const& name, std::string const& text, Command kind,
                       std::string const& footer) {
         CLI::App* const command = add(parent, name, text, footer);
-        std::string const whole = (&parent == &m_app ? "" : parent.get_name() + " ") + name;
+        std::string const whole = pathOf(parent) + name;
         command->callback([this, kind, whole] {
             m_arguments.command = kind;
             m_arguments.name = whole;
         });
         return command;
+    }
+    // "endpoint blacklist " of that command; "" of the whole line.
+    std::string pathOf(CLI::App& command) const {
+        return &command == &m_app ? "" : pathOf(*command.get_parent()) + command.get_name() + " ";
     }
     void addPlaceOptions(CLI::App& command) {
         if (&command == &m_app) {
@@ -168,6 +174,57 @@ class Parser {
         show.add_option("SENDER", m_rate.sender, "The mailbox; <> for the null sender")->required()->type_name("");
         show.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
         addPlaceOptions(show);
+    }
+    void addEndpoint() {
+        CLI::App& endpoint = *add(m_app, "endpoint", "Mobile subscribers: counts, scores and lists", "");
+        endpoint.require_subcommand(1);
+        CLI::App& list = *addLeaf(endpoint, "list", "List the subscribers in the daemon's memory",
+                                  Command::endpointList, HelpText::endpointList);
+        list.add_option("--number", m_endpoint.pattern, "Only numbers that match")->type_name("PATTERN");
+        list.add_flag("--blacklisted", m_endpoint.blacklisted, "Only those that are automatically blacklisted now");
+        list.add_flag("--scored", m_endpoint.scored, "Only those with a score");
+        addShapeOptions(list, "number, score or expiry");
+        CLI::App& show = *addLeaf(endpoint, "show", "Show one subscriber", Command::endpointShow, "");
+        show.add_option("NUMBER", m_endpoint.number, "Digits; a + may come first")->required()->type_name("");
+        addPlaceOptions(show);
+        CLI::App& remove = *addLeaf(endpoint, "remove", "Forget what was counted of a subscriber",
+                                    Command::endpointRemove, HelpText::endpointRemove);
+        remove.add_option("NUMBER", m_endpoint.number, "Digits; a + may come first")->required()->type_name("");
+        addPlaceOptions(remove);
+        addPlaceOptions(*addLeaf(endpoint, "reload", "Load the cache and both lists from the tables again",
+                                 Command::endpointReload, HelpText::endpointReload));
+        addEndpointList(endpoint, "blacklist", "Numbers that are always treated as bad", EndpointList::blacklist);
+        addEndpointList(endpoint, "exempt", "Numbers that are never scored", EndpointList::exempt);
+        CLI::App& scores = *addLeaf(endpoint, "scores", "Have the daemon dump its scores into their table, and show it",
+                                    Command::endpointScores, HelpText::endpointScores);
+        scores.add_option("--limit", m_words.limit, "Show so many at most")->type_name("N");
+        scores.add_option("--sort", m_words.sort, "Sort by score, expiry or number, ascending")->type_name("KEY");
+        scores.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
+        addDatabaseOptions(scores);
+    }
+    void addEndpointList(CLI::App& endpoint, std::string const& name, std::string const& text, EndpointList which) {
+        CLI::App& group = *add(endpoint, name, text, "");
+        group.require_subcommand(1);
+        auto const addChange = [&](std::string const& verb, std::string const& what, Command kind) {
+            CLI::App& leaf = *addLeaf(group, verb, what, kind, HelpText::endpointLists);
+            leaf.add_option("NUMBER", m_endpoint.numbers, "Digits; a + may come first")->required()->type_name("");
+            addDatabaseOptions(leaf);
+            leaf.preparse_callback([this, which](std::size_t) { m_arguments.namedList = which; });
+        };
+        addChange("add", "Put numbers on the list", Command::endpointListAdd);
+        addChange("remove", "Take numbers off the list", Command::endpointListRemove);
+        CLI::App& show = *addLeaf(group, "list", "Show the list, as it stands in its table", Command::endpointListShow,
+                                  HelpText::endpointLists);
+        show.preparse_callback([this, which](std::size_t) { m_arguments.namedList = which; });
+        show.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
+        addDatabaseOptions(show);
+    }
+    void addDatabaseOptions(CLI::App& leaf) {
+        leaf.add_option("--settings", m_endpoint.settings,
+                        "The daemon's settings file, for the account of the database")
+            ->type_name("FILE")
+            ->capture_default_str();
+        addPlaceOptions(leaf);
     }
     void addList(CLI::App& greylist) {
         CLI::App& list = *addLeaf(greylist, "list", "List the tuples: network, sender, recipient, and their times",
@@ -221,23 +278,43 @@ class Parser {
         }
         all.place.ipv6 = m_words.ipv6;
         bool const quick = all.command == Command::list || all.command == Command::status ||
-                           all.command == Command::rateList || all.command == Command::rateShow;
+                           all.command == Command::rateList || all.command == Command::rateShow ||
+                           all.command == Command::endpointList || all.command == Command::endpointShow ||
+                           all.command == Command::endpointRemove;
         std::uint64_t const seconds = m_words.timeout.empty()
                                           ? (quick ? timeoutOfListings : timeoutOfDatabaseWork)
                                           : wholeNumber("--timeout", m_words.timeout, 1, longestTimeout);
         all.place.timeout = std::chrono::seconds(seconds);
         all.json = m_words.json;
+        checkEndpoints(all);
         if (all.command == Command::list) {
             checkList(all.list);
         } else if (all.command == Command::rateList) {
             all.rateList = rateListRequest(m_rate, {m_words.limit, m_words.sort, m_words.reverse}, rateStyle());
         } else if (all.command == Command::rateShow) {
             all.rateShow = rateShowRequest(m_rate, rateStyle());
+        } else if (all.command == Command::endpointList) {
+            all.endpointList =
+                endpointListRequest(m_endpoint, {m_words.limit, m_words.sort, m_words.reverse}, endpointStyle());
+        } else if (all.command == Command::endpointScores) {
+            all.endpointScores = endpointScoresRequest({m_words.limit, m_words.sort, false}, endpointStyle());
         } else if (all.command == Command::restore) {
             all.path = absolutePath(m_words.path);
             all.yes = m_words.yes;
         }
     }
+    // What several of the endpoint commands take.
+    void checkEndpoints(Arguments& all) const {
+        all.endpointStyle = endpointStyle();
+        all.settings = m_endpoint.settings;
+        if (all.command == Command::endpointShow || all.command == Command::endpointRemove) {
+            all.endpoints = {subscriberNumber(m_endpoint.number)};
+        }
+        for (std::string const& number : m_endpoint.numbers) {
+            all.endpoints.push_back(subscriberNumber(number));
+        }
+    }
+    EndpointStyle endpointStyle() const { return {m_words.json, !m_words.noHeader, std::time(nullptr)}; }
     RateStyle rateStyle() const { return {m_words.json, !m_words.noHeader, std::time(nullptr)}; }
     void checkList(ListRequest& list) {
         list.style.listed = m_exemptions->parsed() ? Listed::exemptions : Listed::tuples;
@@ -265,6 +342,7 @@ class Parser {
     CLI::App* m_exemptions = nullptr; // owned by m_app
     Words m_words;
     RateWords m_rate;
+    EndpointWords m_endpoint;
     Arguments m_arguments;
 };
 

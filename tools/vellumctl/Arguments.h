@@ -2,16 +2,36 @@
 #pragma once
 
 #include "tools/vellumctl/DaemonConnection.h"
+#include "tools/vellumctl/EndpointCommands.h"
+#include "tools/vellumctl/EndpointLists.h"
 #include "tools/vellumctl/ListCommand.h"
 #include "tools/vellumctl/RateCommands.h"
 
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace Vellum::Tools {
 
-enum class Command { status, list, reload, acceptEmpty, backup, restore, rateList, rateShow };
+enum class Command {
+    status,
+    list,
+    reload,
+    acceptEmpty,
+    backup,
+    restore,
+    rateList,
+    rateShow,
+    endpointList,
+    endpointShow,
+    endpointRemove,
+    endpointReload,
+    endpointScores,
+    endpointListAdd,
+    endpointListRemove,
+    endpointListShow,
+};
 
 struct Arguments {
     Command command = Command::status;
@@ -23,6 +43,13 @@ struct Arguments {
     bool yes = false;         // of Command::restore
     RateListRequest rateList; // of Command::rateList
     RateShowRequest rateShow; // of Command::rateShow
+
+    EndpointListRequest endpointList;                 // of Command::endpointList
+    EndpointScoresRequest endpointScores;             // of Command::endpointScores
+    EndpointStyle endpointStyle;                      // of the other endpoint commands
+    std::vector<std::string> endpoints;               // subscriber numbers, of those that take any
+    EndpointList namedList = EndpointList::blacklist; // of Command::endpointListAdd, ...Remove, ...Show
+    std::string settings;                             // path, of the endpoint commands that need the database
 };
 
 // Nothing when the command line asked for help or the version, which is then written to `out`.

@@ -64,6 +64,38 @@ inline constexpr char const* rateShow =
     "JSON: an object with sender, periods (an array of objects with from, seconds since the epoch, and counts,\n"
     "five numbers) and totals (five numbers).";
 
+inline constexpr char const* endpointList =
+    "SCORE is the number of spam and infected messages of the scoring window. BLACKLISTED UNTIL is the automatic\n"
+    "blacklisting; a time that is over stays until the subscriber is met again. Subscribers of whom nothing was\n"
+    "counted lately are not in memory. The administrator's lists are shown by \"endpoint blacklist list\" and\n"
+    "\"endpoint exempt list\".\n"
+    "\n"
+    "PATTERN: * is any run of characters, ? any one character, /expression/ a regular expression found\n"
+    "anywhere.\n"
+    "\n"
+    "JSON: an array of objects with number, score, expiry (seconds since the epoch, or 0). When the connection\n"
+    "breaks, the array is left open.";
+
+inline constexpr char const* endpointRemove =
+    "Counts and automatic blacklisting are forgotten; the administrator's lists stay as they are. The tables\n"
+    "follow with the next backup.";
+
+inline constexpr char const* endpointReload =
+    "For tables that were changed by somebody else. What was counted since the last backup is lost. A table\n"
+    "that cannot be read is named in the daemon's log; backups of endpoints then stay off, and loading is tried\n"
+    "again every minute.";
+
+inline constexpr char const* endpointLists =
+    "The lists stand in the database, and the daemon is told to read them again. The account of the database is\n"
+    "taken from the daemon's settings file, so whoever may read that may change the lists.\n"
+    "\n"
+    "JSON of list: an array of numbers.";
+
+inline constexpr char const* endpointScores =
+    "The daemon dumps at most once in 300 seconds; in between the last dump is shown.\n"
+    "\n"
+    "JSON: as of \"endpoint list\".";
+
 inline constexpr char const* reload =
     "For tables that were changed by somebody else. What is in memory only is lost. A table that cannot be\n"
     "read leaves its cache as it was, and the row that is to blame is named; backups then stay off until a\n"

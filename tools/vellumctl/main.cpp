@@ -1,4 +1,5 @@
-// The administrator's hand on the state daemon. It knows of it what port 29001 tells, and nothing else.
+// The administrator's hand on the state daemon. It knows of it what port 29001 and the exported C functions tell, and
+// reads one list of the database for which there is no such function.
 #include "tools/vellumctl/AdminCommands.h"
 #include "tools/vellumctl/Arguments.h"
 #include "tools/vellumctl/Failure.h"
@@ -10,9 +11,49 @@
 namespace Vellum::Tools {
 namespace {
 
+// The endpoint commands that speak to the daemon alone.
+void runEndpoint(DaemonConnection& daemon, Arguments const& arguments, Output& output, ProgressBar& bar) {
+    switch (arguments.command) {
+    case Command::endpointList:
+        listEndpoints(daemon, arguments.endpointList, output, bar);
+        break;
+    case Command::endpointShow:
+        showEndpoint(daemon, arguments.endpoints.front(), arguments.endpointStyle, output);
+        break;
+    case Command::endpointRemove:
+        removeEndpoint(daemon, arguments.endpoints.front(), output);
+        break;
+    default:
+        reloadEndpoints(daemon, output);
+    }
+}
+
+void runEndpoint(Arguments const& arguments, Output& output, ProgressBar& bar) {
+    EndpointPlaces const places{arguments.place, arguments.settings};
+    switch (arguments.command) {
+    case Command::endpointScores:
+        showEndpointScores(places, arguments.endpointScores, output);
+        break;
+    case Command::endpointListAdd:
+        addToEndpointList(places, arguments.namedList, arguments.endpoints, output);
+        break;
+    case Command::endpointListRemove:
+        removeFromEndpointList(places, arguments.namedList, arguments.endpoints, output);
+        break;
+    case Command::endpointListShow:
+        showEndpointList(places, arguments.namedList, arguments.endpointStyle, output);
+        break;
+    default: {
+        DaemonConnection daemon(arguments.place);
+        runEndpoint(daemon, arguments, output, bar);
+    }
+    }
+}
+
 void run(Arguments const& arguments) {
     Output output(STDOUT_FILENO);
-    bool const lists = arguments.command == Command::list || arguments.command == Command::rateList;
+    bool const lists = arguments.command == Command::list || arguments.command == Command::rateList ||
+                       arguments.command == Command::endpointList;
     ProgressBar bar(standardErrorTerminal(), lists ? "records" : "bytes");
     if (::isatty(STDOUT_FILENO) != 0) {
         output.beforeWriting([&bar] { bar.erase(); });
@@ -49,6 +90,8 @@ void run(Arguments const& arguments) {
     case Command::restore:
         commands.restore({arguments.path, arguments.yes}, bar);
         break;
+    default:
+        runEndpoint(arguments, output, bar);
     }
 }
 
