@@ -1,6 +1,7 @@
 #include "foundation/LogSinks.h"
 
 #include "foundation/Exception.h"
+#include "foundation/LogLineFormatter.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -12,8 +13,6 @@
 
 namespace Vellum {
 namespace {
-
-constexpr char linePattern[] = "%Y-%m-%dT%H:%M:%S.%e%z %n[%P] %l: %v";
 
 constexpr char syslogText[] = "syslog";
 constexpr char standardErrorText[] = "stderr";
@@ -42,7 +41,7 @@ std::shared_ptr<spdlog::sinks::sink> openSink(LogTarget const& target, std::stri
         sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(target.path);
         break;
     }
-    sink->set_pattern(linePattern);
+    sink->set_formatter(std::make_unique<LogLineFormatter>(ident));
     return sink;
 }
 
