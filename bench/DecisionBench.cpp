@@ -5,6 +5,7 @@
 // For each size the two caches answer the same sequences of the same identities, in turns, and the medians of the turns
 // are printed: known tuples at random, new ones with eviction of the oldest, and a mix of 90 and 10 %; from 1 and 2
 // threads. Bytes per tuple are all-in: what the process's heap grew by, divided by the tuples held.
+#include "foundation/HugePages.h"
 #include "foundation/Logger.h"
 #include "greylist/Configuration.h"
 #include "greylist/TupleCache.h"
@@ -225,6 +226,7 @@ void compare(std::size_t tuples, bool json) {
 } // namespace
 
 int main(int argc, char** argv) {
+    useHugePages(argv); // as vellumd does
     SilentLogger silent;
     Logger::install(&silent);
     bool json = false;

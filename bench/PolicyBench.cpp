@@ -5,6 +5,7 @@
 // whatever else the machine does falls on all of them alike.
 #include "bench/Contenders.h"
 #include "bench/PolicyLoad.h"
+#include "foundation/HugePages.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -162,5 +163,6 @@ int benchMain(int argc, char** argv) {
 } // namespace Vellum::Bench
 
 int main(int argc, char** argv) {
+    Vellum::useHugePages(argv); // as vellumd does; its servers are forks of this process
     return Vellum::Bench::benchMain(argc, argv);
 }

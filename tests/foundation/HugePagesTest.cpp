@@ -1,0 +1,52 @@
+#include "foundation/HugePages.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Vellum {
+namespace {
+
+constexpr int returned = 3; // exit status of a child in which useHugePages() came back
+constexpr char const* startedAs = "HUGE_PAGES_TEST_STARTED_AS";
+constexpr char const* expected = "glibc.malloc.hugetlb=1";
+
+// Exit status of a child that calls it with `tunables` in its environment (null: unset), to run the first test below.
+int statusOfChild(char const* tunables) {
+    pid_t const child = fork();
+    if (child == 0) {
+        setenv(startedAs, std::to_string(getpid()).c_str(), 1);
+        unsetenv("GTEST_OUTPUT");
+        tunables == nullptr ? unsetenv("GLIBC_TUNABLES") : setenv("GLIBC_TUNABLES", tunables, 1);
+        std::string program = "foundation_tests";
+        std::string filter = "--gtest_filter=HugePages.TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess";
+        char* argv[] = {program.data(), filter.data(), nullptr};
+        useHugePages(argv);
+        _exit(returned);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status));
+    return WEXITSTATUS(status);
+}
+
+TEST(HugePages, TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess) {
+    if (char const* const process = std::getenv(startedAs)) { // this is the program that was started again
+        ASSERT_NE(std::getenv("GLIBC_TUNABLES"), nullptr);
+        EXPECT_STREQ(std::getenv("GLIBC_TUNABLES"), expected);
+        EXPECT_EQ(std::to_string(getpid()), process);
+    } else {
+        EXPECT_EQ(statusOfChild(nullptr), 0);
+    }
+}
+
+TEST(HugePages, WhoeverHasSetTheTunablesIsLeftAlone) {
+    EXPECT_EQ(statusOfChild(""), returned);
+    EXPECT_EQ(statusOfChild(expected), returned);
+    EXPECT_EQ(statusOfChild("glibc.malloc.tcache_count=7"), returned);
+}
+
+} // namespace
+} // namespace Vellum
