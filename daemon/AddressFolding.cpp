@@ -5,7 +5,7 @@
 #include "foundation/MailboxSyntax.h"
 
 #include <algorithm>
-#include <iterator>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,7 +13,9 @@ namespace Vellum::Daemon {
 namespace {
 
 void appendLower(std::string& out, std::string_view text) {
-    std::transform(text.begin(), text.end(), std::back_inserter(out), lowerAscii);
+    auto const begin = static_cast<std::ptrdiff_t>(out.size());
+    out += text;
+    std::transform(out.begin() + begin, out.end(), out.begin() + begin, lowerAscii);
 }
 
 // user+extension without the extension; "+x" alone has no user before it.
@@ -33,24 +35,19 @@ struct Folder {
     AddressFolding const& settings;
     bool isSender;
 
-    EmailAddress const& fold(EmailAddress const& address, EmailAddress& room) const {
-        std::string const& text = address.address();
-        if (!mayFold(text)) {
+    std::string_view fold(std::string_view address, std::string& room) const {
+        if (!mayFold(address)) {
             return address;
         }
-        std::string folded;
-        folded.reserve(text.size());
-        append(folded, text);
-        if (folded == text) {
-            return address;
-        }
-        room = EmailAddress::fromAddress(folded);
-        return room;
+        room.clear();
+        append(room, address);
+        return room == address ? address : room;
     }
 
-    void append(std::string& out, std::string const& address) const {
+    void append(std::string& out, std::string_view address) const {
         MailboxSyntax::Parts const parts = MailboxSyntax::split(address);
-        std::string domain;
+        thread_local std::string domain; // keeps its memory from one address to the next
+        domain.clear();
         appendLower(domain, parts.domain);
         if (parts.local.starts_with('"')) {
             out += parts.local;
@@ -84,11 +81,11 @@ struct Folder {
 
 } // namespace
 
-EmailAddress const& AddressFolding::sender(EmailAddress const& address, EmailAddress& room) const {
+std::string_view AddressFolding::sender(std::string_view address, std::string& room) const {
     return Folder{*this, true}.fold(address, room);
 }
 
-EmailAddress const& AddressFolding::recipient(EmailAddress const& address, EmailAddress& room) const {
+std::string_view AddressFolding::recipient(std::string_view address, std::string& room) const {
     return Folder{*this, false}.fold(address, room);
 }
 

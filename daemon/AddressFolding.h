@@ -36,8 +36,6 @@
 // A quoted local part is left as it is. Nothing here ever makes a null address of another, or the reverse.
 #pragma once
 
-#include "foundation/EmailAddress.h"
-
 #include <string>
 #include <string_view>
 
@@ -48,10 +46,11 @@ struct AddressFolding {
     bool bounceDigits = true;
     bool lowercaseLocalPart = false;
 
-    // The folded address: `address` itself when there is nothing to fold, else one made in `room`, which lives as long
-    // as the result is used. Costs an allocation only when something is folded.
-    EmailAddress const& sender(EmailAddress const& address, EmailAddress& room) const;
-    EmailAddress const& recipient(EmailAddress const& address, EmailAddress& room) const;
+    // The folded form of an EmailAddress::address(): `address` itself when there is nothing to fold, else a text made
+    // in `room`, which lives as long as the result is used. `room` may be used again for the next address; then it
+    // seldom needs new memory.
+    std::string_view sender(std::string_view address, std::string& room) const;
+    std::string_view recipient(std::string_view address, std::string& room) const;
 
     bool operator==(AddressFolding const&) const = default;
 };

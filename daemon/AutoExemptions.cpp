@@ -2,6 +2,7 @@
 
 #include "daemon/LogValue.h"
 #include "foundation/Logger.h"
+#include "foundation/MailboxSyntax.h"
 #include "greylist/Configuration.h"
 
 #include <algorithm>
@@ -15,18 +16,19 @@ using GreyList::DynamicExemptId;
 using GreyList::RefConfiguration;
 using GreyList::Status;
 using GreyList::TupleId;
+using GreyList::TupleParts;
 
 constexpr std::size_t longestDomain = 128; // octets; the width of the table's column
 constexpr long secondsPerDay = 86400;
 constexpr long secondsPerHour = 3600;
 
-std::uint64_t hashOf(TupleId const& tuple) {
+std::uint64_t hashOf(TupleParts const& tuple) {
     std::hash<std::string_view> const hash;
-    return hash(tuple->senderAddress()) * 0x9e3779b97f4a7c15ULL + hash(tuple->recipientAddress());
+    return hash(tuple.sender) * 0x9e3779b97f4a7c15ULL + hash(tuple.recipient);
 }
 
-std::string domainOf(TupleId const& tuple) {
-    return std::string(EmailAddress::fromAddress(tuple->senderAddress()).domain());
+std::string_view domainOf(TupleId const& tuple) {
+    return MailboxSyntax::split(tuple->senderAddress()).domain;
 }
 
 void appendPair(std::string& line, DynamicExemptId const& pair) {
@@ -63,9 +65,9 @@ bool AutoExemptions::isPossibleFor(std::string_view domain) {
     });
 }
 
-bool AutoExemptions::countPass(IPAddressMask const& network, std::string const& domain, TupleId const& tuple,
+bool AutoExemptions::countPass(IPAddressMask const& network, std::string_view domain, TupleParts const& tuple,
                                unsigned int needed, long now) {
-    DynamicExemptId const pair(network, domain);
+    DynamicExemptId const pair(network, std::string(domain));
     if (m_counts.count(pair, hashOf(tuple), needed - 1) < needed) {
         return false;
     }
@@ -124,11 +126,11 @@ void AutoExemptions::rebuildPassCounts(unsigned int needed, long now) {
         return;
     }
     for (TupleId const& tuple : passedTuples(m_tuples, now)) {
-        std::string const domain = domainOf(tuple);
+        std::string_view const domain = domainOf(tuple);
         if (isPossibleFor(domain)) {
-            DynamicExemptId const pair(tuple->mask(), domain);
+            DynamicExemptId const pair(tuple->mask(), std::string(domain));
             if (!isHeld(pair)) {
-                m_counts.count(pair, hashOf(tuple), needed - 1);
+                m_counts.count(pair, hashOf(tuple->parts()), needed - 1);
             }
         }
     }

@@ -32,13 +32,13 @@ class AutoExemptions {
     static bool isPossibleFor(std::string_view domain);
 
     // Whether the pair is exempt at `now` (seconds since the epoch); its exemption then lives on.
-    bool isExempt(IPAddressMask const& network, std::string const& domain, long now) const {
-        return m_exemptions.exempt(network, domain, now) != 0;
+    bool isExempt(IPAddressMask const& network, std::string_view domain, long now) const {
+        return m_exemptions.exempt({network, domain}, now) != 0;
     }
     // Counts a tuple that has just passed for the first time in its life. True when `needed` different tuples of the
     // pair have passed with it and the pair is exempt from now on, which is said in the log; its count starts again, so
     // that a pair that loses its exemption has to earn it anew.
-    bool countPass(IPAddressMask const& network, std::string const& domain, GreyList::TupleId const& tuple,
+    bool countPass(IPAddressMask const& network, std::string_view domain, GreyList::TupleParts const& tuple,
                    unsigned int needed, long now);
 
     // Counts all tuples in the cache that have passed and live at `now`, those counted already excepted: after the

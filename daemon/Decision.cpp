@@ -1,6 +1,10 @@
 #include "daemon/Decision.h"
 
+#include "foundation/MailboxSyntax.h"
 #include "greylist/Configuration.h"
+
+#include <string>
+#include <string_view>
 
 namespace Vellum::Daemon {
 namespace {
@@ -69,12 +73,12 @@ Verdict Decision::atRecipient(Message const& message, long now) {
 }
 
 Verdict Decision::greylist(Message const& message, DecisionSettings const& settings, long now) {
-    EmailAddress senderRoom;
-    EmailAddress recipientRoom;
-    EmailAddress const& sender = settings.folding.sender(message.sender, senderRoom);
-    EmailAddress const& recipient = settings.folding.recipient(message.recipient, recipientRoom);
+    thread_local std::string senderRoom; // both keep their memory from one decision to the next
+    thread_local std::string recipientRoom;
+    std::string_view const sender = settings.folding.sender(message.sender.address(), senderRoom);
+    std::string_view const recipient = settings.folding.recipient(message.recipient.address(), recipientRoom);
     IPAddressMask const network = GreyList::Configuration::createMask(message.client);
-    std::string const domain(sender.domain());
+    std::string_view const domain = MailboxSyntax::split(sender).domain;
     bool const canEarn = settings.autoExemptAfter > 0 && AutoExemptions::isPossibleFor(domain);
 
     if (canEarn && m_autoExemptions.isExempt(network, domain, now)) {
@@ -82,12 +86,12 @@ Verdict Decision::greylist(Message const& message, DecisionSettings const& setti
         verdict.network = network;
         return verdict;
     }
-    GreyList::TupleId const id(network, sender, recipient);
-    GreyList::TupleDecision const tuple = m_tuples.decide(id, now);
+    GreyList::TupleParts const parts(network, sender, recipient);
+    GreyList::TupleDecision const tuple = m_tuples.decide(parts, now);
     Verdict verdict = ofTuple(tuple, now);
     verdict.network = network;
     if (canEarn && tuple.firstPass) {
-        verdict.exemptionEarned = m_autoExemptions.countPass(network, domain, id, settings.autoExemptAfter, now);
+        verdict.exemptionEarned = m_autoExemptions.countPass(network, domain, parts, settings.autoExemptAfter, now);
     }
     return verdict;
 }

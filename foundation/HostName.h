@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace Vellum {
 
@@ -9,6 +10,7 @@ class HostName {
   public:
     HostName() = default;                                        // null
     explicit HostName(std::string const& name) : m_name(name) {} // "" is null
+    void assign(std::string_view name) { m_name = name; }        // in the memory it has
 
     bool isNull() const { return m_name.empty(); }
     std::string const& asString() const { return m_name; } // as given; "" when null

@@ -4,6 +4,7 @@
 #include "foundation/IPAddress.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -80,6 +81,34 @@ bool isLabel(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return isLetterOrDigit(c) || c == '-'; });
 }
 
+// How a byte of a mailbox can matter to problemOfLoose().
+enum class Kind : std::uint8_t { plain, at, special };
+constexpr std::array<Kind, 256> kinds = [] {
+    std::array<Kind, 256> all{};
+    std::fill_n(all.begin(), 0x20, Kind::special);
+    for (unsigned char const c : {'\x7f', ' ', '<', '>', '"'}) {
+        all[c] = Kind::special;
+    }
+    all['@'] = Kind::at;
+    return all;
+}();
+
+// Nearly every mailbox is told by one look at its bytes: nothing special, and one '@' with something on either side.
+bool isOrdinary(std::string_view mailbox) {
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < mailbox.size(); ++i) {
+        Kind const kind = kinds[static_cast<std::uint8_t>(mailbox[i])];
+        if (kind == Kind::plain) {
+            continue;
+        }
+        if (kind == Kind::special || at != 0 || i == 0) {
+            return false;
+        }
+        at = i;
+    }
+    return at != 0 && at + 1 < mailbox.size();
+}
+
 bool isAddressOfFamily(std::string_view text, bool v6) {
     try {
         return IPAddress(std::string(text)).isV6() == v6;
@@ -115,6 +144,9 @@ Parts split(std::string_view mailbox) {
 }
 
 char const* problemOfLoose(std::string_view mailbox) {
+    if (isOrdinary(mailbox)) {
+        return nullptr;
+    }
     if (std::any_of(mailbox.begin(), mailbox.end(), isControl)) {
         return "it holds a control character";
     }

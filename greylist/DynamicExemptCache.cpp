@@ -11,9 +11,12 @@ _DynamicExemptCache::_DynamicExemptCache()
     : LRUCache(static_cast<std::uint32_t>(std::max(0, RefConfiguration::instance(nullptr)->maxRecords()))) {}
 
 int _DynamicExemptCache::exempt(IPAddressMask const& mask, std::string const& domain, long now) const {
-    DynamicExemptId const id(mask, domain);
+    return exempt({mask, domain}, now);
+}
+
+int _DynamicExemptCache::exempt(DynamicExemptParts const& pair, long now) const {
     ExclusiveLock const hold(lock);
-    iterator const found = lookup(id);
+    iterator const found = lookup(pair);
     if (found == end()) {
         return 0;
     }
@@ -21,7 +24,7 @@ int _DynamicExemptCache::exempt(IPAddressMask const& mask, std::string const& do
         found->second.expiry = now + RefConfiguration::instance(nullptr)->ttlDays() * 86400L;
         return 1;
     }
-    const_cast<_DynamicExemptCache*>(this)->removeNoLock(id);
+    const_cast<_DynamicExemptCache*>(this)->removeNoLock(found->first);
     return 0;
 }
 

@@ -22,6 +22,8 @@ class _DynamicExemptCache : public LRUCache<DynamicExemptId, Status> {
     // a dead record is removed. Does not count as a use.
     // Thread-safe: takes the lock exclusively.
     int exempt(IPAddressMask const& mask, std::string const& domain, long now) const;
+    // The same, without a copy of the domain.
+    int exempt(DynamicExemptParts const& pair, long now) const;
 };
 
 // The process-wide handle.

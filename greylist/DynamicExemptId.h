@@ -7,8 +7,15 @@
 #include <boost/shared_ptr.hpp>
 
 #include <string>
+#include <string_view>
 
 namespace Vellum::GreyList {
+
+// The parts of an exemption's identity, in the caller's memory: for a search.
+struct DynamicExemptParts {
+    IPAddressMask const& mask;
+    std::string_view domain;
+};
 
 // One exemption's identity, immutable. The domain is a byte string, kept as given: letter case distinguishes.
 class _DynamicExemptId {
@@ -54,12 +61,20 @@ class DynamicExemptId {
 template <>
 struct Vellum::KeyOrder<Vellum::GreyList::DynamicExemptId> {
     // The domain alone: it may hold any byte, so nothing can be written behind it.
-    static OrderPrefix prefix(GreyList::DynamicExemptId const& id) {
+    static OrderPrefix prefix(GreyList::DynamicExemptParts const& parts) {
         OrderPrefixWriter writer;
-        if (!id.isNull()) {
-            writer.bytes(id->domain().data(), id->domain().size());
-        }
+        writer.bytes(parts.domain.data(), parts.domain.size());
         return writer.prefix();
+    }
+    static OrderPrefix prefix(GreyList::DynamicExemptId const& id) {
+        return id.isNull() ? OrderPrefix{} : prefix(GreyList::DynamicExemptParts{id->mask(), id->domain()});
+    }
+    static int compare(GreyList::DynamicExemptId const& a, GreyList::DynamicExemptParts const& b) {
+        if (a.isNull()) {
+            return -1;
+        }
+        int const order = std::string_view(a->domain()).compare(b.domain);
+        return order != 0 ? order : (a->mask() < b.mask ? -1 : (b.mask < a->mask() ? 1 : 0));
     }
     static int compare(GreyList::DynamicExemptId const& a, GreyList::DynamicExemptId const& b) {
         return a < b ? -1 : (b < a ? 1 : 0);

@@ -28,6 +28,13 @@ long life() {
     return configuration()->ttlDays() * secondsPerDay;
 }
 
+TupleId const& identityOf(TupleId const& id) {
+    return id;
+}
+TupleId identityOf(TupleParts const& parts) {
+    return TupleId(parts);
+}
+
 } // namespace
 
 bool isWaiting(Status const& status, long firstLife) {
@@ -44,12 +51,22 @@ int _TupleCache::state(TupleId const& id, long now) const {
 }
 
 TupleDecision _TupleCache::decide(TupleId const& id, long now) const {
+    return decideFor(id, now);
+}
+
+TupleDecision _TupleCache::decide(TupleParts const& tuple, long now) const {
+    return decideFor(tuple, now);
+}
+
+template <class Key>
+TupleDecision _TupleCache::decideFor(Key const& key, long now) const {
     using Situation = TupleDecision::Situation;
     UpgradeLock hold(lock);
-    iterator const found = lookup(id);
+    iterator const found = lookup(key);
     if (found == end()) {
         long const lifetime = firstLife();
         Status const status(now, now + lifetime, lifetime);
+        auto const& id = identityOf(key);
         hold.promote();
         // The cache is the mutable state behind a const handle, as the recency order is behind find().
         const_cast<_TupleCache*>(this)->addNoLock(id, status);

@@ -48,6 +48,12 @@ class _TupleCache : public LRUCache<TupleId, Status> {
 
     // The same decision, with what it rests on.
     TupleDecision decide(TupleId const& id, long now) const;
+    // The same; an identity is made only when the tuple is a new one.
+    TupleDecision decide(TupleParts const& tuple, long now) const;
+
+  private:
+    template <class Key>
+    TupleDecision decideFor(Key const& key, long now) const;
 };
 
 // The process-wide handle.

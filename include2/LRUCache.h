@@ -117,8 +117,9 @@ class LRUCache {
     }
 
     iterator end() const { return iterator(); }
-    // The entry or end(), without counting as a use.
-    iterator lookup(K const& key) const VELLUM_REQUIRES_SHARED(lock)
+    // The entry or end(), without counting as a use. `Key` is K, or a type that stands for one (KeyOrder.h).
+    template <class Key = K>
+    iterator lookup(Key const& key) const VELLUM_REQUIRES_SHARED(lock)
     {
         std::uint32_t const position = index.find(key);
         return position == List::none ? end() : iterator(&list.at(position));

@@ -35,8 +35,9 @@ class OrderedIndex {
     OrderedIndex(OrderedIndex const&) = delete;
     OrderedIndex& operator=(OrderedIndex const&) = delete;
 
-    // The position stored for `key`, or none.
-    Position find(K const& key) const {
+    // The position stored for `key`, or none. `Key` is K, or a type that stands for one (KeyOrder.h).
+    template <class Key>
+    Position find(Key const& key) const {
         if (m_root == nullptr) {
             return none;
         }
@@ -153,8 +154,9 @@ class OrderedIndex {
     }
 
     // First index at or above `from` whose entry is not below the key, and whether it is the key itself.
+    template <class Key>
     std::pair<unsigned int, bool> lowerBound(Entries const& entries, unsigned int from, OrderPrefix prefix,
-                                             K const& key) const {
+                                             Key const& key) const {
         unsigned int low = firstNotBelow(entries.high, from, entries.count, prefix.high);
         unsigned int high = endOfRun(entries.high, low, entries.count, prefix.high);
         if (low == high) {
@@ -177,7 +179,8 @@ class OrderedIndex {
         return {low, false};
     }
 
-    unsigned int childFor(Inner const& inner, OrderPrefix prefix, K const& key) const {
+    template <class Key>
+    unsigned int childFor(Inner const& inner, OrderPrefix prefix, Key const& key) const {
         auto const [at, found] = lowerBound(inner, 1, prefix, key);
         return found ? at : at - 1;
     }

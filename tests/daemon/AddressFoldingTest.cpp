@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Vellum::Daemon {
@@ -14,13 +15,13 @@ struct Case {
 };
 
 std::string foldedSender(AddressFolding const& folding, std::string const& address) {
-    EmailAddress room;
-    return folding.sender(EmailAddress::fromAddress(address), room).address();
+    std::string room = "what the last address left";
+    return std::string(folding.sender(address, room));
 }
 
 std::string foldedRecipient(AddressFolding const& folding, std::string const& address) {
-    EmailAddress room;
-    return folding.recipient(EmailAddress::fromAddress(address), room).address();
+    std::string room = "what the last address left";
+    return std::string(folding.recipient(address, room));
 }
 
 void expectSenders(AddressFolding const& folding, std::vector<Case> const& cases) {
@@ -134,10 +135,9 @@ TEST(AddressFolding, NumbersOfRecipientsAreKept) {
 
 TEST(AddressFolding, AnAddressWithNothingToFoldIsAnsweredItself) {
     AddressFolding const folding;
-    EmailAddress room;
-    for (char const* plain : {"jo@example.org", "jo17@example.org", "a=b@example.org", ""}) {
-        EmailAddress const address = EmailAddress::fromAddress(plain);
-        EXPECT_EQ(&folding.sender(address, room), &address) << plain;
+    std::string room;
+    for (std::string_view const plain : {"jo@example.org", "jo17@example.org", "a=b@example.org", ""}) {
+        EXPECT_EQ(folding.sender(plain, room).data(), plain.data()) << plain;
     }
 }
 

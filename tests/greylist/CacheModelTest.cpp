@@ -209,7 +209,11 @@ TEST(TupleCacheModel, DecisionsAreThoseOfTheModel) {
         Comparison<_TupleCache, TupleId> comparison(random, cache, ids, static_cast<std::size_t>(capacity));
         ASSERT_NO_FATAL_FAILURE(comparison.run(
             *configuration.operator->(),
-            [](_TupleCache& asked, TupleId const& id, long now) { return asked.state(id, now); }, decide));
+            [&random](_TupleCache& asked, TupleId const& id, long now) {
+                bool const byParts = random.below(2) == 0;
+                return byParts ? int(asked.decide(id->parts(), now).passed()) : asked.state(id, now);
+            },
+            decide));
     }
 }
 

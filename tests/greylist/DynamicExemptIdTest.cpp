@@ -67,6 +67,11 @@ TEST(DynamicExemptId, OrderAndOrderingBytesAreThoseOfItsParts) {
             bool const less = a.domain != b.domain ? a.domain < b.domain : a.mask < b.mask;
             ASSERT_EQ(a.id < b.id, less) << a.domain << ", " << b.domain;
             ASSERT_EQ(a.id == b.id, a.domain == b.domain && a.mask == b.mask) << a.domain << ", " << b.domain;
+            DynamicExemptParts const parts{b.mask, b.domain};
+            ASSERT_EQ(KeyOrder<DynamicExemptId>::prefix(parts), KeyOrder<DynamicExemptId>::prefix(b.id)) << b.domain;
+            ASSERT_EQ(KeyOrder<DynamicExemptId>::compare(a.id, parts) < 0, a.id < b.id) << a.domain << ", " << b.domain;
+            ASSERT_EQ(KeyOrder<DynamicExemptId>::compare(a.id, parts) == 0, a.id == b.id)
+                << a.domain << ", " << b.domain;
             if (less) {
                 ASSERT_LE(KeyOrder<DynamicExemptId>::prefix(a.id), KeyOrder<DynamicExemptId>::prefix(b.id))
                     << a.domain << ", " << b.domain;

@@ -156,6 +156,16 @@ TEST_F(TupleDecisionTest, TellsWhatItFound) {
     EXPECT_EQ(expired.expiry, late + firstLife);
 }
 
+TEST_F(TupleDecisionTest, PartsOfATupleAreDecidedAsItsIdentity) {
+    EXPECT_EQ(m_cache.decide(m_id->parts(), start).situation, Situation::fresh);
+    expectRecord(start, start + firstLife, firstLife);
+    EXPECT_EQ(m_cache.decide(m_id, start + delay - 1).situation, Situation::early);
+    EXPECT_EQ(m_cache.decide(m_id->parts(), start + delay - 1).situation, Situation::early);
+    EXPECT_TRUE(m_cache.decide(m_id->parts(), start + delay).firstPass);
+    EXPECT_EQ(m_cache.decide(m_id, start + delay).situation, Situation::passes);
+    expectRecord(start, start + delay + life, firstLife);
+}
+
 TEST_F(TupleDecisionTest, PassesForTheFirstTimeOnceInEachPeriod) {
     EXPECT_FALSE(m_cache.decide(m_id, start).firstPass);
     EXPECT_FALSE(m_cache.decide(m_id, start + 1).firstPass);

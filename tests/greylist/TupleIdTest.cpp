@@ -17,6 +17,15 @@ using testing::HasSubstr;
 
 constexpr char const* network = "192.0.2.0/24";
 
+// A search with the parts must go where a search with the identity goes.
+void expectPartsStandForIt(TupleId const& id, TupleId const& other) {
+    TupleParts const parts = id->parts();
+    EXPECT_EQ(KeyOrder<TupleId>::prefix(parts), KeyOrder<TupleId>::prefix(id));
+    EXPECT_EQ(KeyOrder<TupleId>::compare(id, parts), 0);
+    EXPECT_EQ(KeyOrder<TupleId>::compare(other, parts) < 0, other < id);
+    EXPECT_EQ(KeyOrder<TupleId>::compare(other, parts) > 0, id < other);
+}
+
 void expectLess(TupleId const& less, TupleId const& more) {
     EXPECT_TRUE(less < more);
     EXPECT_FALSE(more < less);
@@ -172,6 +181,20 @@ TEST(TupleId, OrderingBytesNeverContradictTheOrder) {
     for (std::size_t n = 1; n < pairs.size(); ++n) {
         ASSERT_LE(KeyOrder<TupleId>::prefix(pairs[n - 1].id), KeyOrder<TupleId>::prefix(pairs[n].id))
             << pairs[n - 1].reference.mask.asString() << " and " << pairs[n].reference.mask.asString();
+    }
+}
+
+TEST(TupleId, PartsStandForTheIdentityMadeOfThem) {
+    RandomSource random;
+    std::vector<Pair> const pairs = randomPairs(random, 300);
+    for (Pair const& a : pairs) {
+        TupleParts const parts(a.reference.mask, a.reference.sender, a.reference.recipient);
+        EXPECT_EQ(KeyOrder<TupleId>::compare(a.id, parts), 0);
+        EXPECT_EQ(TupleId(parts), a.id);
+        EXPECT_LT(KeyOrder<TupleId>::compare(TupleId(), parts), 0) << "an empty handle comes first";
+        for (Pair const& b : pairs) {
+            expectPartsStandForIt(a.id, b.id);
+        }
     }
 }
 
