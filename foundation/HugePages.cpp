@@ -1,6 +1,9 @@
 #include "foundation/HugePages.h"
 
 #include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
 #include <unistd.h>
 
 namespace Vellum {
@@ -10,7 +13,10 @@ void useHugePages(char* const* argv) {
     if (std::getenv(variable) != nullptr || setenv(variable, "glibc.malloc.hugetlb=1", 1) != 0) {
         return;
     }
-    execv("/proc/self/exe", argv); // returns only where that is not possible
+    std::error_code unknown; // then the path is empty, and nothing is started
+    // By its real name, because that is what the process is called afterwards.
+    std::string const program = std::filesystem::read_symlink("/proc/self/exe", unknown);
+    execv(program.c_str(), argv); // returns only where that is not possible
 }
 
 } // namespace Vellum

@@ -1,6 +1,7 @@
 #include "foundation/HugePages.h"
 
 #include <cstdlib>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/wait.h>
@@ -37,6 +38,9 @@ TEST(HugePages, TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess) {
         ASSERT_NE(std::getenv("GLIBC_TUNABLES"), nullptr);
         EXPECT_STREQ(std::getenv("GLIBC_TUNABLES"), expected);
         EXPECT_EQ(std::to_string(getpid()), process);
+        std::string name;
+        std::getline(std::ifstream("/proc/self/comm"), name);
+        EXPECT_EQ(name, std::string("foundation_tests").substr(0, 15)) << "it is not called exe now";
     } else {
         EXPECT_EQ(statusOfChild(nullptr), 0);
     }
