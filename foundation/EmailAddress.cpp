@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <numeric>
 
 namespace Vellum {
 namespace {
@@ -63,6 +64,14 @@ EmailAddress EmailAddress::rfc5321Parse(std::string const& text, bool strict) {
     return address;
 }
 
+void EmailAddress::parse(std::string_view text) {
+    if (text.size() <= maxLength && MailboxSyntax::isOrdinary(text)) {
+        m_text = text;
+    } else {
+        *this = rfc5321Parse(std::string(text), false);
+    }
+}
+
 EmailAddress EmailAddress::parseUnquoted(std::string const& text) {
     if (text.empty()) {
         return {};
@@ -102,40 +111,40 @@ bool isSpecial(char c) {
     return c == '\\' || c == '\'' || c == '"';
 }
 
-// Where the first character stands that needs a backslash, or npos. Backups do this for every address they hold, so
-// eight bytes are looked at together.
-std::size_t firstSpecial(std::string_view text) {
-    std::size_t at = 0;
-    for (; at + 8 <= text.size(); at += 8) {
-        std::uint64_t eight = 0;
-        std::memcpy(&eight, text.data() + at, sizeof eight);
-        if (holds(eight, '\\') || holds(eight, '\'') || holds(eight, '"')) {
-            break;
-        }
+char* writeEscaped(char* out, char c) {
+    if (isSpecial(c)) {
+        *out++ = '\\';
     }
-    while (at < text.size() && !isSpecial(text[at])) {
-        ++at;
-    }
-    return at < text.size() ? at : std::string_view::npos;
+    *out++ = c;
+    return out;
 }
 
 } // namespace
 
-void appendEscapedAddress(std::string& out, std::string_view address) {
+// Backups do this for every address they hold, so eight bytes are looked at together.
+char* writeEscapedAddress(char* out, std::string_view address) {
     if (address.empty()) {
-        out += nullText;
-        return;
+        address = nullText;
     }
-    for (;;) {
-        std::size_t const plain = firstSpecial(address);
-        out += address.substr(0, plain);
-        if (plain == std::string_view::npos) {
-            return;
+    char const* in = address.data();
+    char const* const end = in + address.size();
+    for (std::uint64_t eight = 0; end - in >= 8; in += 8) {
+        std::memcpy(&eight, in, sizeof eight);
+        if (holds(eight, '\\') || holds(eight, '\'') || holds(eight, '"')) {
+            out = std::accumulate(in, in + 8, out, writeEscaped);
+        } else {
+            std::memcpy(out, &eight, sizeof eight);
+            out += 8;
         }
-        out += '\\';
-        out += address[plain];
-        address.remove_prefix(plain + 1);
     }
+    return std::accumulate(in, end, out, writeEscaped);
+}
+
+void appendEscapedAddress(std::string& out, std::string_view address) {
+    std::size_t const before = out.size();
+    out.resize(before + 2 * address.size() + nullText.size());
+    char* const end = writeEscapedAddress(out.data() + before, address);
+    out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
 } // namespace Vellum

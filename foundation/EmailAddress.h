@@ -24,6 +24,8 @@ class EmailAddress {
     // they are. Control characters (NUL, line breaks, 0x01, DEL) are refused in both, quoted or not.
     // Throws Exception naming the text (shortened) and what is wrong with it.
     static EmailAddress rfc5321Parse(std::string const& text, bool strict);
+    // Becomes what rfc5321Parse(text, false) answers, in the memory it has where `text` is an ordinary mailbox.
+    void parse(std::string_view text);
     // The same (not strict) for a mail server's internal form, which has no quotes: "john doe@example.org" stands for
     // "john doe"@example.org, and a text that rfc5321Parse refuses gets its local part quoted. "" is null here.
     static EmailAddress parseUnquoted(std::string const& text);
@@ -58,5 +60,7 @@ class EmailAddress {
 std::string emailAddressEscapedWrite(EmailAddress const& address);
 // The same for a text that is known to be an address() (so "" is written "<>"), appended to `out` without a copy.
 void appendEscapedAddress(std::string& out, std::string_view address);
+// The same into memory with room for twice the address and two characters. Answers where the text ends.
+char* writeEscapedAddress(char* out, std::string_view address);
 
 } // namespace Vellum

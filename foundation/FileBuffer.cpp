@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace Vellum::File {
@@ -67,11 +68,22 @@ bool FileBuffer::writeOut(char const* bytes, std::size_t length) {
         if (written >= 0) {
             bytes += written;
             length -= static_cast<std::size_t>(written);
+            startDisk(static_cast<std::size_t>(written));
         } else if (errno != EINTR) {
             m_error = errno;
         }
     }
     return m_error == 0;
+}
+
+// A hint: what the file system makes of it, and whether it can at all, shows at the sync.
+void FileBuffer::startDisk(std::size_t written) {
+    m_written += written;
+    if (m_written - m_diskBegun >= diskStep) {
+        static_cast<void>(::sync_file_range(m_descriptor, static_cast<off_t>(m_diskBegun),
+                                            static_cast<off_t>(m_written - m_diskBegun), SYNC_FILE_RANGE_WRITE));
+        m_diskBegun = m_written;
+    }
 }
 
 } // namespace Vellum::File

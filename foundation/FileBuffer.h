@@ -8,7 +8,9 @@ namespace Vellum::File {
 
 class FileBuffer : public std::streambuf {
   public:
-    static constexpr std::size_t capacity = 1U << 20; // bytes; large enough that the system calls no longer count
+    // Bytes; large enough that system calls hardly count, small enough to stay in the processor's cache. What comes in
+    // larger pieces is written as it is.
+    static constexpr std::size_t capacity = std::size_t{64} * 1024;
 
     FileBuffer() = default;
     ~FileBuffer() override { close(); } // discards what is not flushed
@@ -31,8 +33,14 @@ class FileBuffer : public std::streambuf {
   private:
     bool writeOut(char const* bytes, std::size_t length);
     bool flush();
+    void startDisk(std::size_t written);
+
+    // Bytes after which the disk is told to begin: a large file is then mostly there when it is synced.
+    static constexpr std::size_t diskStep = std::size_t{8} * 1024 * 1024;
 
     int m_descriptor = -1;
+    std::size_t m_written = 0;   // bytes handed to the kernel
+    std::size_t m_diskBegun = 0; // of these, those the disk was told to begin with
     int m_error = 0;
     std::vector<char> m_bytes;
 };

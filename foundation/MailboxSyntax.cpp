@@ -81,7 +81,7 @@ bool isLabel(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return isLetterOrDigit(c) || c == '-'; });
 }
 
-// How a byte of a mailbox can matter to problemOfLoose().
+// How a byte of a mailbox can matter to isOrdinary().
 enum class Kind : std::uint8_t { plain, at, special };
 constexpr std::array<Kind, 256> kinds = [] {
     std::array<Kind, 256> all{};
@@ -92,22 +92,6 @@ constexpr std::array<Kind, 256> kinds = [] {
     all['@'] = Kind::at;
     return all;
 }();
-
-// Nearly every mailbox is told by one look at its bytes: nothing special, and one '@' with something on either side.
-bool isOrdinary(std::string_view mailbox) {
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < mailbox.size(); ++i) {
-        Kind const kind = kinds[static_cast<std::uint8_t>(mailbox[i])];
-        if (kind == Kind::plain) {
-            continue;
-        }
-        if (kind == Kind::special || at != 0 || i == 0) {
-            return false;
-        }
-        at = i;
-    }
-    return at != 0 && at + 1 < mailbox.size();
-}
 
 bool isAddressOfFamily(std::string_view text, bool v6) {
     try {
@@ -141,6 +125,21 @@ Parts split(std::string_view mailbox) {
         return {mailbox, {}, false};
     }
     return {mailbox.substr(0, at), mailbox.substr(at + 1), true};
+}
+
+bool isOrdinary(std::string_view mailbox) {
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < mailbox.size(); ++i) {
+        Kind const kind = kinds[static_cast<std::uint8_t>(mailbox[i])];
+        if (kind == Kind::plain) {
+            continue;
+        }
+        if (kind == Kind::special || at != 0 || i == 0) {
+            return false;
+        }
+        at = i;
+    }
+    return at != 0 && at + 1 < mailbox.size();
 }
 
 char const* problemOfLoose(std::string_view mailbox) {

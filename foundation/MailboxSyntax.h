@@ -18,6 +18,10 @@ struct Parts {
 // Splits at the '@' after a quoted local part, else at the last one.
 Parts split(std::string_view mailbox);
 
+// Whether one look at its bytes tells that nothing is wrong by the rules of problemOfLoose(), as with nearly every
+// mailbox: no quotes, brackets, blanks or control characters, and one '@' with something on either side.
+bool isOrdinary(std::string_view mailbox);
+
 // The rules of this system, for what mail servers really let through (EmailAddress.h).
 char const* problemOfLoose(std::string_view mailbox);
 

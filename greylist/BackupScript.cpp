@@ -1,6 +1,7 @@
 #include "greylist/BackupScript.h"
 
 #include "foundation/MakeRoom.h"
+#include "foundation/TextBlock.h"
 #include "foundation/database/BatchedInsert.h"
 #include "foundation/database/LeftOut.h"
 #include "foundation/database/QueryTableNames.h"
@@ -11,20 +12,19 @@
 
 #include <algorithm>
 #include <chrono>
-#include <optional>
+#include <cstring>
 
 namespace Vellum::GreyList {
 
 namespace {
 
-using Database::appendNumber;
 using Database::clampedToInt;
 
-char const* whyNotStorable(_TupleId const& id, std::string const& mask) {
+char const* whyNotStorable(TupleParts const& tuple, std::string const& mask) {
     if (mask.empty()) {
         return "it has no network";
     }
-    if (std::max(id.senderAddress().size(), id.recipientAddress().size()) > columnSize) {
+    if (std::max(tuple.sender.size(), tuple.recipient.size()) > columnSize) {
         return "an address is longer than its column of 128 bytes";
     }
     return nullptr;
@@ -52,25 +52,37 @@ std::string autoExemptName() {
     return Database::TableName(autoExemptTable, false).name();
 }
 
-// Identities are all over the memory; so many rows before its turn one is asked for.
-constexpr std::size_t fetchAhead = 8;
+// Identities are all over the memory; so many rows before its turn one is asked for. Most take two lines of memory.
+constexpr std::size_t fetchAhead = 16;
+
+void fetch(_TupleId const* id) {
+    __builtin_prefetch(id);
+    __builtin_prefetch(reinterpret_cast<char const*>(id) + 64);
+}
 
 // Texts of masks; neighbours in key order share their network.
 class MaskText {
   public:
+    // `id` must live until the next call.
     std::string const& of(_TupleId const& id) {
-        IPAddressMask const mask = id.mask();
-        if (!m_mask || !(*m_mask == mask)) {
-            m_mask = mask;
-            m_text = mask.asString();
+        if (m_last == nullptr || !haveSameMask(m_last->parts(), id.parts())) {
+            m_text = id.mask().asString();
         }
+        m_last = &id;
         return m_text;
     }
 
   private:
-    std::optional<IPAddressMask> m_mask;
+    static bool haveSameMask(TupleParts const& a, TupleParts const& b) {
+        return a.family == b.family && a.cidr == b.cidr && std::memcmp(a.network, b.network, a.networkLength()) == 0;
+    }
+
+    _TupleId const* m_last = nullptr; // borrowed
     std::string m_text;
 };
+
+// Bytes of a row at most: a mask, two addresses of which each byte is escaped, two times, and what is between them.
+constexpr std::size_t longestRow = 43 + 2 * (2 * columnSize + 2) + 2 * TextBlock::longestNumber + 20;
 
 } // namespace
 
@@ -117,32 +129,35 @@ BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
 
 void BackupSnapshot::writeTuples(std::ostream& out, Database::LeftOut& leftOut) const {
     Database::BatchedInsert batches(out, insertInto(greyListTable));
+    TextBlock text(out);
     MaskText masks;
-    std::string row;
     for (std::size_t at = 0; at < m_tuples.size(); ++at) {
-        Tuple const& tuple = m_tuples[at];
         if (at + fetchAhead < m_tuples.size()) {
-            __builtin_prefetch(m_tuples[at + fetchAhead].id);
-            __builtin_prefetch(reinterpret_cast<char const*>(m_tuples[at + fetchAhead].id) + 64);
+            fetch(m_tuples[at + fetchAhead].id);
         }
+        Tuple const& tuple = m_tuples[at];
+        TupleParts const parts = tuple.id->parts();
         std::string const& mask = masks.of(*tuple.id);
-        if (char const* reason = whyNotStorable(*tuple.id, mask)) {
+        if (char const* reason = whyNotStorable(parts, mask)) {
             leftOut.add("tuple " + mask + " " + tuple.id->sender().asString() + " " + tuple.id->recipient().asString(),
                         reason);
             continue;
         }
-        batches.beforeRow();
-        row.assign("\n('").append(mask).append("', '");
-        appendEscapedAddress(row, tuple.id->senderAddress());
-        row.append("', '");
-        appendEscapedAddress(row, tuple.id->recipientAddress());
-        row.append("', ");
-        appendNumber(row, clampedToInt(tuple.firstSeen));
-        row.append(",");
-        appendNumber(row, clampedToInt(tuple.expiry));
-        row.append(")");
-        out.write(row.data(), static_cast<std::streamsize>(row.size()));
+        text.makeRoom(batches.longestBeforeRow() + longestRow);
+        text.append(batches.textBeforeRow());
+        text.append("\n('");
+        text.append(mask);
+        text.append("', '");
+        text.appendEscaped(parts.sender);
+        text.append("', '");
+        text.appendEscaped(parts.recipient);
+        text.append("', ");
+        text.appendNumber(clampedToInt(tuple.firstSeen));
+        text.append(",");
+        text.appendNumber(clampedToInt(tuple.expiry));
+        text.append(")");
     }
+    text.flush();
     batches.finish();
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace Vellum::Database {
 
@@ -34,6 +35,10 @@ class BatchedInsert {
 
     // Writes what goes before the next row. True when that row begins a new statement.
     bool beforeRow();
+    // The same for one who puts rows together elsewhere: what to write there before the next row. Valid until the next
+    // call; at most longestBeforeRow() bytes.
+    std::string_view textBeforeRow();
+    std::size_t longestBeforeRow() const { return m_nextStatement.size() + m_texts.separator.size(); }
     // After the last row; without any row nothing is written.
     void finish();
 
@@ -42,6 +47,7 @@ class BatchedInsert {
   private:
     std::ostream& m_out;
     Texts m_texts;
+    std::string const m_nextStatement; // ends one and begins another
     std::uint64_t m_rows = 0;
 };
 

@@ -31,6 +31,20 @@ std::string rows(std::uint32_t first, std::uint32_t last) {
     return text;
 }
 
+TEST(BatchedInsert, TextsForOneWhoWritesElsewhere) {
+    std::ostringstream out;
+    BatchedInsert batches(out, reputation);
+    std::string text;
+    for (std::uint32_t row = 0; row < 2001; ++row) {
+        std::string_view const before = batches.textBeforeRow();
+        EXPECT_LE(before.size(), batches.longestBeforeRow());
+        text += std::string(before) + "\n(" + std::to_string(row) + ')';
+    }
+    EXPECT_EQ(out.str(), "");
+    batches.finish();
+    EXPECT_EQ(text + out.str(), script(reputation, 2001));
+}
+
 TEST(BatchedInsert, NoRowWritesNothing) {
     EXPECT_EQ(script(tuples, 0), "");
     EXPECT_EQ(script(reputation, 0), "");

@@ -10,8 +10,17 @@
 namespace Vellum {
 namespace {
 
+// Both ways to parse a text must agree about it.
 EmailAddress parse(std::string const& text) {
-    return EmailAddress::rfc5321Parse(text, false);
+    EmailAddress parsed = EmailAddress::fromAddress("what.was@there.before");
+    try {
+        parsed.parse(text);
+    } catch (Exception const&) {
+        EXPECT_THROW(EmailAddress::rfc5321Parse(text, false), Exception) << text;
+        throw;
+    }
+    EXPECT_EQ(parsed, EmailAddress::rfc5321Parse(text, false)) << text;
+    return parsed;
 }
 
 std::string problemOf(std::string const& text) {

@@ -117,6 +117,19 @@ TEST_F(OutputFileTest, ContentAroundTheBufferSizeIsKeptWhole) {
     }
 }
 
+TEST_F(OutputFileTest, ContentThatTheDiskGetsInStepsIsKeptWhole) {
+    std::string expected;
+    for (std::size_t i = 0; expected.size() < std::size_t{20} * 1024 * 1024; ++i) {
+        expected += std::to_string(i) + ',';
+    }
+    OutputFile out{File::Path(path("large"))};
+    for (std::size_t at = 0; at < expected.size(); at += 100000) {
+        out << expected.substr(at, 100000);
+    }
+    out.commit();
+    EXPECT_TRUE(contentOf(path("large")) == expected);
+}
+
 TEST_F(OutputFileTest, SingleCharactersFillTheBufferToo) {
     OutputFile file{File::Path(path("characters"))};
     for (std::size_t i = 0; i < File::FileBuffer::capacity + 3; ++i) {
