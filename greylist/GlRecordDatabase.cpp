@@ -14,7 +14,7 @@
 #include "greylist/LogCodes.h"
 
 #include <algorithm>
-#include <memory>
+#include <optional>
 
 namespace Vellum::GreyList {
 namespace {
@@ -49,7 +49,11 @@ LoadReport::Half load(Database::Connection& connection, std::string const& table
         half.problem = "the load of " + table + " did not come to its end";
         report(half);
         cache->clear();
-        std::for_each(container.rows().begin(), container.rows().end(), Adapter());
+        Adapter const add;
+        for (Ref<Database::RowImpl>& row : container.rows()) {
+            add(row);
+            row = {}; // its memory is wanted for the next record
+        }
         half.loaded = true;
         half.problem.clear();
         half.rows = container.rows().size();
@@ -58,11 +62,6 @@ LoadReport::Half load(Database::Connection& connection, std::string const& table
         half.problem = failed.asString();
     }
     return half;
-}
-
-// A session on the server's own database, held while a script is written: it says early that the server is away.
-std::unique_ptr<Database::Connection> connectToServer() {
-    return std::make_unique<Database::Connection>(SocketAddress(IPAddress(std::string("127.0.0.1")), 3306), "mysql");
 }
 
 } // namespace
@@ -116,7 +115,10 @@ bool GlRecordDatabase::writeScript(bool withServer) {
     BackupReport& report = backup.report;
     try {
         _TupleCache const& tuples = **TupleCache::instance();
-        std::unique_ptr<Database::Connection> const session = withServer ? connectToServer() : nullptr;
+        std::optional<Database::Connection> session;
+        if (withServer) { // on the server's own database, held while the script is written: says early that it is away
+            session.emplace(SocketAddress(IPAddress(std::string("127.0.0.1")), 3306), "mysql");
+        }
         backup.script.write(RefConfiguration::instance(nullptr)->backupPath(), [&](std::ostream& out) {
             BackupSnapshot::Rows const rows = BackupSnapshot(tuples, **DynamicExemptCache::instance()).write(out);
             report.tuples = rows.tuples;

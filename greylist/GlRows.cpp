@@ -17,6 +17,17 @@ Exception refusal(char const* where, char const* parameter, char const* source, 
         .stringParameter("the row " + columns.shown());
 }
 
+// Rows come in the order of their key, so a row's network is nearly always that of the row before.
+IPAddressMask const& network(std::string_view text) {
+    thread_local std::string lastText;
+    thread_local IPAddressMask last;
+    if (text != lastText) {
+        last = IPAddressMask(std::string(text));
+        lastText = text;
+    }
+    return last;
+}
+
 // The four columns of "autoexempt" into a row that has fields for them.
 template <class Row>
 void fillExemption(Row& into, Columns const& columns) {
@@ -40,9 +51,9 @@ bool RecordRow::parse(void* handle, void* result, void* row) {
     if (columns.haveEmpty(4)) {
         throw refusal("RecordRow", "Invalid GreyList Record", Source::recordDatabase, emptyColumnOfFourLine, columns);
     }
-    clientIP = IPAddressMask(columns.text(0));
-    sender = EmailAddress::rfc5321Parse(columns.text(1), false);
-    recipient = EmailAddress::rfc5321Parse(columns.text(2), false);
+    clientIP = network(columns.text(0));
+    sender.parse(columns.text(1));
+    recipient.parse(columns.text(2));
     creationTime = columns.number(3);
     return true;
 }
