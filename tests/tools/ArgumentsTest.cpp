@@ -41,15 +41,21 @@ TEST(Arguments, CommandsAreKnownByTheirNames) {
         std::vector<char const*> words;
         Command command;
         char const* name;
-    } const cases[] = {{{"status"}, Command::status, "status"},
-                       {{"backup"}, Command::backup, "backup"},
-                       {{"restore", "/x"}, Command::restore, "restore"},
-                       {{"greylist", "list"}, Command::list, "greylist list"},
-                       {{"greylist", "exemptions"}, Command::list, "greylist exemptions"},
-                       {{"greylist", "reload"}, Command::reload, "greylist reload"},
-                       {{"greylist", "accept-empty"}, Command::acceptEmpty, "greylist accept-empty"},
-                       {{"rate", "list"}, Command::rateList, "rate list"},
-                       {{"rate", "show", "a@b"}, Command::rateShow, "rate show"}};
+    } const cases[] = {
+        {{"status"}, Command::status, "status"},
+        {{"backup"}, Command::backup, "backup"},
+        {{"restore", "/x"}, Command::restore, "restore"},
+        {{"greylist", "list"}, Command::list, "greylist list"},
+        {{"greylist", "exemptions"}, Command::list, "greylist exemptions"},
+        {{"greylist", "reload"}, Command::reload, "greylist reload"},
+        {{"greylist", "accept-empty"}, Command::acceptEmpty, "greylist accept-empty"},
+        {{"reputation", "list"}, Command::reputationList, "reputation list"},
+        {{"reputation", "show", "192.0.2.1"}, Command::reputationShow, "reputation show"},
+        {{"reputation", "set-state", "192.0.2.1", "3"}, Command::reputationSetState, "reputation set-state"},
+        {{"reputation", "reload"}, Command::reputationReload, "reputation reload"},
+        {{"reputation", "accept-empty"}, Command::reputationAcceptEmpty, "reputation accept-empty"},
+        {{"rate", "list"}, Command::rateList, "rate list"},
+        {{"rate", "show", "a@b"}, Command::rateShow, "rate show"}};
     for (auto const& expected : cases) {
         auto const arguments = parse(expected.words);
         ASSERT_TRUE(arguments);

@@ -64,13 +64,13 @@ void AdminCommands::backup() {
     Json const answer = daemon.ask(IPC::PduType::adminBackup);
     settle(answer);
     if (!m_json) {
-        writeText("accepted by the database daemon: " + backupText(answer) + "\n");
+        writeText(acceptedBackupText(answer));
     }
 }
 
-void AdminCommands::acceptEmpty() {
+void AdminCommands::acceptEmpty(std::string const& family) {
     DaemonConnection daemon(m_place);
-    Json const answer = daemon.ask(IPC::PduType::adminAcceptEmpty);
+    Json const answer = daemon.ask(IPC::PduType::adminAcceptEmpty, {{"family", family}});
     settle(answer);
     if (!m_json) {
         writeText(acceptedText(answer));
@@ -93,20 +93,29 @@ Json AdminCommands::statusAfterReload(DaemonConnection& daemon) {
 }
 
 void AdminCommands::reload() {
+    reload({IPC::PduType::reloadGreylist, "greylist", loadProblem, loadedText});
+}
+
+void AdminCommands::reloadReputation() {
+    reload({IPC::PduType::reloadReputations, "reputation", reputationLoadProblem, reputationLoadedText});
+}
+
+void AdminCommands::reload(Reload const& which) {
     DaemonConnection daemon(m_place);
     daemon.ask(IPC::PduType::adminStatus); // a daemon that does not serve us says so now, not after the reload
-    daemon.send(IPC::PduType::reloadGreylist);
+    daemon.send(which.request);
     Json const status = statusAfterReload(daemon);
     settle(status);
-    std::string const problem = loadProblem(status);
+    std::string const problem = which.problem(status);
     if (!problem.empty()) {
         throw Failure(ExitCode::failed, problem +
                                             "\nWhat could not be loaded is as it was before, and backups stay off. "
                                             "Correct the row and reload, or give the table's rows up with "
-                                            "\"vellumctl greylist accept-empty\".");
+                                            "\"vellumctl " +
+                                            which.family + " accept-empty\".");
     }
     if (!m_json) {
-        writeText(loadedText(status) + "\n");
+        writeText(which.loaded(status) + "\n");
     }
 }
 

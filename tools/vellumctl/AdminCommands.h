@@ -1,4 +1,4 @@
-// status, backup, restore, greylist reload, greylist accept-empty: one question to the daemon and its answer.
+// status, backup, restore, and of a family reload and accept-empty: one question to the daemon and its answer.
 #pragma once
 
 #include "tools/vellumctl/DaemonConnection.h"
@@ -24,8 +24,10 @@ class AdminCommands {
     void status();
     void backup();
     // The request has no answer of its own, so the status before and after tells how it went.
-    void reload();
-    void acceptEmpty();
+    void reload(); // the greylist
+    void reloadReputation();
+    // Of "greylist" or "reputation".
+    void acceptEmpty(std::string const& family);
     // Tells what would be lost and, unless told otherwise, asks on the terminal first.
     void restore(RestoreRequest const& request, ProgressBar& bar);
 
@@ -34,6 +36,13 @@ class AdminCommands {
     void settle(Json const& answer);
     void writeJson(Json const& answer);
     void writeText(std::string const& text);
+    struct Reload {
+        IPC::PduType request;
+        std::string family;
+        std::string (*problem)(Json const& status); // of the load; empty when there was none
+        std::string (*loaded)(Json const& status);  // what was loaded
+    };
+    void reload(Reload const& which);
     Json statusAfterReload(DaemonConnection& daemon);
 
     DaemonPlace m_place;

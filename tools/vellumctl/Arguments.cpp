@@ -7,6 +7,7 @@
 #include "tools/vellumctl/Failure.h"
 #include "tools/vellumctl/HelpTexts.h"
 #include "tools/vellumctl/RateArguments.h"
+#include "tools/vellumctl/ReputationArguments.h"
 
 #include <CLI/CLI.hpp>
 
@@ -84,6 +85,7 @@ class Parser {
         addPlaceOptions(m_app);
         addPlain("status", "Show how the daemon, its caches and its backups are", Command::status, "");
         addGreylist();
+        addReputation();
         addRate();
         addEndpoint();
         addPlain("backup", "Save the caches now", Command::backup, HelpText::backup);
@@ -158,6 +160,33 @@ class Parser {
             *addLeaf(greylist, "reload", "Load the caches from the tables again", Command::reload, HelpText::reload));
         addPlaceOptions(*addLeaf(greylist, "accept-empty", "Give up tables that could not be loaded",
                                  Command::acceptEmpty, HelpText::acceptEmpty));
+    }
+    void addReputation() {
+        CLI::App& reputation = *add(m_app, "reputation", "Scores of client addresses and what they sent", "");
+        reputation.require_subcommand(1);
+        CLI::App& list = *addLeaf(reputation, "list", "List the addresses: score, state and last change",
+                                  Command::reputationList, HelpText::reputationList);
+        list.add_option("--network", m_reputation.network, "Only addresses in this network (192.0.2.0/24)")
+            ->type_name("NETWORK");
+        list.add_option("--state", m_reputation.state, "Only addresses of this state")->type_name("STATE");
+        list.add_option("--min-score", m_reputation.minScore, "Only scores from N on")->type_name("N");
+        addShapeOptions(list, "address, score, state or change");
+        CLI::App& show = *addLeaf(reputation, "show", "Show one address's twelve hours, one on each line",
+                                  Command::reputationShow, HelpText::reputationShow);
+        show.add_option("ADDRESS", m_reputation.address, "IPv4 or IPv6")->required()->type_name("");
+        show.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
+        addPlaceOptions(show);
+        CLI::App& set = *addLeaf(reputation, "set-state", "Have the daemon log that an address should have a state",
+                                 Command::reputationSetState, HelpText::reputationSetState);
+        set.add_option("ADDRESS", m_reputation.address, "IPv4")->required()->type_name("");
+        set.add_option("STATE", m_reputation.state, "unset, trusted, watched, blocked, or 0 to 3")
+            ->required()
+            ->type_name("");
+        addPlaceOptions(set);
+        addPlaceOptions(*addLeaf(reputation, "reload", "Load the cache from the tables again",
+                                 Command::reputationReload, HelpText::reputationReload));
+        addPlaceOptions(*addLeaf(reputation, "accept-empty", "Give up tables that could not be loaded",
+                                 Command::reputationAcceptEmpty, HelpText::acceptEmpty));
     }
     void addRate() {
         CLI::App& rate = *add(m_app, "rate", "What senders sent in the last half hour", "");
@@ -280,7 +309,8 @@ class Parser {
         bool const quick = all.command == Command::list || all.command == Command::status ||
                            all.command == Command::rateList || all.command == Command::rateShow ||
                            all.command == Command::endpointList || all.command == Command::endpointShow ||
-                           all.command == Command::endpointRemove;
+                           all.command == Command::endpointRemove || all.command == Command::reputationList ||
+                           all.command == Command::reputationShow || all.command == Command::reputationSetState;
         std::uint64_t const seconds = m_words.timeout.empty()
                                           ? (quick ? timeoutOfListings : timeoutOfDatabaseWork)
                                           : wholeNumber("--timeout", m_words.timeout, 1, longestTimeout);
@@ -291,6 +321,13 @@ class Parser {
             checkList(all.list);
         } else if (all.command == Command::rateList) {
             all.rateList = rateListRequest(m_rate, {m_words.limit, m_words.sort, m_words.reverse}, rateStyle());
+        } else if (all.command == Command::reputationList) {
+            all.reputationList =
+                reputationListRequest(m_reputation, {m_words.limit, m_words.sort, m_words.reverse}, reputationStyle());
+        } else if (all.command == Command::reputationShow) {
+            all.reputationShow = reputationShowRequest(m_reputation, reputationStyle());
+        } else if (all.command == Command::reputationSetState) {
+            all.reputationSet = reputationSetRequest(m_reputation, m_words.json);
         } else if (all.command == Command::rateShow) {
             all.rateShow = rateShowRequest(m_rate, rateStyle());
         } else if (all.command == Command::endpointList) {
@@ -315,6 +352,7 @@ class Parser {
         }
     }
     EndpointStyle endpointStyle() const { return {m_words.json, !m_words.noHeader, std::time(nullptr)}; }
+    ReputationStyle reputationStyle() const { return {m_words.json, !m_words.noHeader, std::time(nullptr)}; }
     RateStyle rateStyle() const { return {m_words.json, !m_words.noHeader, std::time(nullptr)}; }
     void checkList(ListRequest& list) {
         list.style.listed = m_exemptions->parsed() ? Listed::exemptions : Listed::tuples;
@@ -343,6 +381,7 @@ class Parser {
     Words m_words;
     RateWords m_rate;
     EndpointWords m_endpoint;
+    ReputationWords m_reputation;
     Arguments m_arguments;
 };
 

@@ -6,6 +6,7 @@
 #include "tools/vellumctl/EndpointLists.h"
 #include "tools/vellumctl/ListCommand.h"
 #include "tools/vellumctl/RateCommands.h"
+#include "tools/vellumctl/ReputationCommands.h"
 
 #include <optional>
 #include <ostream>
@@ -31,6 +32,11 @@ enum class Command {
     endpointListAdd,
     endpointListRemove,
     endpointListShow,
+    reputationList,
+    reputationShow,
+    reputationSetState,
+    reputationReload,
+    reputationAcceptEmpty
 };
 
 struct Arguments {
@@ -38,11 +44,14 @@ struct Arguments {
     std::string name; // of the command, as typed: "greylist list"
     DaemonPlace place;
     bool json = false;
-    ListRequest list;         // of Command::list
-    std::string path;         // of Command::restore; absolute
-    bool yes = false;         // of Command::restore
-    RateListRequest rateList; // of Command::rateList
-    RateShowRequest rateShow; // of Command::rateShow
+    ListRequest list;                     // of Command::list
+    std::string path;                     // of Command::restore; absolute
+    bool yes = false;                     // of Command::restore
+    RateListRequest rateList;             // of Command::rateList
+    RateShowRequest rateShow;             // of Command::rateShow
+    ReputationListRequest reputationList; // of Command::reputationList
+    ReputationShowRequest reputationShow; // of Command::reputationShow
+    ReputationSetRequest reputationSet;   // of Command::reputationSetState
 
     EndpointListRequest endpointList;                 // of Command::endpointList
     EndpointScoresRequest endpointScores;             // of Command::endpointScores

@@ -96,6 +96,32 @@ inline constexpr char const* endpointScores =
     "\n"
     "JSON: as of \"endpoint list\".";
 
+inline constexpr char const* reputationList =
+    "The score is 0 to 100, higher is worse, of the last twelve hours. Addresses whose hours are all older\n"
+    "stay in the daemon's memory with the score 0 until others push them out.\n"
+    "\n"
+    "STATE is unset, trusted, watched or blocked, or its number 0 to 3. States come from the tables.\n"
+    "\n"
+    "JSON: an array of objects with address, score, state (a number), state_name, last_change (seconds since\n"
+    "the epoch, 0 for never). When the connection breaks, the array is left open.";
+
+inline constexpr char const* reputationShow =
+    "Twelve hours, the current one last, with what each alone would score and a bar for its messages. An\n"
+    "address that the daemon does not know has sent nothing, and is shown as such.\n"
+    "\n"
+    "JSON: an object with address and hours: an array of objects with from (seconds since the epoch), score,\n"
+    "messages, recipients, invalid_recipients, infected, spam, extra_total, extra_hits, extra_volume, flagged.";
+
+inline constexpr char const* reputationSetState =
+    "The daemon checks the request and logs the address; it changes no state. States come from the table\n"
+    "sender_reputation_state: change them there, then \"vellumctl reputation reload\".";
+
+inline constexpr char const* reputationReload =
+    "For tables that were changed by somebody else. Each hour in the tables replaces the same hour in memory,\n"
+    "and states are taken over; what else is in memory stays. Tables that cannot be read change nothing, and\n"
+    "the row that is to blame is named; backups then stay off until a load succeeds, or\n"
+    "\"vellumctl reputation accept-empty\".";
+
 inline constexpr char const* reload =
     "For tables that were changed by somebody else. What is in memory only is lost. A table that cannot be\n"
     "read leaves its cache as it was, and the row that is to blame is named; backups then stay off until a\n"

@@ -34,8 +34,12 @@ std::string count(std::int64_t number, char const* one, char const* many) {
     return std::to_string(number) + " " + (number == 1 ? one : many);
 }
 
-// Of an object with "tuples" and "exemptions".
+// Of an object with "records" and "addresses" of sender reputation, or with "tuples" and "exemptions".
 std::string recordsText(Json const& json) {
+    if (!part(json, "records").is_null()) {
+        return count(whole(part(json, "records")), "hour", "hours") + " of " +
+               count(whole(part(json, "addresses")), "address", "addresses");
+    }
     return count(whole(part(json, "tuples")), "tuple", "tuples") + " and " +
            count(whole(part(json, "exemptions")), "exemption", "exemptions");
 }
@@ -123,6 +127,13 @@ std::string statusText(Json const& status, std::int64_t now) {
     lines.add("Exemptions", cacheText(part(greylist, "exemptions")));
     lines.add("Backups", flag(part(backup, "allowed")) ? "on" : "OFF: " + text(part(backup, "reason")));
     lines.add("Last backup", lastBackupText(part(backup, "last"), now));
+    if (Json const& reputation = part(status, "reputation"); !reputation.is_null()) {
+        Json const& saved = part(reputation, "backup");
+        lines.add("Reputation", cacheText(part(reputation, "entries")));
+        lines.add("Reputation",
+                  flag(part(saved, "allowed")) ? "backups on" : "BACKUPS OFF: " + text(part(saved, "reason")));
+        lines.add("Reputation", "last backup " + lastBackupText(part(saved, "last"), now));
+    }
     lines.add("Database", databaseText(part(status, "database"), now));
     addDecisions(lines, part(status, "decisions"));
     return lines.all();
@@ -148,6 +159,29 @@ std::string loadedText(Json const& status) {
     return recordsText({{"tuples", rows("tuples")}, {"exemptions", rows("exemptions")}}) + " loaded";
 }
 
+std::string reputationLoadProblem(Json const& status) {
+    Json const& load = part(part(part(status, "reputation"), "entries"), "load");
+    if (flag(part(load, "loaded"))) {
+        return {};
+    }
+    return "sender reputation could not be loaded: " +
+           (flag(part(load, "attempted")) ? text(part(load, "problem")) : "not tried");
+}
+
+std::string reputationLoadedText(Json const& status) {
+    Json const& load = part(part(part(status, "reputation"), "entries"), "load");
+    return count(whole(part(load, "rows")), "hour", "hours") + " loaded";
+}
+
+std::string acceptedBackupText(Json const& answer) {
+    std::string const accepted = "accepted by the database daemon: ";
+    std::string all = accepted + backupText(answer) + "\n";
+    if (Json const& reputation = part(answer, "reputation"); !reputation.is_null()) {
+        all += accepted + backupText(reputation) + "\n";
+    }
+    return all;
+}
+
 std::string backupText(Json const& report) {
     if (!flag(part(report, "accepted"))) {
         return "FAILED: " + text(part(report, "problem"));
@@ -165,9 +199,21 @@ std::string previewText(Json const& preview, std::int64_t now) {
     lines.add("Script", text(part(preview, "path")));
     lines.add("Script", "written " + timeText(whole(part(script, "modified")), now) + ", " +
                             bytesText(static_cast<std::uint64_t>(whole(part(script, "bytes")))));
-    lines.add("Script", recordsText(script) + (newest == 0 ? "" : ", the newest of " + timeText(newest, now)));
+    Json const& hours = part(script, "reputations");
+    if (hours.is_null()) {
+        lines.add("Script", recordsText(script) + (newest == 0 ? "" : ", the newest of " + timeText(newest, now)));
+    } else {
+        lines.add("Script", count(whole(hours), "hour", "hours") + " of sender reputation");
+    }
     if (!flag(part(script, "complete"))) {
         lines.add("Script", "IT DOES NOT END AS A BACKUP DOES, and will be refused");
+    }
+    if (!hours.is_null()) {
+        lines.add("Replaces",
+                  count(whole(part(part(preview, "tables"), "reputations")), "hour", "hours") + " in the tables");
+        lines.add("Replaces", count(whole(part(part(preview, "caches"), "addresses")), "address", "addresses") +
+                                  " in the daemon's memory");
+        return lines.all() + "Whatever is newer than the script is lost.\n";
     }
     lines.add("Replaces", recordsText(part(preview, "tables")) + " in the tables");
     lines.add("Replaces", recordsText(part(preview, "caches")) + " in the daemon's memory");
@@ -175,14 +221,19 @@ std::string previewText(Json const& preview, std::int64_t now) {
 }
 
 std::string restoredText(Json const& outcome) {
-    return "restored: " + recordsText(part(outcome, "loaded")) + " loaded in " +
-           millisecondsText(static_cast<std::uint64_t>(whole(part(outcome, "milliseconds")))) + "\n";
+    Json const& loaded = part(outcome, "loaded");
+    Json const& hours = part(loaded, "reputations");
+    return "restored: " + (hours.is_null() ? recordsText(loaded) : count(whole(hours), "hour", "hours")) +
+           " loaded in " + millisecondsText(static_cast<std::uint64_t>(whole(part(outcome, "milliseconds")))) + "\n";
 }
 
 std::string acceptedText(Json const& answer) {
-    return flag(part(answer, "changed"))
-               ? "accepted: the next backup replaces the tables by " + recordsText(answer) + "\n"
-               : "nothing to accept: backups are on\n";
+    return flag(part(answer, "changed")) ? "accepted: the next backup replaces the tables by " +
+                                               (part(answer, "addresses").is_null()
+                                                    ? recordsText(answer)
+                                                    : count(whole(part(answer, "addresses")), "address", "addresses")) +
+                                               "\n"
+                                         : "nothing to accept: backups are on\n";
 }
 
 } // namespace Vellum::Tools

@@ -19,8 +19,13 @@ std::string statusText(Json const& status, std::int64_t now);
 std::string loadProblem(Json const& status);
 // "12 tuples and 3 exemptions loaded".
 std::string loadedText(Json const& status);
-// The answer to adminBackup.
+// The same of sender reputation: "120 hours loaded".
+std::string reputationLoadProblem(Json const& status);
+std::string reputationLoadedText(Json const& status);
+// What the answer to adminBackup says of one family's backup.
 std::string backupText(Json const& report);
+// The whole answer, of backups that were accepted.
+std::string acceptedBackupText(Json const& answer);
 // The answer to a dry run of adminRestore: what the script holds, and what would be lost.
 std::string previewText(Json const& preview, std::int64_t now);
 // The answer to adminRestore.

@@ -53,7 +53,7 @@ void runEndpoint(Arguments const& arguments, Output& output, ProgressBar& bar) {
 void run(Arguments const& arguments) {
     Output output(STDOUT_FILENO);
     bool const lists = arguments.command == Command::list || arguments.command == Command::rateList ||
-                       arguments.command == Command::endpointList;
+                       arguments.command == Command::endpointList || arguments.command == Command::reputationList;
     ProgressBar bar(standardErrorTerminal(), lists ? "records" : "bytes");
     if (::isatty(STDOUT_FILENO) != 0) {
         output.beforeWriting([&bar] { bar.erase(); });
@@ -75,6 +75,27 @@ void run(Arguments const& arguments) {
         showRate(daemon, arguments.rateShow, output);
         break;
     }
+    case Command::reputationList: {
+        DaemonConnection daemon(arguments.place);
+        listReputations(daemon, arguments.reputationList, output, bar);
+        break;
+    }
+    case Command::reputationShow: {
+        DaemonConnection daemon(arguments.place);
+        showReputation(daemon, arguments.reputationShow, output);
+        break;
+    }
+    case Command::reputationSetState: {
+        DaemonConnection daemon(arguments.place);
+        setReputationState(daemon, arguments.reputationSet, output);
+        break;
+    }
+    case Command::reputationReload:
+        commands.reloadReputation();
+        break;
+    case Command::reputationAcceptEmpty:
+        commands.acceptEmpty("reputation");
+        break;
     case Command::status:
         commands.status();
         break;
@@ -82,7 +103,7 @@ void run(Arguments const& arguments) {
         commands.reload();
         break;
     case Command::acceptEmpty:
-        commands.acceptEmpty();
+        commands.acceptEmpty("greylist");
         break;
     case Command::backup:
         commands.backup();
