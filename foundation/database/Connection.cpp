@@ -5,6 +5,7 @@
 #include <mysqld_error.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <mutex>
 #include <new>
@@ -171,6 +172,16 @@ void Connection::interrupt() {
     if (m_socket >= 0) {
         shutdown(m_socket, SHUT_RDWR);
     }
+}
+
+bool Connection::isAbandoned() const {
+    char byte = 0;
+    ssize_t const received = recv(m_socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+    if (received > 0) {
+        return mysql_get_ssl_cipher(m_mysql) ==
+               nullptr; // TLS has things to say of its own; a server only says farewell
+    }
+    return received == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
 }
 
 DatabaseException Connection::error(char const* where, std::string_view statement) const {

@@ -68,6 +68,10 @@ class Connection : public RefImpl {
     // and the server rolls back. For a shutdown that must not wait for a slow statement.
     void interrupt();
 
+    // Whether the server has ended the session while nothing was asked of it, as far as this end has heard: true means
+    // that it has, false nothing. Costs a system call and does not wait.
+    bool isAbandoned() const;
+
     st_mysql* native() { return m_mysql; }
     // The error that the client library reports now, for the operation `where`.
     DatabaseException error(char const* where, std::string_view statement) const;
