@@ -10,6 +10,7 @@ struct LogCode {
     static constexpr std::uint32_t cacheNotLoaded = 0x3000165; // "%s", one blank
     static constexpr std::uint32_t removeWrongType = 0x3000167;
     static constexpr std::uint32_t removeFailed = 0x3000168;
+    static constexpr std::uint32_t lookupFailed = 0x3000169;      // "%s", exception; of an address' subscriber
     static constexpr std::uint32_t recordNotStored = 0x3000169;   // "%s", why the backup leaves a subscriber out
     static constexpr std::uint32_t listAddFailed = 0x300016C;     // operation, exception
     static constexpr std::uint32_t listRemoveFailed = 0x300016D;  // operation, exception
@@ -37,6 +38,7 @@ namespace Source {
 inline constexpr char const* reputation = "MMSReputation";
 inline constexpr char const* database = "MMSReputationDatabase";
 inline constexpr char const* display = "MMSReputationDisplay";
+inline constexpr char const* radius = "MMSRadius";
 } // namespace Source
 
 } // namespace Vellum::MMSReputation
