@@ -1,6 +1,7 @@
 #include "reputation/BackupScript.h"
 
 #include "foundation/MakeRoom.h"
+#include "foundation/TextBlock.h"
 #include "foundation/database/BatchedInsert.h"
 #include "foundation/database/LeftOut.h"
 #include "foundation/database/RowText.h"
@@ -14,7 +15,6 @@
 namespace Vellum::Reputation {
 namespace {
 
-using Vellum::Database::appendNumber;
 using Vellum::Database::BatchedInsert;
 using Vellum::Database::clampedToInt;
 using Vellum::Database::LeftOut;
@@ -27,14 +27,16 @@ BatchedInsert::Texts insertInto(std::string const& table) {
     return texts;
 }
 
-// A row's beginning: its address, which needs no escaping.
-void begin(std::string& row, std::string const& address) {
-    row.assign("\n('").append(address).append("', ");
-}
+// Of a row of either table, with what stands before it: an address text has at most 45 characters.
+constexpr std::size_t longestRow = 64 + 6 * (TextBlock::longestNumber + 2);
 
-void end(std::ostream& out, std::string& row) {
-    row.append(")");
-    out.write(row.data(), static_cast<std::streamsize>(row.size()));
+// A row's beginning: what separates it from the one before, and its address, which needs no escaping.
+void begin(TextBlock& text, BatchedInsert& batches, std::string const& address) {
+    text.makeRoom(batches.longestBeforeRow() + longestRow);
+    text.append(batches.textBeforeRow());
+    text.append("\n('");
+    text.append(address);
+    text.append("', ");
 }
 
 std::string hourText(std::string const& address, std::uint32_t period) {
@@ -55,7 +57,7 @@ BackupSnapshot::BackupSnapshot(Cache const& cache) {
     SharedLock const holdEntries(Entry::s_lock);
     SharedLock const holdCache(cache.lock);
     auto const start = std::chrono::steady_clock::now();
-    cache.forEachInKeyOrder([this](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS { // both are held
+    cache.walk([this](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS { // both are held
         copy(pair);
         return true;
     });
@@ -71,7 +73,7 @@ void BackupSnapshot::makeRoomFor(Cache const& cache) {
         SharedLock const holdEntries(Entry::s_lock);
         SharedLock const holdCache(cache.lock);
         addresses = cache.sizeNoLock();
-        cache.forEachInKeyOrder([&hours](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+        cache.walk([&hours](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
             hours += pair.second->records().size();
             return true;
         });
@@ -105,7 +107,7 @@ BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
 std::uint64_t BackupSnapshot::writeRecords(std::ostream& out, LeftOut& leftOut) const {
     LeftOut cut(LogCode::recordNotStored, "counters");
     BatchedInsert batches(out, insertInto(recordsTable));
-    std::string row;
+    TextBlock row(out);
     std::size_t hour = 0;
     for (Address const& address : m_addresses) {
         std::string const text = address.address.asString(true);
@@ -115,20 +117,20 @@ std::uint64_t BackupSnapshot::writeRecords(std::ostream& out, LeftOut& leftOut) 
                 leftOut.add(hourText(text, period), reason);
                 continue;
             }
-            batches.beforeRow();
-            begin(row, text);
-            appendNumber(row, period);
+            begin(row, batches, text);
+            row.appendNumber(period);
             for (std::uint32_t const counter : counters) {
                 if (counter > highestInt) {
                     cut.add("counter " + std::to_string(counter) + " in " + hourText(text, period),
                             "it is beyond the column's range, whose end is stored");
                 }
                 row.append(", ");
-                appendNumber(row, clampedToInt(counter));
+                row.appendNumber(clampedToInt(counter));
             }
-            end(out, row);
+            row.append(")");
         }
     }
+    row.flush();
     batches.finish();
     leftOut.finish();
     cut.finish();
@@ -138,7 +140,7 @@ std::uint64_t BackupSnapshot::writeRecords(std::ostream& out, LeftOut& leftOut) 
 // States come from an int column, so the same bits as an int are what they were there.
 std::uint64_t BackupSnapshot::writeStates(std::ostream& out) const {
     BatchedInsert batches(out, insertInto(statesTable));
-    std::string row;
+    TextBlock row(out);
     std::size_t firstHour = 0;
     for (Address const& address : m_addresses) {
         bool const holdsRecords = address.endOfHours != firstHour;
@@ -146,11 +148,11 @@ std::uint64_t BackupSnapshot::writeStates(std::ostream& out) const {
         if (!holdsRecords || address.address.isNull()) {
             continue;
         }
-        batches.beforeRow();
-        begin(row, address.address.asString(true));
-        appendNumber(row, static_cast<std::int32_t>(address.state));
-        end(out, row);
+        begin(row, batches, address.address.asString(true));
+        row.appendNumber(static_cast<std::int32_t>(address.state));
+        row.append(")");
     }
+    row.flush();
     batches.finish();
     return batches.rows();
 }

@@ -8,6 +8,8 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <vector>
+
 namespace Vellum {
 
 // The family, then the address; only IPv6 addresses that agree in 15 bytes need another look.
@@ -42,9 +44,41 @@ class Cache : public LRUCache<IPAddress, RefEntry> {
     // The same as a handle, which stays good.
     RefEntry entry(IPAddress const& address) const;
 
+    // Calls visit(Pair const&) for every address in ascending order, until it answers false. As forEachInKeyOrder(),
+    // but entries and their records, which lie all over the memory, are asked for some addresses before their turn.
+    // Throws std::bad_alloc.
+    template <class Visit>
+    void walk(Visit visit) const VELLUM_REQUIRES_SHARED(lock)
+    VELLUM_REQUIRES_SHARED(Entry::s_lock);
+
   private:
     iterator findOrCreateNoLock(IPAddress const& address) const VELLUM_REQUIRES(lock);
 };
+
+template <class Visit>
+void Cache::walk(Visit visit) const {
+    constexpr std::size_t entriesAhead = 16;
+    constexpr std::size_t recordsAhead = 8;
+    std::vector<Pair const*> pairs;
+    pairs.reserve(sizeNoLock());
+    forEachInKeyOrder([&pairs](Pair const& pair) {
+        pairs.push_back(&pair);
+        return true;
+    });
+    for (std::size_t at = 0; at < pairs.size(); ++at) {
+        if (at + entriesAhead < pairs.size()) {
+            auto const* const entry = reinterpret_cast<char const*>(pairs[at + entriesAhead]->second.operator->());
+            __builtin_prefetch(entry);
+            __builtin_prefetch(entry + sizeof(Entry) - 1);
+        }
+        if (at + recordsAhead < pairs.size()) {
+            pairs[at + recordsAhead]->second->prefetchRecords();
+        }
+        if (!visit(*pairs[at])) {
+            return;
+        }
+    }
+}
 
 // The process-wide handle.
 class RefCache {

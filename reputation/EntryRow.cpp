@@ -5,11 +5,25 @@
 #include "foundation/database/Columns.h"
 #include "reputation/LogCodes.h"
 
+#include <string>
+#include <string_view>
+
 namespace Vellum::Reputation {
 namespace {
 
 constexpr unsigned int emptyColumnLine = 39; // promised to log readers
 constexpr int columnsOfBothTables = 9;
+
+// The hours of an address mostly come one after the other, so a row's address is nearly always that of the row before.
+IPAddress const& parsed(std::string_view text) {
+    thread_local std::string lastText;
+    thread_local IPAddress last;
+    if (text != lastText) {
+        last = IPAddress(std::string(text));
+        lastText = text;
+    }
+    return last;
+}
 
 } // namespace
 
@@ -23,7 +37,7 @@ bool EntryRow::parse(void* handle, void* result, void* row) {
     auto const number = [&](int column) {
         return static_cast<std::uint32_t>(columns.number(column));
     };
-    address = IPAddress(columns.text(0));
+    address = parsed(columns.text(0));
     period = number(1);
     messageCount = number(2);
     recipients = number(3);
@@ -34,11 +48,22 @@ bool EntryRow::parse(void* handle, void* result, void* row) {
     return true;
 }
 
-void AdapterRowToEntry::operator()(Ref<Vellum::Database::RowImpl> const& row) const {
+RefEntry const& AdapterRowToEntry::entryOf(IPAddress const& address) {
+    if (m_entry.isNull() || !(m_address == address)) {
+        m_entry = m_cache.entry(address);
+        m_address = address;
+    }
+    return m_entry;
+}
+
+void AdapterRowToEntry::operator()(Ref<Vellum::Database::RowImpl> const& row) {
     doneOrLogged(LogCode::rowNotAdded, [&] {
         auto const& hour = static_cast<EntryRow const&>(*row);
-        RefEntry const entry = m_cache.entry(hour.address);
-        entry->state(static_cast<ReputationState>(hour.state));
+        RefEntry const& entry = entryOf(hour.address);
+        auto const state = static_cast<ReputationState>(hour.state);
+        if (entry->state() != state) {
+            entry->state(state);
+        }
         entry->add(hour.period, {hour.messageCount, hour.recipients, hour.invalidRecipients, hour.infected, hour.spam});
     });
 }

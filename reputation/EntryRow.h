@@ -31,10 +31,15 @@ class EntryRow : public Vellum::Database::RowImpl {
 class AdapterRowToEntry {
   public:
     AdapterRowToEntry() : m_cache(**RefCache::instance()) {}
-    void operator()(Ref<Vellum::Database::RowImpl> const& row) const;
+    void operator()(Ref<Vellum::Database::RowImpl> const& row);
 
   private:
+    RefEntry const& entryOf(IPAddress const& address);
+
     Cache& m_cache; // the process's, which is never destroyed
+    // Of the row before: the hours of an address mostly come one after the other.
+    IPAddress m_address;
+    RefEntry m_entry{false};
 };
 
 } // namespace Vellum::Reputation

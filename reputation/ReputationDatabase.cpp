@@ -13,8 +13,6 @@
 #include "reputation/LoadReport.h"
 #include "reputation/LogCodes.h"
 
-#include <algorithm>
-
 namespace Vellum::Reputation {
 namespace {
 
@@ -95,7 +93,11 @@ void Database::read() {
             "select * from sender_reputation,sender_reputation_state where (sender_reputation.ClientIPAddress = "
             "sender_reputation_state.ClientIPAddress );\n",
             recordsTable + " with " + statesTable, container);
-        std::for_each(container.rows().begin(), container.rows().end(), AdapterRowToEntry());
+        AdapterRowToEntry add;
+        for (Ref<Vellum::Database::RowImpl>& row : container.rows()) {
+            add(row);
+            row = {}; // its memory is wanted for the next record
+        }
         report.loaded = true;
         report.problem.clear();
         report.rows = container.rows().size();

@@ -48,7 +48,7 @@ int EntryHandler::task(IPC::SocketIPC& client, IPC::Pdu const& request) const {
         long const now = std::time(nullptr);
         std::uint32_t const firstPeriod = Entry::firstPeriodAt(now);
         IPC::Listing listing(client, cache.sizeNoLock());
-        cache.forEachInKeyOrder([&](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS { // both are held
+        cache.walk([&](Cache::Pair const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS { // both are held
             return listing.send(IPC::PduType::reputationEntry, Packet(pair.first, pair.second, now, firstPeriod));
         });
         listing.end();

@@ -64,6 +64,15 @@ void Entry::state(ReputationState state) {
     m_state.store(state, std::memory_order_relaxed);
 }
 
+void Entry::prefetchRecords() const {
+    constexpr std::size_t line = 64;
+    auto const* const first = reinterpret_cast<char const*>(m_records.empty() ? nullptr : &*m_records.begin());
+    std::size_t const bytes = std::min<std::size_t>(m_records.size(), scoredPeriods) * sizeof(Records::value_type);
+    for (std::size_t at = 0; at < bytes; at += line) {
+        __builtin_prefetch(first + at);
+    }
+}
+
 long Entry::lastModified() const {
     long stored = m_lastModified.load(std::memory_order_relaxed);
     if (stored != 0) {

@@ -3,14 +3,13 @@
 
 #include "foundation/Locks.h"
 
+#include <boost/container/flat_map.hpp>
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 
 namespace Vellum::Reputation {
 
@@ -67,7 +66,8 @@ class Entry : public boost::enable_shared_from_this<Entry> {
         std::uint32_t flagged = 0;
     };
     static_assert(sizeof(Record) == 36);
-    using Records = std::map<std::uint32_t, Record>; // by period, ascending
+    // By period, ascending; in one piece of memory, which a walk over all entries reads several times as fast as nodes.
+    using Records = boost::container::flat_map<std::uint32_t, Record>;
 
     Entry() = default;
     virtual ~Entry() = default;
@@ -82,6 +82,9 @@ class Entry : public boost::enable_shared_from_this<Entry> {
     // Valid while s_lock is held, shared at least.
     Records const& records() const VELLUM_REQUIRES_SHARED(s_lock)
     { return m_records; }
+
+    // Tells the processor that the records will be read soon.
+    void prefetchRecords() const VELLUM_REQUIRES_SHARED(s_lock);
 
     // When a counter changed last, seconds since the epoch. Of an entry that was only loaded: the start of its newest
     // period, which from then on stays the answer until a counter changes; 0 without any record. Takes no lock.
