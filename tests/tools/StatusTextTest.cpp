@@ -153,5 +153,53 @@ TEST_F(StatusText, ARestoreIsPreviewedBesideWhatItReplaces) {
     EXPECT_EQ(text.find("the newest of"), std::string::npos);
 }
 
+TEST_F(StatusText, SenderReputationHasLinesOfItsOwn) {
+    Json all = status();
+    Json const last = {{"accepted", true}, {"started", now - 180}, {"milliseconds", 40}, {"records", 1},
+                       {"addresses", 10},  {"left_out", 0},        {"bytes", 1500},      {"problem", ""}};
+    Json const load = {{"attempted", true}, {"loaded", true}, {"rows", 120}, {"problem", ""}};
+    all["reputation"] = {{"entries", {{"size", 10}, {"capacity", 10000}, {"load", load}}},
+                         {"backup", {{"allowed", true}, {"reason", ""}, {"last", last}}}};
+    EXPECT_NE(statusText(all, now).find("Reputation   10 of 10000 (0 %); 120 rows loaded\n"
+                                        "             backups on\n"
+                                        "             last backup 2026-11-21 10:01 (3 min ago): 1 hour of 10 "
+                                        "addresses, 1.5 kB in 40 ms\n"),
+              std::string::npos)
+        << statusText(all, now);
+    EXPECT_EQ(reputationLoadProblem(all), "");
+    EXPECT_EQ(reputationLoadedText(all), "120 hours loaded");
+    all["reputation"]["entries"]["load"] = {{"attempted", true}, {"loaded", false}, {"problem", "row 3"}};
+    all["reputation"]["backup"] = {{"allowed", false}, {"reason", "row 3"}, {"last", nullptr}};
+    EXPECT_NE(statusText(all, now).find("THE LAST LOAD FAILED: row 3\n"
+                                        "             BACKUPS OFF: row 3\n"
+                                        "             last backup none since the start\n"),
+              std::string::npos)
+        << statusText(all, now);
+    EXPECT_EQ(reputationLoadProblem(all), "sender reputation could not be loaded: row 3");
+}
+
+TEST_F(StatusText, BackupAndRestoreTellOfSenderReputation) {
+    Json answer = status()["backup"]["last"];
+    answer["reputation"] = {{"accepted", true}, {"records", 2}, {"addresses", 1}, {"bytes", 300}, {"milliseconds", 4}};
+    EXPECT_EQ(acceptedBackupText(answer),
+              "accepted by the database daemon: 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
+              "accepted by the database daemon: 2 hours of 1 address, 300 bytes in 4 ms\n");
+    Json const preview = {{"path", "/r.sql"},
+                          {"script", {{"reputations", 120}, {"tuples", 0}, {"complete", true}}},
+                          {"tables", {{"reputations", 130}}},
+                          {"caches", {{"addresses", 14}}}};
+    std::string const text = previewText(preview, now);
+    EXPECT_NE(text.find("             120 hours of sender reputation\n"
+                        "Replaces     130 hours in the tables\n"
+                        "             14 addresses in the daemon's memory\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("tuples"), std::string::npos) << text;
+    EXPECT_EQ(restoredText({{"loaded", {{"tuples", 0}, {"exemptions", 0}, {"reputations", 120}}}, {"milliseconds", 7}}),
+              "restored: 120 hours loaded in 7 ms\n");
+    EXPECT_EQ(acceptedText({{"changed", true}, {"addresses", 1}}),
+              "accepted: the next backup replaces the tables by 1 address\n");
+}
+
 } // namespace
 } // namespace Vellum::Tools
