@@ -85,7 +85,7 @@ int Daemon::run() {
             m_settings.reputation, m_settings.state.reputationScript(),
             [this] { return m_reputationLoads.mayBackUp() && !restoreRunning(); });
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
-        m_endpoints = std::make_unique<EndpointState>(m_settings.endpoint, m_settings.state.endpointScript());
+        m_endpoints = std::make_unique<EndpointConfiguration>(m_settings.endpoint, m_settings.state.endpointScript());
         m_rules = loadRules(m_settings);
         bringUpState();
         serve();
@@ -171,9 +171,6 @@ void Daemon::bringUpState() {
     senderHistoryDatabaseInitialize();
     m_databaseWatch.look(clockNow());
     sayWhatCouldNotBeLoaded();
-    if (std::string const problem = EndpointState::loadProblem(); !problem.empty()) {
-        note(Logger::Severity::error, problem + "; their backups are off until a load succeeds (tried every minute)");
-    }
 }
 
 void Daemon::sayWhatCouldNotBeLoaded() const {
@@ -187,6 +184,10 @@ void Daemon::sayWhatCouldNotBeLoaded() const {
     };
     say(m_loads.problem(), "greylist");
     say(m_reputationLoads.problem(), "reputation");
+    if (std::string const problem = m_endpointLoads.problem(); !problem.empty()) {
+        note(Logger::Severity::error, problem + "; loading is tried every minute, and entries that could not be loaded "
+                                                "are not backed up until then");
+    }
 }
 
 DecisionSettings Daemon::decisionSettings() const {
@@ -248,15 +249,15 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
         "[policy]");
     say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
     say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
-    say(changed.endpoint.windowMinutes != m_endpoints->windowMinutes(), "[endpoint] window_minutes");
+    say(changed.endpoint.windowMinutes != m_endpoints->windowSize(), "[endpoint] window_minutes");
 }
 
 void Daemon::keepHouse() {
     m_databaseWatch.look(clockNow());
     if (m_databaseWatch.state().reachable.value_or(false)) {
         m_loads.tryAgain();
-        EndpointState::tryAgain();
         m_reputationLoads.tryAgain();
+        m_endpointLoads.tryAgain();
     }
     m_decision->dropDeadExemptions(clockNow());
 }
@@ -298,7 +299,6 @@ void Daemon::stop() {
         note(Logger::Severity::error, "a backup that was running did not end in time");
     }
     takeLastBackups();
-    m_endpoints->takeLastBackup();
     note(Logger::Severity::info, "ended");
     Logger::instance(false).flush();
 }
@@ -312,6 +312,9 @@ void Daemon::takeLastBackups() {
     reputation.enabled = m_settings.reputation.backup;
     reputation.problem = m_reputationLoads.problem();
     takeLastBackup(reputation);
+    LastBackup endpoints = lastEndpointBackup(m_endpoints->fnameBackup());
+    endpoints.enabled = m_settings.endpoint.backup;
+    takeLastBackup(endpoints);
 }
 
 DaemonStatus Daemon::status() const {

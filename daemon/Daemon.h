@@ -7,7 +7,7 @@
 
 #include "daemon/DatabaseWatch.h"
 #include "daemon/Decision.h"
-#include "daemon/EndpointState.h"
+#include "daemon/EndpointConfiguration.h"
 #include "daemon/GreylistAdministration.h"
 #include "daemon/Housekeeping.h"
 #include "daemon/InstanceLock.h"
@@ -73,7 +73,8 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<ReputationConfiguration> m_reputation;
     LoadKeeper m_loads; // of the greylist
     LoadKeeper m_reputationLoads{reputationTables()};
-    std::unique_ptr<EndpointState> m_endpoints;
+    std::unique_ptr<EndpointConfiguration> m_endpoints;
+    LoadKeeper m_endpointLoads{endpointTables()};
     DatabaseWatch m_databaseWatch;
     std::unique_ptr<Decision> m_decision;
     std::unique_ptr<PolicyTranslator> m_translator;

@@ -3,6 +3,8 @@
 #include "foundation/Logger.h"
 #include "greylist/BackupReport.h"
 #include "greylist/GlRecordDatabase.h"
+#include "mmsreputation/MMSReputationDatabase.h"
+#include "mmsreputation/Reports.h"
 #include "reputation/BackupReport.h"
 #include "reputation/ReputationDatabase.h"
 
@@ -81,6 +83,24 @@ LastBackup lastReputationBackup(std::string const& path) {
         return LastBackup::Outcome{report.accepted, report.accepted
                                                         ? std::to_string(report.records) + " hours of " +
                                                               std::to_string(report.addresses) + " addresses"
+                                                        : report.problem};
+    };
+    return backup;
+}
+
+LastBackup lastEndpointBackup(std::string const& path) {
+    LastBackup backup;
+    backup.of = " of endpoints";
+    MMSReputation::RefCache const cache = MMSReputation::RefCache::instance(nullptr, MMSReputation::Select::everything);
+    backup.problem = cache.isNull() ? "nothing was loaded" : cache->whyNotWhole();
+    backup.take = backup.takeWithoutServer = [path] {
+        MMSReputation::Database::write(path);
+    };
+    backup.outcome = [] {
+        MMSReputation::BackupReport const report = MMSReputation::BackupReport::last();
+        return LastBackup::Outcome{report.accepted, report.accepted
+                                                        ? std::to_string(report.records) + " slices of " +
+                                                              std::to_string(report.subscribers) + " subscribers"
                                                         : report.problem};
     };
     return backup;

@@ -26,8 +26,9 @@ struct LastBackup {
 // Says in the log what came of it, or why none was made. Waits for the database daemon.
 void takeLastBackup(LastBackup const& backup);
 
-// Both of the process's caches; sender reputation's script is written to `path`.
+// All of the process's caches; the scripts of both reputations are written to `path`.
 LastBackup lastGreylistBackup();
 LastBackup lastReputationBackup(std::string const& path);
+LastBackup lastEndpointBackup(std::string const& path); // its problem is set
 
 } // namespace Vellum::Daemon

@@ -24,6 +24,9 @@ struct KeptTables {
 KeptTables greylistTables();
 // Of sender reputation: of an hour that was loaded and counted in since the start, each counter's larger value stays.
 KeptTables reputationTables();
+// Of endpoint reputation, both lists included: of a slice, the larger counts stay. Where only a list was missed, only
+// the lists are read again. What the entries miss keeps the library itself from backing them up.
+KeptTables endpointTables();
 
 class LoadKeeper {
   public:

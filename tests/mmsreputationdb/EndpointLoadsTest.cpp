@@ -1,5 +1,7 @@
 // Endpoints in the daemon: loads that are tried again, and the last backup.
-#include "daemon/EndpointState.h"
+#include "daemon/EndpointConfiguration.h"
+#include "daemon/LastBackup.h"
+#include "daemon/LoadKeeper.h"
 
 #include "tests/support/EndpointTables.h"
 #include "tests/support/FakeDatabaseDaemon.h"
@@ -21,22 +23,29 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class EndpointStateTest : public MMSReputation::EndpointTables {
+class EndpointInDaemon : public MMSReputation::EndpointTables {
   protected:
     static constexpr char const* inTheYear2037 = "2114377200";
 
     void lookAtTheCache() { m_cache = RefCache::instance(nullptr, 255); }
     std::string note() const { return m_log.notes().empty() ? "none" : m_log.notes().back(); }
 
+    void takeLastBackup() const {
+        LastBackup backup = lastEndpointBackup(m_state.fnameBackup());
+        backup.enabled = m_state.haMaster();
+        Daemon::takeLastBackup(backup);
+    }
+
     std::uint32_t const m_slice = currentSlice();
     std::string const m_at = std::to_string(m_slice);
-    EndpointState m_state{{}, scriptPath()};
+    EndpointConfiguration m_state{{}, scriptPath()};
+    LoadKeeper m_loads{endpointTables()};
 };
 
-TEST_F(EndpointStateTest, IsTheConfigurationForItsLife) {
+TEST_F(EndpointInDaemon, IsTheConfigurationForItsLife) {
     auto* const before = MMSReputation::Configuration::s_instance.load();
     {
-        EndpointState const state({.enabled = false, .windowMinutes = 45, .backup = false}, "/b/endpoint.sql");
+        EndpointConfiguration const state({.enabled = false, .windowMinutes = 45, .backup = false}, "/b/endpoint.sql");
         MMSReputation::Configuration const* const configuration = MMSReputation::Configuration::instance();
         EXPECT_EQ(configuration, &state);
         EXPECT_FALSE(configuration->enabled());
@@ -49,28 +58,28 @@ TEST_F(EndpointStateTest, IsTheConfigurationForItsLife) {
     MMSReputation::Configuration::s_instance = before;
 }
 
-TEST_F(EndpointStateTest, ChangedSettingsHoldAtOnceButForTheWindow) {
+TEST_F(EndpointInDaemon, ChangedSettingsHoldAtOnceButForTheWindow) {
     m_state.change({.enabled = false, .windowMinutes = 60, .backup = false});
     EXPECT_FALSE(m_state.enabled());
     EXPECT_FALSE(m_state.haMaster());
     EXPECT_EQ(m_state.windowSize(), 30U);
 }
 
-TEST_F(EndpointStateTest, WholeLoadIsNotTriedAgain) {
+TEST_F(EndpointInDaemon, WholeLoadIsNotTriedAgain) {
     load();
-    EXPECT_EQ(EndpointState::loadProblem(), "");
-    EXPECT_THAT(sent([] { EndpointState::tryAgain(); }), IsEmpty());
+    EXPECT_EQ(m_loads.problem(), "");
+    EXPECT_THAT(sent([&] { m_loads.tryAgain(); }), IsEmpty());
     EXPECT_TRUE(m_log.lines().empty());
 }
 
-TEST_F(EndpointStateTest, ProblemNamesWhatWasMissed) {
-    EXPECT_EQ(EndpointState::loadProblem(), "the endpoint tables could not be loaded: no load was tried yet");
+TEST_F(EndpointInDaemon, ProblemNamesWhatWasMissed) {
+    EXPECT_EQ(m_loads.problem(), "the endpoint tables could not be loaded: no load was tried yet");
     run({"insert into mms_exempt values ('')"});
     load();
-    EXPECT_THAT(EndpointState::loadProblem(), HasSubstr("Invalid MSISDN Entry; row 1 of mms_exempt"));
+    EXPECT_THAT(m_loads.problem(), HasSubstr("Invalid MSISDN Entry; row 1 of mms_exempt"));
 }
 
-TEST_F(EndpointStateTest, LoadIsTriedAgainAndKeepsWhatWasCountedMeanwhile) {
+TEST_F(EndpointInDaemon, LoadIsTriedAgainAndKeepsWhatWasCountedMeanwhile) {
     run({"insert into mms_reputation values ('" + std::string("1', ") + m_at + ", 5, 0), ('2', " + m_at +
              ", 7, 7), ('', 1, 1, 1)",
          "insert into mms_reputation_expiry values ('1', 0), ('2', " + std::string(inTheYear2037) + "), ('', 0)"});
@@ -82,13 +91,13 @@ TEST_F(EndpointStateTest, LoadIsTriedAgainAndKeepsWhatWasCountedMeanwhile) {
     m_cache->entry(MSISDN("3"), 0, true)->add(Period(m_slice), {0, 2});
     m_cache->entry(MSISDN("3"), 0, true)->blacklistExpiry(77);
 
-    EndpointState::tryAgain();
+    m_loads.tryAgain();
     EXPECT_THAT(m_log.notes(), IsEmpty()) << "the row is still there";
-    EXPECT_NE(EndpointState::loadProblem(), "");
+    EXPECT_NE(m_loads.problem(), "");
     run({"delete from mms_reputation where msisdn = ''"});
     m_log.clear();
-    EndpointState::tryAgain();
-    EXPECT_EQ(note(), "the endpoint tables that could not be loaded are loaded now: their backups are on again");
+    m_loads.tryAgain();
+    EXPECT_EQ(note(), "the endpoint tables that could not be loaded are loaded now: backups are on again");
     lookAtTheCache();
     EXPECT_EQ(m_cache->whyNotWhole(), "");
     EXPECT_THAT(held(), ElementsAre("1 0 " + m_at + ":6:1",
@@ -97,57 +106,57 @@ TEST_F(EndpointStateTest, LoadIsTriedAgainAndKeepsWhatWasCountedMeanwhile) {
                                     "3 77 " + m_at + ":0:2"));
 }
 
-TEST_F(EndpointStateTest, MissedListsAreReadAgainWithoutTheEntries) {
+TEST_F(EndpointInDaemon, MissedListsAreReadAgainWithoutTheEntries) {
     run({"insert into mms_reputation values ('1', " + m_at + ", 5, 0)",
          "insert into mms_reputation_expiry values ('1', 0)", "insert into mms_exempt values ('11'), ('')",
          "insert into mms_blacklist values ('21')"});
     load();
     m_cache->entry(MSISDN("1"), 0, true)->increment(AttributeType::spam, m_slice);
     run({"delete from mms_exempt where msisdn = ''"});
-    EXPECT_THAT(sent([] { EndpointState::tryAgain(); }),
+    EXPECT_THAT(sent([&] { m_loads.tryAgain(); }),
                 ElementsAre(HasSubstr("SET NAMES"), "select * from mms_exempt", "select * from mms_blacklist"));
-    EXPECT_EQ(EndpointState::loadProblem(), "");
+    EXPECT_EQ(m_loads.problem(), "");
     EXPECT_TRUE(RefCache::instance(nullptr, 255) == m_cache);
     EXPECT_THAT(held(), ElementsAre("1 0 " + m_at + ":6:0"));
     EXPECT_THAT(exemptHeld(), ElementsAre("11"));
     EXPECT_THAT(blacklistHeld(), ElementsAre("21"));
 }
 
-TEST_F(EndpointStateTest, TryingWhileTheServerIsAwayThrowsAndKeepsTheCache) {
+TEST_F(EndpointInDaemon, TryingWhileTheServerIsAwayThrowsAndKeepsTheCache) {
     LoadReport::set({});
     UnreachableServer const away;
-    EXPECT_THROW(EndpointState::tryAgain(), Exception);
+    EXPECT_THROW(m_loads.tryAgain(), Exception);
     EXPECT_TRUE(RefCache::instance(nullptr, 255) == m_cache);
 }
 
-TEST_F(EndpointStateTest, LastBackupIsHandedOverAlsoWhileTheServerIsAway) {
+TEST_F(EndpointInDaemon, LastBackupIsHandedOverAlsoWhileTheServerIsAway) {
     load();
     m_cache->entry(MSISDN("1"), 0, true)->increment(AttributeType::spam, m_slice);
     FakeDatabaseDaemon const daemon;
     UnreachableServer const away;
-    m_state.takeLastBackup();
-    EXPECT_EQ(note(), "last endpoint backup: 1 subscribers are with the database daemon");
+    takeLastBackup();
+    EXPECT_EQ(note(), "last backup of endpoints: 1 slices of 1 subscribers are with the database daemon");
     EXPECT_EQ(daemon.requests().size(), 1U);
     EXPECT_TRUE(std::filesystem::exists(scriptPath()));
 }
 
-TEST_F(EndpointStateTest, LastBackupThatFailsIsSaid) {
+TEST_F(EndpointInDaemon, LastBackupThatFailsIsSaid) {
     load();
     FakeDatabaseDaemon const daemon(5);
-    m_state.takeLastBackup();
-    EXPECT_THAT(note(), HasSubstr("the last endpoint backup failed, what came after the one before is lost: the "
+    takeLastBackup();
+    EXPECT_THAT(note(), HasSubstr("the last backup of endpoints failed, what came after the one before is lost: the "
                                   "database daemon did not take the script"));
 }
 
-TEST_F(EndpointStateTest, NoLastBackupOfAPartialLoadNorWhenSwitchedOff) {
+TEST_F(EndpointInDaemon, NoLastBackupOfAPartialLoadNorWhenSwitchedOff) {
     run({"insert into mms_reputation values ('', 1, 1, 1)", "insert into mms_reputation_expiry values ('', 0)"});
     load();
     FakeDatabaseDaemon const daemon;
-    m_state.takeLastBackup();
-    EXPECT_THAT(note(), HasSubstr("no last endpoint backup: EntryRow"));
+    takeLastBackup();
+    EXPECT_THAT(note(), HasSubstr("no last backup of endpoints: EntryRow"));
     m_state.change({.backup = false});
-    m_state.takeLastBackup();
-    EXPECT_EQ(note(), "no last endpoint backup: it is switched off in the settings");
+    takeLastBackup();
+    EXPECT_EQ(note(), "no last backup of endpoints: backups are switched off in the settings");
     EXPECT_THAT(daemon.requests(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(scriptPath()));
 }

@@ -1,0 +1,46 @@
+// The times and the backup of endpoint reputation, as the settings give them.
+#pragma once
+
+#include "daemon/EndpointSettings.h"
+#include "mmsreputation/Cache.h"
+#include "mmsreputation/Configuration.h"
+
+#include <atomic>
+#include <string>
+#include <utility>
+
+namespace Vellum::Daemon {
+
+// Installed for its life. Whether the cache may replace the tables is not asked here: the library looks at the very
+// cache that it writes.
+class EndpointConfiguration final : public MMSReputation::Configuration {
+  public:
+    EndpointConfiguration(EndpointSettings const& settings, std::string backupFile)
+        : m_backupFile(std::move(backupFile)), m_windowMinutes(settings.windowMinutes), m_enabled(settings.enabled),
+          m_backup(settings.backup) {
+        s_instance = this;
+    }
+    ~EndpointConfiguration() override { s_instance = nullptr; }
+
+    // Takes over what may change while the daemon runs. The window may not: slices that were counted would mean other
+    // times.
+    void change(EndpointSettings const& settings) {
+        m_enabled = settings.enabled;
+        m_backup = settings.backup;
+    }
+
+    std::string const& fnameBackup() const override { return m_backupFile; }
+    void resyncIfMaster() const override {}
+    bool haMaster() const override { return m_backup; } // a unit without a partner is always the master
+    unsigned int maxEntries() const override { return MMSReputation::Cache::mostEntries; }
+    unsigned int windowSize() const override { return m_windowMinutes; }
+    bool enabled() const override { return m_enabled; }
+
+  private:
+    std::string const m_backupFile;
+    unsigned int const m_windowMinutes;
+    std::atomic<bool> m_enabled;
+    std::atomic<bool> m_backup;
+};
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,91 @@
+#include "daemon/LoadKeeper.h"
+#include "mmsreputation/MMSReputationDatabase.h"
+#include "mmsreputation/Reports.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+namespace Vellum::Daemon {
+namespace {
+
+using MMSReputation::Entry;
+using MMSReputation::LoadReport;
+using MMSReputation::RefCache;
+namespace Select = MMSReputation::Select;
+
+// What the cache has counted, to be put back beside what a load brings.
+class KeptEndpoints {
+  public:
+    explicit KeptEndpoints(MMSReputation::Cache const& cache) {
+        SharedLock const holdEntries(Entry::s_mutex);
+        SharedLock const hold(cache.lock);
+        cache.forEachInKeyOrder([this](auto const& pair) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+            if (Entry const* entry = pair.second.get()) {
+                m_endpoints.push_back({pair.first, entry->records(), entry->blacklistExpiry()});
+            }
+            return true;
+        });
+    }
+    // A sum would count twice what the tables had from this very cache, so the larger value stays.
+    void putBackInto(MMSReputation::Cache const& cache) const {
+        for (Endpoint const& endpoint : m_endpoints) {
+            MMSReputation::RefEntry const entry = cache.entry(endpoint.number, 0, true);
+            entry->blacklistExpiry(std::max(entry->blacklistExpiry(), endpoint.expiry));
+            ExclusiveLock const hold(Entry::s_mutex);
+            for (auto const& [slice, counted] : endpoint.records) {
+                entry->add(MMSReputation::Period(slice), larger(entry->records(), slice, counted));
+            }
+        }
+    }
+
+  private:
+    struct Endpoint {
+        MSISDN number;
+        Entry::Records records;
+        long expiry;
+    };
+
+    static Entry::Record larger(Entry::Records const& loaded, std::uint32_t slice, Entry::Record const& counted) {
+        auto const found = loaded.find(slice);
+        if (found == loaded.end()) {
+            return counted;
+        }
+        return {std::max<std::uint32_t>(found->second.spam, counted.spam),
+                std::max<std::uint32_t>(found->second.infected, counted.infected)};
+    }
+
+    std::vector<Endpoint> m_endpoints;
+};
+
+std::string problem() {
+    LoadReport const report = LoadReport::last();
+    for (LoadReport::Part const* part : {&report.entries, &report.exemptList, &report.blacklist}) {
+        if (!part->loaded) {
+            return "the endpoint tables could not be loaded: " +
+                   (part->problem.empty() ? "no load was tried yet" : part->problem);
+        }
+    }
+    return {};
+}
+
+void loadAgain() {
+    MMSReputation::Database database(Database::Connection::defaultAddress());
+    if (LoadReport::last().entries.loaded) { // and counted into since: only the lists are read again
+        RefCache::instance(&database, Select::exemptList | Select::blacklist);
+        return;
+    }
+    RefCache const before = RefCache::instance(nullptr, Select::everything);
+    RefCache const now = RefCache::instance(&database, Select::everything);
+    if (!before.isNull()) {
+        KeptEndpoints(*before).putBackInto(*now);
+    }
+}
+
+} // namespace
+
+KeptTables endpointTables() {
+    return {"the endpoint tables", problem, loadAgain};
+}
+
+} // namespace Vellum::Daemon
