@@ -8,6 +8,7 @@
 #include "bench/SocketCopy.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "mmsreputation/BackupScript.h"
+#include "mmsreputation/Configuration.h"
 #include "mmsreputation/MMSReputationDatabase.h"
 #include "mmsreputation/MMSReputationDisplay.h"
 #include "mmsreputation/Reports.h"
@@ -107,8 +108,8 @@ class EndpointBench {
     EndpointBench(PrivateMariaDb& server, std::size_t subscribers, Options const& options)
         : m_subscribers(subscribers), m_options(options), m_plain(subscribers) {
         server.freshDatabase();
-        Database(address()).createTable("");
-        Database database(address());
+        MMSReputation::Database(address()).createTable("");
+        MMSReputation::Database database(address());
         m_cache = RefCache::instance(&database, Select::everything);
         for (std::size_t n = 0; n < subscribers; ++n) {
             m_entries.push_back(m_cache->entry(number(n), 0, true));
@@ -219,7 +220,7 @@ class EndpointBench {
         if (file == nullptr || std::fclose(file) != 0 || !written) {
             throw std::runtime_error("no script");
         }
-        Database(address()).runScript(path);
+        MMSReputation::Database(address()).runScript(path);
         Comparison comparison;
         for (unsigned int turn = 0; turn < m_options.turns; ++turn) {
             comparison.turn([&] { return loadOurs(); }, [&] { return fetch(); });
@@ -227,7 +228,7 @@ class EndpointBench {
         comparison.print("loading, beside a bare fetch", m_subscribers, m_options.json);
     }
     double loadOurs() const {
-        Database database(address());
+        MMSReputation::Database database(address());
         RefCache target(true);
         double const taken = milliseconds([&] { database.read(target, Select::entries); });
         if (LoadReport::last().entries.rows != m_subscribers * slicesEach) {

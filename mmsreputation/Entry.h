@@ -7,9 +7,10 @@
 #include "include2/VellumRefcounted.h"
 #include "mmsreputation/Period.h"
 
+#include <boost/container/flat_map.hpp>
+
 #include <cstddef>
 #include <cstdint>
-#include <map>
 
 namespace Vellum::MMSReputation {
 
@@ -28,7 +29,8 @@ class Entry : public RefImpl {
         RelaxedCount spam;
         RelaxedCount infected;
     };
-    using Records = std::map<std::uint32_t, Record>; // by slice index, ascending
+    // By slice index, ascending. In one piece of memory: there are few, and listings and scores walk them.
+    using Records = boost::container::flat_map<std::uint32_t, Record>;
 
     // What a message counts as. Any other value only makes the slice's record exist.
     enum class AttributeType : std::uint32_t { infected = 0, spam = 1 };
