@@ -56,7 +56,7 @@ std::size_t BackupSnapshot::endOf(std::size_t subscriber) const {
 }
 
 BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
-    LeftOut leftOut(LogCode::recordNotStored);
+    LeftOut leftOut(LogCode::passedOver);
     out << "LOCK TABLES " << recordTable << " WRITE," << expiryTable << " WRITE;\n"
         << "delete from " << recordTable << ";\n"
         << "delete from " << expiryTable << ";\n";

@@ -22,7 +22,7 @@ class BackupSnapshot {
         std::uint64_t records = 0;
         std::uint64_t leftOut = 0; // subscribers or records that no row can hold
     };
-    // Writes the whole script, nothing held. What no row can hold is left out and logged (0x3000169).
+    // Writes the whole script, nothing held. What no row can hold is left out and logged (0x3000166).
     Rows write(std::ostream& out) const;
 
   private:

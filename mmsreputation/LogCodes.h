@@ -8,10 +8,10 @@ namespace Vellum::MMSReputation {
 
 struct LogCode {
     static constexpr std::uint32_t cacheNotLoaded = 0x3000165; // "%s", one blank
+    static constexpr std::uint32_t passedOver = 0x3000166;     // "%s", why a row or a record is left out
     static constexpr std::uint32_t removeWrongType = 0x3000167;
     static constexpr std::uint32_t removeFailed = 0x3000168;
     static constexpr std::uint32_t lookupFailed = 0x3000169;      // "%s", exception; of an address' subscriber
-    static constexpr std::uint32_t recordNotStored = 0x3000169;   // "%s", why the backup leaves a subscriber out
     static constexpr std::uint32_t listAddFailed = 0x300016C;     // operation, exception
     static constexpr std::uint32_t listRemoveFailed = 0x300016D;  // operation, exception
     static constexpr std::uint32_t toolReadFailed = 0x300016E;    // operation, exception
@@ -20,7 +20,6 @@ struct LogCode {
     static constexpr std::uint32_t listFailed = 0x3000175;
     static constexpr std::uint32_t scoresWrongType = 0x3000176;
     static constexpr std::uint32_t scoresFailed = 0x3000177;
-    static constexpr std::uint32_t rowSkipped = 0x3000178;       // "%s", why a row is not loaded or shown
     static constexpr std::uint32_t daemonRefused = 0x3000179;    // "%s", one blank
     static constexpr std::uint32_t writeFailed = 0x300017A;      // source, line, exception
     static constexpr std::uint32_t scriptFailed = 0x300017B;     // operation, source, line, exception, path

@@ -62,7 +62,7 @@ class SkippedRows {
     explicit SkippedRows(std::string const& table) : m_table(table) {}
     ~SkippedRows() {
         if (m_count > shownOneByOne) {
-            logText(LogCode::rowSkipped, std::to_string(m_count - shownOneByOne) + " more rows of " + m_table +
+            logText(LogCode::passedOver, std::to_string(m_count - shownOneByOne) + " more rows of " + m_table +
                                              " hold no subscriber number");
         }
     }
@@ -76,7 +76,7 @@ class SkippedRows {
             return false;
         }
         if (++m_count <= shownOneByOne) {
-            logText(LogCode::rowSkipped,
+            logText(LogCode::passedOver,
                     "row of " + m_table + " skipped: \"" + row.written + "\" is no subscriber number, expected digits");
         }
         return true;
@@ -258,7 +258,7 @@ std::uint64_t Database::readEntries(Cache& cache) {
                              return true;
                          });
     if (ahead > 0) {
-        logText(LogCode::rowSkipped, std::to_string(ahead) + " rows of " + recordTable +
+        logText(LogCode::passedOver, std::to_string(ahead) + " rows of " + recordTable +
                                          " skipped: their slices lie ahead, they were counted in another window");
     }
     return rows;

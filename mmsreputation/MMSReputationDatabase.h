@@ -51,7 +51,7 @@ class Database : public EntrySource {
     // Fills `target`, which nobody else sees yet, with what the bits of `what` ask for (Select): entries first, then
     // the exempt list, then the blacklist. Of the entries what is too old to be scored and not blacklisted any more is
     // skipped, and so are slices more than a window ahead, which were counted under another window. Rows whose number
-    // is none are skipped and logged (0x3000178). A failure is logged (0x300017D) and ends the load: what came before
+    // is none are skipped and logged (0x3000166). A failure is logged (0x300017D) and ends the load: what came before
     // stays in `target`, LoadReport (Reports.h) says that it is not all, and a target that misses entries knows it.
     void read(RefCache& target, unsigned int what) override;
 

@@ -182,7 +182,7 @@ TEST_F(EndpointBackup, WhatNoRowCanHoldIsLeftOutAndLogged) {
     EXPECT_EQ(countOf(longer, text), 0U);
     EXPECT_EQ(countOf("\n('', ", text), 0U);
     std::vector<std::string> reasons;
-    for (auto const& record : m_log.records(0x3000169)) {
+    for (auto const& record : m_log.records(0x3000166)) {
         EXPECT_EQ(record.format, "%s");
         reasons.push_back(record.text);
     }

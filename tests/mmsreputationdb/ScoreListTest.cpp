@@ -77,7 +77,7 @@ TEST_F(EndpointScoreList, RowThatIsNoNumberIsSkippedAndAnEmptyOneEndsIt) {
     run({"insert into mms_repuation_score values ('x', 50, 0)"});
     EXPECT_EQ(show(1, 0).size(), 4U);
     ASSERT_EQ(m_log.lines().size(), 1U);
-    EXPECT_EQ(m_log.lines()[0].code, 0x3000178U);
+    EXPECT_EQ(m_log.lines()[0].code, 0x3000166U);
     m_log.clear();
     run({"insert into mms_repuation_score values ('', 25, 0)"});
     EXPECT_THAT(show(1, 0), ElementsAre("+13 10 200", "11 20 300")) << "what came before it";
