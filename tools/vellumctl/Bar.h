@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,7 +15,7 @@ inline std::string bar(std::uint64_t value, std::uint64_t most, std::size_t colu
         return {};
     }
     double const share = static_cast<double>(std::min(value, most)) / static_cast<double>(most);
-    auto const filled = static_cast<std::size_t>(share * static_cast<double>(columns) + 0.5);
+    auto const filled = static_cast<std::size_t>(std::lround(share * static_cast<double>(columns)));
     return std::string(std::max<std::size_t>(filled, 1), '#');
 }
 

@@ -134,7 +134,10 @@ void writeTable(RateShowRequest const& request, std::vector<RatePeriod> const& p
         std::string together = std::to_string(period.together());
         together.insert(0, width - together.size(), ' ');
         std::string const drawn = bar(period.together(), most, barColumns);
-        cells.push_back(drawn.empty() ? together : together + "  " + drawn);
+        if (!drawn.empty()) {
+            together.append("  ").append(drawn);
+        }
+        cells.push_back(std::move(together));
         table.row(std::move(cells));
     }
     std::vector<std::string> cells{"half hour"};
@@ -169,6 +172,7 @@ std::vector<RatePeriod> shownPeriods(std::vector<RatePeriod> const& sent, std::i
         }
     }
     std::vector<RatePeriod> shown;
+    shown.reserve(periods.size());
     for (auto const& [number, period] : periods) {
         shown.push_back(period);
     }
