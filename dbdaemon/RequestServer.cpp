@@ -1,6 +1,7 @@
 #include "dbdaemon/RequestServer.h"
 
 #include "foundation/Exception.h"
+#include "foundation/Locks.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -131,8 +132,9 @@ void RequestServer::takeClients() {
     for (;;) {
         FileDescriptor socket(accept4(m_listening.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!socket) {
-            if (errno == EMFILE || errno == ENFILE) {
-                dropOldest();
+            bool const exhausted = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+            if (exhausted && !dropOldest()) {
+                sleepFor(0, 100); // nothing here to give up: others use them, and nobody waits for an answer
             }
             return;
         }
@@ -151,15 +153,18 @@ void RequestServer::takeClients() {
     }
 }
 
-// Whoever has been sending for longest goes first; one that is being answered only goes without its answer.
-void RequestServer::dropOldest() {
+// Whoever has been sending for longest goes first; one that is being answered only goes without its answer. False when
+// there is nobody.
+bool RequestServer::dropOldest() {
     auto const receiving = [](auto const& entry) {
         return entry.second.step == Step::receiving;
     };
     auto const oldest = std::find_if(m_clients.begin(), m_clients.end(), receiving);
-    if (!m_clients.empty()) {
-        m_clients.erase(oldest == m_clients.end() ? m_clients.begin() : oldest);
+    if (m_clients.empty()) {
+        return false;
     }
+    m_clients.erase(oldest == m_clients.end() ? m_clients.begin() : oldest);
+    return true;
 }
 
 // True while the client stays.

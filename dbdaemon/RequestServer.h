@@ -72,7 +72,7 @@ class RequestServer {
     static short awaited(Step step);
     void serve(std::uint64_t id, short events);
     void takeClients();
-    void dropOldest();
+    bool dropOldest();
     bool receive(std::uint64_t id, Client& client);
     bool reply(Client& client, Answer answer);
     bool send(Client& client);

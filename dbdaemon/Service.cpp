@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Vellum::DatabaseDaemon {
 
@@ -61,7 +62,7 @@ Answer Service::take(ScriptRequest const& request, uid_t user) {
     }
     FileDescriptor script;
     try {
-        script = openScript(request.path);
+        script = openScript(request.path, user);
     } catch (Exception const& failure) {
         return refuse(what, Answer::scriptUnreadable, failure);
     }
@@ -75,9 +76,14 @@ Answer Service::take(ScriptRequest const& request, uid_t user) {
     return Answer::accepted;
 }
 
-// Only what somebody who may ask has written himself is run: the path could otherwise name a file that this process may
-// read and he may not. Opened without waiting, because a FIFO would hold everything up.
-FileDescriptor Service::openScript(std::string const& path) const {
+// Whoever asks names a file of his own: the path could otherwise name one that this process may read and he may not.
+// Root, and the user that this process runs as, can read it anyway and may name those of everybody who may ask.
+bool Service::mayName(uid_t asker, uid_t owner) const {
+    return owner == asker || ((asker == 0 || asker == geteuid()) && m_requests.mayAsk(owner));
+}
+
+// Opened without waiting, because a FIFO would hold everything up.
+FileDescriptor Service::openScript(std::string const& path, uid_t asker) const {
     FileDescriptor script(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!script || fstat(script.get(), &status) != 0) {
@@ -86,8 +92,8 @@ FileDescriptor Service::openScript(std::string const& path) const {
     if (!S_ISREG(status.st_mode)) {
         throw unreadable("it is not a regular file");
     }
-    if (!m_requests.mayAsk(status.st_uid)) {
-        throw unreadable("it belongs to user " + std::to_string(status.st_uid) + ", who may not ask");
+    if (!mayName(asker, status.st_uid)) {
+        throw unreadable("it belongs to user " + std::to_string(status.st_uid) + ", not to the one who asks");
     }
     return script;
 }

@@ -35,7 +35,8 @@ class Service {
 
   private:
     Answer take(ScriptRequest const& request, uid_t user);
-    FileDescriptor openScript(std::string const& path) const;
+    FileDescriptor openScript(std::string const& path, uid_t asker) const;
+    bool mayName(uid_t asker, uid_t owner) const;
 
     std::chrono::milliseconds const m_patience;
     Journal m_journal;

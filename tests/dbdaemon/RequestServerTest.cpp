@@ -1,6 +1,7 @@
 #include "dbdaemon/RequestServer.h"
 
 #include "../support/TemporaryDirectory.h"
+#include "AskAs.h"
 #include "Files.h"
 #include "foundation/Exception.h"
 
@@ -13,7 +14,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 namespace Vellum::DatabaseDaemon {
 namespace {
@@ -267,23 +267,6 @@ TEST_F(RequestServerTest, ImpossiblePathsAreRefused) {
     EXPECT_THROW(start(), Exception);
 }
 
-// Asks as another user, in a process of its own; answers what came.
-int askAs(uid_t user, std::string const& path) {
-    pid_t const child = fork();
-    if (child == 0) {
-        if (setresuid(user, user, user) != 0) {
-            _exit(100);
-        }
-        RawClient asking(path);
-        asking.send(requestFor("/yes"));
-        auto const answer = asking.answer();
-        _exit(answer ? static_cast<int>(*answer) : 101);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 102;
-}
-
 TEST_F(RequestServerTest, OnlyNamedUsersAreListenedTo) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can be somebody else";
@@ -295,8 +278,10 @@ TEST_F(RequestServerTest, OnlyNamedUsersAreListenedTo) {
         EXPECT_EQ(user, 54321U);
         return Answer::accepted;
     });
-    EXPECT_EQ(askAs(54321, m_options.socketPath), int(Answer::accepted));
-    EXPECT_EQ(askAs(54322, m_options.socketPath), int(Answer::notAllowed));
+    setSocketPath(m_options.socketPath);
+    EXPECT_EQ(askAs(54321, "/yes"), int(Answer::accepted));
+    EXPECT_EQ(askAs(54322, "/yes"), int(Answer::notAllowed));
+    setSocketPath(defaultSocketPath);
     EXPECT_TRUE(m_server->mayAsk(0));
     EXPECT_TRUE(m_server->mayAsk(54321));
     EXPECT_FALSE(m_server->mayAsk(54322));

@@ -3,6 +3,7 @@
 #include "../support/CapturingLogger.h"
 #include "../support/PrivateMariaDb.h"
 #include "../support/TemporaryDirectory.h"
+#include "AskAs.h"
 #include "Files.h"
 #include "Tables.h"
 #include "foundation/database/DatabaseDaemon.h"
@@ -147,6 +148,28 @@ TEST_F(ServiceTest, FileOfAUserWhoMayNotAskIsNotTaken) {
     EXPECT_EQ(requestScript(RequestCode::greylistScript, path), int(Answer::scriptUnreadable));
     ASSERT_EQ(chown(path.c_str(), 54321, 0), 0);
     EXPECT_EQ(requestScript(RequestCode::greylistScript, path), 0);
+    waitUntilIdle();
+    EXPECT_EQ(stateOfTables(rows), "1");
+}
+
+// Both users may ask, but not in each other's name.
+TEST_F(ServiceTest, FileOfAnotherUserIsNotTaken) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give a file away";
+    }
+    m_options.requests.users = {54321, 54322};
+    m_options.requests.socketMode = 0666;
+    ASSERT_EQ(chmod(m_directory.path().c_str(), 0711), 0);
+    start();
+    std::string const path = script(replacingScript("1", rows));
+    ASSERT_EQ(chown(path.c_str(), 54321, 0), 0);
+    EXPECT_EQ(askAs(54322, path), int(Answer::scriptUnreadable));
+    EXPECT_EQ(notes("/script.sql is refused: Service (code 4): it belongs to user 54321, not to the one who asks"), 1);
+    ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
+    EXPECT_EQ(askAs(54321, path), int(Answer::scriptUnreadable)) << "nor does root's file";
+    EXPECT_EQ(stateOfTables(rows), "0");
+    ASSERT_EQ(chown(path.c_str(), 54321, 0), 0);
+    EXPECT_EQ(askAs(54321, path), int(Answer::accepted));
     waitUntilIdle();
     EXPECT_EQ(stateOfTables(rows), "1");
 }
