@@ -28,6 +28,12 @@ int _DynamicExemptCache::exempt(DynamicExemptParts const& pair, long now) const 
     return 0;
 }
 
+long _DynamicExemptCache::exemptUntil(DynamicExemptParts const& pair, long now) const {
+    SharedLock const hold(lock);
+    iterator const found = lookup(pair);
+    return found != end() && found->second.expiry > now ? static_cast<long>(found->second.expiry) : 0;
+}
+
 DynamicExemptCache* DynamicExemptCache::instance(bool) {
     return cacheSingleton<DynamicExemptCache>();
 }

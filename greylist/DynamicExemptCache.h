@@ -24,6 +24,9 @@ class _DynamicExemptCache : public LRUCache<DynamicExemptId, Status> {
     int exempt(IPAddressMask const& mask, std::string const& domain, long now) const;
     // The same, without a copy of the domain.
     int exempt(DynamicExemptParts const& pair, long now) const;
+    // Until when the pair is exempt (seconds since the epoch), 0 when it is not; changes nothing. Takes the lock
+    // shared.
+    long exemptUntil(DynamicExemptParts const& pair, long now) const;
 };
 
 // The process-wide handle.

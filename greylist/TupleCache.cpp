@@ -91,6 +91,38 @@ TupleDecision _TupleCache::decideFor(Key const& key, long now) const {
     return {Situation::passes, firstPass, status.firstSeen, passTime, status.expiry};
 }
 
+TupleDecision _TupleCache::preview(TupleParts const& tuple, long now) const {
+    using Situation = TupleDecision::Situation;
+    SharedLock const hold(lock);
+    iterator const found = lookup(tuple);
+    if (found == end() || now > found->second.expiry) {
+        return {found == end() ? Situation::fresh : Situation::expired, false, now, now + delay(), now + firstLife()};
+    }
+    Status const& status = found->second;
+    long const passTime = status.firstSeen + delay();
+    if (now < passTime) {
+        return {Situation::early, false, status.firstSeen, passTime, status.expiry};
+    }
+    return {Situation::passes, isWaiting(status, firstLife()), status.firstSeen, passTime, now + life()};
+}
+
+bool _TupleCache::release(TupleParts const& tuple, long now) {
+    long const firstSeen = now - delay();
+    Status const released(firstSeen, firstSeen + firstLife(), firstLife());
+    ExclusiveLock const hold(lock);
+    iterator const found = lookup(tuple);
+    if (found == end()) {
+        addNoLock(TupleId(tuple), released);
+        return true;
+    }
+    Status& status = found->second;
+    if (now <= status.expiry && now >= status.firstSeen + delay()) {
+        return false;
+    }
+    status = released;
+    return true;
+}
+
 TupleCache* TupleCache::instance(bool) {
     return cacheSingleton<TupleCache>();
 }

@@ -51,6 +51,14 @@ class _TupleCache : public LRUCache<TupleId, Status> {
     // The same; an identity is made only when the tuple is a new one.
     TupleDecision decide(TupleParts const& tuple, long now) const;
 
+    // What decide() would answer, without a change. Takes the lock shared.
+    TupleDecision preview(TupleParts const& tuple, long now) const;
+
+    // Lets the tuple's next message pass: what has to wait, or is not known, has waited from now on. Its record lives
+    // as long as that of a new tuple. False when it passes already; nothing is changed then. Takes the lock
+    // exclusively. Throws std::bad_alloc.
+    bool release(TupleParts const& tuple, long now);
+
   private:
     template <class Key>
     TupleDecision decideFor(Key const& key, long now) const;
