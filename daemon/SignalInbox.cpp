@@ -1,0 +1,68 @@
+#include "daemon/SignalInbox.h"
+
+#include "foundation/Exception.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace Vellum::Daemon {
+namespace {
+
+// Where the handler writes; handlers have no other way to know.
+std::atomic<int> pipeOfHandler{-1};
+
+extern "C" void signalArrived(int signal) {
+    int const kept = errno;
+    auto const number = static_cast<unsigned char>(signal);
+    // A full pipe holds more signals than anybody will act on.
+    [[maybe_unused]] ssize_t const ignored = write(pipeOfHandler.load(), &number, sizeof number);
+    errno = kept;
+}
+
+void setBlocked(int signal, int how) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    pthread_sigmask(how, &set, nullptr);
+}
+
+} // namespace
+
+SignalInbox::SignalInbox(std::initializer_list<int> signals) : m_signals(signals) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        throw Exception("SignalInbox", Exception::failure).stringParameter(std::strerror(errno));
+    }
+    m_reading = FileDescriptor(ends[0]);
+    m_writing = FileDescriptor(ends[1]);
+    fcntl(ends[1], F_SETFL, O_NONBLOCK); // a handler must not wait
+    pipeOfHandler = ends[1];
+    struct sigaction action {};
+    action.sa_handler = signalArrived;
+    action.sa_flags = SA_RESTART; // whichever thread it interrupts goes on
+    for (int const signal : m_signals) {
+        sigaction(signal, &action, nullptr);
+        setBlocked(signal, SIG_UNBLOCK);
+    }
+}
+
+SignalInbox::~SignalInbox() {
+    for (int const signal : m_signals) {
+        setBlocked(signal, SIG_BLOCK);
+        std::signal(signal, SIG_DFL);
+    }
+    pipeOfHandler = -1;
+}
+
+int SignalInbox::next() {
+    unsigned char number = 0;
+    while (read(m_reading.get(), &number, sizeof number) != sizeof number) {
+    }
+    return number;
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,37 @@
+// The signals that tell the daemon something, one after the other, for the main thread.
+//
+//   SignalInbox inbox({SIGTERM, SIGINT, SIGHUP});
+//   while ((signal = inbox.next()) == SIGHUP) { reload(); }
+//
+// By handlers, not by waiting for blocked signals: the milter library has a thread of its own that waits for the same
+// signals and would end the milter front at a SIGHUP. The kernel hands a signal of the process to a waiting thread only
+// when the main thread has it blocked, so the main thread never has it blocked while an inbox is there.
+#pragma once
+
+#include "foundation/FileDescriptor.h"
+
+#include <initializer_list>
+#include <vector>
+
+namespace Vellum::Daemon {
+
+// One at a time in a process, made and used by the main thread.
+class SignalInbox {
+  public:
+    // Takes these signals from now on, and what was pending. Throws Exception.
+    explicit SignalInbox(std::initializer_list<int> signals);
+    // They are blocked again and have their default actions.
+    ~SignalInbox();
+    SignalInbox(SignalInbox const&) = delete;
+    SignalInbox& operator=(SignalInbox const&) = delete;
+
+    // Waits for the next one. The same signal sent again before it was taken may come once only.
+    int next();
+
+  private:
+    std::vector<int> m_signals;
+    FileDescriptor m_reading;
+    FileDescriptor m_writing;
+};
+
+} // namespace Vellum::Daemon
