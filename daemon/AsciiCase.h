@@ -17,6 +17,11 @@ constexpr bool hasUpperAscii(std::string_view text) {
     return std::any_of(text.begin(), text.end(), isUpperAscii);
 }
 
+constexpr bool equalWithoutCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() &&
+           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lowerAscii(x) == lowerAscii(y); });
+}
+
 // Whether `text` begins with `prefix`, which is in lower case.
 constexpr bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() &&

@@ -1,6 +1,7 @@
 #include "daemon/DecisionLog.h"
 
 #include "daemon/LogValue.h"
+#include "daemon/MailCounts.h"
 
 namespace Vellum::Daemon {
 namespace {
@@ -28,8 +29,16 @@ void appendWhereKnown(std::string& out, std::string_view key, std::string_view v
 
 void appendFacts(std::string& out, Verdict const& verdict, DecisionLogFacts const& facts) {
     using Reason = Verdict::Reason;
-    if (verdict.defers()) {
+    if (verdict.isGreylisted() || verdict.reason == Reason::senderBlocked) {
         append(out, ", seconds_left=", verdict.secondsLeft);
+    }
+    if (verdict.reason == Reason::senderBlocked) {
+        append(out, ", counter=", rateCounterName(verdict.counter));
+        appendWhereKnown(out, ", user=", facts.authenticatedUser);
+    } else if (verdict.reason == Reason::badReputation) {
+        append(out, ", score=", static_cast<long>(verdict.score));
+    } else if (!verdict.subscriber.isNull()) {
+        append(out, ", subscriber=", verdict.subscriber.asString());
     } else if (verdict.reason == Reason::passed) {
         append(out, ", delay=", verdict.secondsWaited);
     } else if (verdict.reason == Reason::exemptRule) {
@@ -43,7 +52,7 @@ void appendFacts(std::string& out, Verdict const& verdict, DecisionLogFacts cons
 
 void appendDecision(std::string& out, Verdict const& verdict, DecisionLogFacts const& facts) {
     out += "action=";
-    out += actionText(verdict.action);
+    out += actionText(verdict.action, verdict.reason);
     out += ", reason=";
     out += reasonText(verdict.reason);
     append(out, ", client_name=", facts.clientName.empty() ? "unknown" : facts.clientName);

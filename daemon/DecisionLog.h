@@ -5,10 +5,13 @@
 //
 // (in one line). The first six keys are in every line, in this order; then follow, where they are known:
 //
-//   seconds_left   deferred: until it may pass
+//   seconds_left   greylisted, reason=sender-blocked: until it may pass
+//   counter        reason=sender-blocked: whose limit was passed, see MailCounts.h
+//   score          reason=bad-reputation: that of the client's address
+//   subscriber     reason=endpoint-...: whose address it is
 //   delay          reason=passed: the seconds it had to wait
 //   rule           reason=exempt-rule: the rule's id
-//   user           reason=authenticated: who has logged in
+//   user           reason=authenticated and sender-blocked: who has logged in
 //   problem        reason=incomplete: what is missing or wrong
 //   queue_id       the mail server's
 //

@@ -7,7 +7,13 @@
 namespace Vellum::Daemon {
 
 void appendGreylistHeader(std::string& out, long secondsWaited, std::string_view hostName, long now) {
-    out += "X-Greylist: delayed ";
+    out += greylistHeaderName;
+    out += ": ";
+    appendGreylistHeaderValue(out, secondsWaited, hostName, now);
+}
+
+void appendGreylistHeaderValue(std::string& out, long secondsWaited, std::string_view hostName, long now) {
+    out += "delayed ";
     out += std::to_string(secondsWaited);
     out += " seconds by vellumd at ";
     out += hostName;

@@ -8,8 +8,12 @@
 
 namespace Vellum::Daemon {
 
-// Appends the header, without a line break. The host name is this system's own; nothing of the message is in it.
+inline constexpr char const* greylistHeaderName = "X-Greylist";
+
+// Appends the header, or its value alone, without a line break. The host name is this system's own; nothing of the
+// message is in it.
 void appendGreylistHeader(std::string& out, long secondsWaited, std::string_view hostName, long now);
+void appendGreylistHeaderValue(std::string& out, long secondsWaited, std::string_view hostName, long now);
 
 // Appends `time` (seconds since the epoch) as RFC 5322 writes it, in UTC and English whatever the locale.
 void appendMailDate(std::string& out, long time);

@@ -10,10 +10,37 @@ TEST(Verdict, EveryReasonHasItsTextAndAction) {
     std::string all;
     for (unsigned int i = 0; i < reasonCount; ++i) {
         auto const reason = static_cast<Verdict::Reason>(i);
-        all += std::string(reasonText(reason)) + ' ' + std::string(actionText(actionOf(reason))) + '\n';
+        all += std::string(reasonText(reason)) + ' ' + std::string(actionText(actionOf(reason), reason)) + '\n';
     }
     EXPECT_EQ(all, "incomplete pass\nauthenticated pass\ndisabled pass\nexempt-rule pass\nauto-exempt pass\n"
-                   "new greylist\nrestarted greylist\nearly-retry greylist\npassed pass\nknown pass\n");
+                   "new greylist\nrestarted greylist\nearly-retry greylist\npassed pass\nknown pass\n"
+                   "endpoint-blacklisted defer\nendpoint-exempt pass\nsender-blocked defer\nbad-reputation defer\n");
+    EXPECT_EQ(actionText(Verdict::Action::reject, Verdict::Reason::badReputation), "reject");
+    EXPECT_EQ(actionText(Verdict::Action::pass, Verdict::Reason::known), "pass");
+}
+
+std::string lineOf(Verdict const& verdict, DecisionLogFacts const& facts = {}) {
+    std::string line;
+    appendDecision(line, verdict, facts);
+    return line;
+}
+
+TEST(DecisionLog, WhatIsHeldAgainstAMessageIsTold) {
+    std::string const middle = "client_name=unknown, client_address=\"\", sender=<>, recipient=\"\"";
+    Verdict verdict;
+    verdict.action = Verdict::Action::reject;
+    verdict.reason = Verdict::Reason::badReputation;
+    verdict.score = 85;
+    EXPECT_EQ(lineOf(verdict), "action=reject, reason=bad-reputation, " + middle + ", score=85");
+    verdict.action = Verdict::Action::defer;
+    verdict.reason = Verdict::Reason::senderBlocked;
+    verdict.secondsLeft = 90;
+    verdict.counter = 2;
+    EXPECT_EQ(lineOf(verdict, {.authenticatedUser = "jo"}),
+              "action=defer, reason=sender-blocked, " + middle + ", seconds_left=90, counter=recipients, user=jo");
+    verdict.reason = Verdict::Reason::endpointBlacklisted;
+    verdict.subscriber = MSISDN(std::string("15555550100"));
+    EXPECT_EQ(lineOf(verdict), "action=defer, reason=endpoint-blacklisted, " + middle + ", subscriber=15555550100");
 }
 
 TEST(DecisionLog, NothingKnownIsStillALine) {

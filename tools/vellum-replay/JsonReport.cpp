@@ -39,9 +39,9 @@ Json settingsOf(Findings const& findings) {
             {"assumed_retries", findings.retries.describe()}};
 }
 
-Json reasonsOf(std::array<std::uint64_t, Daemon::reasonCount> const& counts) {
+Json reasonsOf(std::array<std::uint64_t, Daemon::greylistReasonCount> const& counts) {
     Json object = Json::object();
-    for (unsigned int i = 0; i < Daemon::reasonCount; ++i) {
+    for (unsigned int i = 0; i < Daemon::greylistReasonCount; ++i) {
         object[std::string(reasonText(static_cast<Verdict::Reason>(i)))] = counts[i];
     }
     return object;

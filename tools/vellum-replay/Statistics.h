@@ -42,8 +42,8 @@ class Statistics {
     void add(Daemon::Verdict const& verdict);
 
     Counts total;
-    std::array<std::uint64_t, Daemon::reasonCount> firstReasons{}; // of messages
-    std::array<std::uint64_t, Daemon::reasonCount> answers{};      // of attempts
+    std::array<std::uint64_t, Daemon::greylistReasonCount> firstReasons{}; // of messages
+    std::array<std::uint64_t, Daemon::greylistReasonCount> answers{};      // of attempts
     std::uint64_t exemptionsEarned = 0;
     std::array<Counts, 3> byLabel;    // in the order of Label
     std::array<Counts, 24> byDayHour; // hour of the day, UTC, of the first attempt

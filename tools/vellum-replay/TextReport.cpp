@@ -111,7 +111,7 @@ class TextReport {
 
     template <class Add>
     void addReasons(Add add, Verdict::Action action) {
-        for (unsigned int i = 0; i < Daemon::reasonCount; ++i) {
+        for (unsigned int i = 0; i < Daemon::greylistReasonCount; ++i) {
             auto const reason = static_cast<Verdict::Reason>(i);
             if (actionOf(reason) == action && m_statistics.firstReasons[i] > 0) {
                 add(m_statistics.firstReasons[i], "  " + std::string(reasonText(reason)));
