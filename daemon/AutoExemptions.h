@@ -35,6 +35,10 @@ class AutoExemptions {
     bool isExempt(IPAddressMask const& network, std::string_view domain, long now) const {
         return m_exemptions.exempt({network, domain}, now) != 0;
     }
+    // Until when it is, without a change to it; 0 when it is not.
+    long exemptUntil(IPAddressMask const& network, std::string_view domain, long now) const {
+        return m_exemptions.exemptUntil({network, domain}, now);
+    }
     // Counts a tuple that has just passed for the first time in its life. True when `needed` different tuples of the
     // pair have passed with it and the pair is exempt from now on, which is said in the log; its count starts again, so
     // that a pair that loses its exemption has to earn it anew.

@@ -50,17 +50,44 @@ Verdict ofTuple(GreyList::TupleDecision const& tuple, long now) {
 
 } // namespace
 
-Decision::Decision(GreyList::_TupleCache& tuples, GreyList::_DynamicExemptCache& exemptions, DecisionSettings settings)
-    : m_tuples(tuples), m_autoExemptions(tuples, exemptions), m_settings(std::move(settings)) {}
+Decision::Decision(GreyList::_TupleCache& tuples, GreyList::_DynamicExemptCache& exemptions, DecisionSettings settings,
+                   Standing const* standing)
+    : m_tuples(tuples), m_autoExemptions(tuples, exemptions), m_settings(std::move(settings)), m_standing(standing) {}
+
+Verdict Decision::at(Stage stage, Message const& message, long now) {
+    switch (stage) {
+    case Stage::recipient:
+        return atRecipient(message, now);
+    case Stage::connect:
+        if (m_standing != nullptr) {
+            m_standing->expect(message.client);
+        }
+        return passes(Reason::incomplete);
+    case Stage::sender:
+    case Stage::endOfMessage:
+        break;
+    }
+    return standing(message, *m_settings.get(), now).value_or(passes(Reason::incomplete));
+}
+
+std::optional<Verdict> Decision::standing(Message const& message, DecisionSettings const& settings, long now) const {
+    if (m_standing == nullptr || message.client.isNull()) {
+        return std::nullopt;
+    }
+    return m_standing->judge(message, settings.standing, now);
+}
 
 Verdict Decision::atRecipient(Message const& message, long now) {
     if (message.client.isNull() || message.recipient.isNull()) {
         return passes(Reason::incomplete);
     }
+    auto const settings = m_settings.get();
+    if (auto const found = standing(message, *settings, now)) {
+        return *found;
+    }
     if (!message.authenticatedUser.empty()) {
         return passes(Reason::authenticated);
     }
-    auto const settings = m_settings.get();
     if (!settings->greylisting) {
         return passes(Reason::disabled);
     }
@@ -72,28 +99,86 @@ Verdict Decision::atRecipient(Message const& message, long now) {
     return greylist(message, *settings, now);
 }
 
-Verdict Decision::greylist(Message const& message, DecisionSettings const& settings, long now) {
+Decision::Folded::Folded(Message const& message, DecisionSettings const& settings)
+    : network(GreyList::Configuration::createMask(message.client)) {
     thread_local std::string senderRoom; // both keep their memory from one decision to the next
     thread_local std::string recipientRoom;
-    std::string_view const sender = settings.folding.sender(message.sender.address(), senderRoom);
-    std::string_view const recipient = settings.folding.recipient(message.recipient.address(), recipientRoom);
-    IPAddressMask const network = GreyList::Configuration::createMask(message.client);
-    std::string_view const domain = MailboxSyntax::split(sender).domain;
-    bool const canEarn = settings.autoExemptAfter > 0 && AutoExemptions::isPossibleFor(domain);
+    sender = settings.folding.sender(message.sender.address(), senderRoom);
+    recipient = settings.folding.recipient(message.recipient.address(), recipientRoom);
+    domain = MailboxSyntax::split(sender).domain;
+    canEarn = settings.autoExemptAfter > 0 && AutoExemptions::isPossibleFor(domain);
+}
 
-    if (canEarn && m_autoExemptions.isExempt(network, domain, now)) {
+Verdict Decision::greylist(Message const& message, DecisionSettings const& settings, long now) {
+    Folded const folded(message, settings);
+    if (folded.canEarn && m_autoExemptions.isExempt(folded.network, folded.domain, now)) {
         Verdict verdict = passes(Reason::autoExempt);
-        verdict.network = network;
+        verdict.network = folded.network;
         return verdict;
     }
-    GreyList::TupleParts const parts(network, sender, recipient);
-    GreyList::TupleDecision const tuple = m_tuples.decide(parts, now);
+    GreyList::TupleDecision const tuple = m_tuples.decide(folded.parts(), now);
     Verdict verdict = ofTuple(tuple, now);
-    verdict.network = network;
-    if (canEarn && tuple.firstPass) {
-        verdict.exemptionEarned = m_autoExemptions.countPass(network, domain, parts, settings.autoExemptAfter, now);
+    verdict.network = folded.network;
+    if (folded.canEarn && tuple.firstPass) {
+        verdict.exemptionEarned =
+            m_autoExemptions.countPass(folded.network, folded.domain, folded.parts(), settings.autoExemptAfter, now);
     }
     return verdict;
+}
+
+Explanation Decision::explain(Message const& message, long now) const {
+    auto const settings = m_settings.get();
+    Folded const folded(message, *settings);
+    Explanation all;
+    all.network = folded.network;
+    all.sender = EmailAddress::fromAddress(folded.sender);
+    all.recipient = EmailAddress::fromAddress(folded.recipient);
+    all.rules = settings->exemptRules.isNull() ? 0 : settings->exemptRules->rules().size();
+    if (std::uint32_t rule = 0; isExempt(message, settings->exemptRules, rule)) {
+        all.rule = rule;
+    }
+    all.canEarnExemption = folded.canEarn;
+    all.exemptUntil = folded.canEarn ? m_autoExemptions.exemptUntil(folded.network, folded.domain, now) : 0;
+    all.autoExemptAfter = settings->autoExemptAfter;
+    all.tuple = m_tuples.preview(folded.parts(), now);
+    all.limits = settings->standing;
+    if (m_standing != nullptr) {
+        all.standing = m_standing->facts(message, now);
+    }
+    all.verdict = preview(message, *settings, all, now);
+    return all;
+}
+
+// The steps of atRecipient(), of facts that are there already.
+Verdict Decision::preview(Message const& message, DecisionSettings const& settings, Explanation const& facts,
+                          long now) const {
+    if (message.client.isNull() || message.recipient.isNull()) {
+        return passes(Reason::incomplete);
+    }
+    if (auto const found = standing(message, settings, now)) {
+        return *found;
+    }
+    if (!message.authenticatedUser.empty()) {
+        return passes(Reason::authenticated);
+    }
+    if (!settings.greylisting) {
+        return passes(Reason::disabled);
+    }
+    Verdict verdict;
+    if (facts.rule) {
+        verdict = passes(Reason::exemptRule);
+        verdict.rule = *facts.rule;
+    } else if (facts.exemptUntil != 0) {
+        verdict = passes(Reason::autoExempt);
+    } else {
+        verdict = ofTuple(facts.tuple, now);
+    }
+    verdict.network = facts.network;
+    return verdict;
+}
+
+bool Decision::release(Message const& message, long now) {
+    return m_tuples.release(Folded(message, *m_settings.get()).parts(), now);
 }
 
 } // namespace Vellum::Daemon

@@ -1,0 +1,77 @@
+// Counts mail for the families that learn from it, and blocks whoever passes a limit. See MessageSummary.h for what a
+// message is here.
+//
+//   sender reputation   of the client's address, by hour: messages, recipients, invalid recipients, spam, infected.
+//                       Not for clients that have logged in: their addresses are those of people on the move
+//   rate control        of the sender, by five minutes: the counters of RateCounter. The sender is who has logged in,
+//                       where that name is a mailbox, since anybody who stole a password can write another sender into
+//                       each message; else the envelope's sender. A bounce has none
+//   endpoint            of the subscriber whose address the client has, by slice: spam, infected
+//
+// A sender whose total of half an hour is above its limit is blocked for a while, by the first such counter; the entry
+// says so in state, reason and end. The block is lifted when its time is over: the totals then count afresh, and one
+// message more blocks again when they are still above. A subscriber whose score reaches its threshold is blacklisted
+// until an expiry. Each has a line in the log:
+//
+//   action=block, sender=jo@example.org, reason=recipients, total=501, limit=500, seconds=1800
+//   action=unblock, sender=jo@example.org
+//   action=block, subscriber=15555550100, reason=score, total=20, limit=20, seconds=86400
+//
+// Thread-safe; takes the families' own locks, each for a moment, and never waits for anything else.
+#pragma once
+
+#include "daemon/LimitSettings.h"
+#include "daemon/MessageSummary.h"
+#include "daemon/Replaceable.h"
+#include "senderratecontrol/Entry.h"
+
+#include <string_view>
+
+namespace Vellum::Daemon {
+
+class SubscriberDirectory;
+
+// What the five counters of rate control mean here.
+namespace RateCounter {
+using Attribute = SenderRateControl::Entry::AttributeType;
+inline constexpr Attribute messages = SenderRateControl::Entry::Attribute1;
+inline constexpr Attribute recipients = SenderRateControl::Entry::Attribute2;
+inline constexpr Attribute invalidRecipients = SenderRateControl::Entry::Attribute3;
+inline constexpr Attribute spam = SenderRateControl::Entry::Attribute4;
+inline constexpr Attribute infected = SenderRateControl::Entry::Attribute5;
+} // namespace RateCounter
+
+// Whom rate control holds to account; null for nobody.
+EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser);
+
+// "messages", "recipients", "invalid_recipients", "spam", "infected"; "" for any other number.
+std::string_view rateCounterName(std::uint32_t counter);
+
+struct MailLimits {
+    RateLimitSettings rate{};
+    EndpointLimitSettings endpoint{};
+};
+
+class MailCounts : public MessageObserver {
+  public:
+    // The directory is borrowed, and null where subscribers are not looked up.
+    MailCounts(MailLimits limits, SubscriberDirectory* subscribers)
+        : m_limits(std::move(limits)), m_subscribers(subscribers) {}
+
+    // Holds for every message that ends afterwards.
+    void install(MailLimits limits) { m_limits.replace(std::move(limits)); }
+
+    void messageEnded(MessageSummary const& message, long now) override;
+
+    // Lifts the blocks whose time is over; to be called now and then. Answers how many. A decision does not wait for
+    // this: it looks at the end itself.
+    static std::size_t liftBlocks(long now);
+
+  private:
+    void countEndpoint(MessageSummary const& message, EndpointLimitSettings const& limits, long now);
+
+    Replaceable<MailLimits> m_limits;
+    SubscriberDirectory* m_subscribers;
+};
+
+} // namespace Vellum::Daemon
