@@ -125,7 +125,7 @@ class Demo:
             "host_name": "mx.example.org"})
         self.vellum.write_rules(RULES)
         self.vellum.start()
-        self.postfix = PrivatePostfix(self.stage, f"unix:{self.vellum.policy_socket}", ["example.org"])
+        self.postfix = PrivatePostfix(self.stage, ["example.org"], policy=f"unix:{self.vellum.policy_socket}")
         self.show.say(f"MariaDB     127.0.0.1:{self.mariadb.port}")
         self.show.say(f"vellum-dbd  {' '.join(self.vellum.dbd.command[1:])}  (pid {self.vellum.dbd.pid})")
         self.show.say(f"vellumd     {' '.join(self.vellum.daemon.command[1:])}  (pid {self.vellum.daemon.pid})")

@@ -1,5 +1,5 @@
 """A private Postfix: its own configuration, queue, log and port. It takes mail over SMTP for the given domains, asks the
-policy server for every recipient, and delivers into one maildir. All other mail is thrown away, nothing is sent out."""
+policy server or the milter, and delivers into one maildir. All other mail is thrown away, nothing is sent out."""
 
 import os
 import pwd
@@ -52,7 +52,16 @@ notify_classes =
 
 smtpd_relay_restrictions = reject_unauth_destination
 smtpd_recipient_restrictions =
+    check_recipient_access inline:{{ {{ {nobody} = 550 5.1.1 There is no such mailbox }} }}
+"""
+
+_ASK_POLICY = """\
     check_policy_service {{ {policy}, timeout=10s, default_action=DUNNO }}
+"""
+
+_ASK_MILTER = """\
+smtpd_milters = {milter}
+milter_default_action = tempfail
 """
 
 # service type private unpriv chroot wakeup maxproc command
@@ -81,8 +90,9 @@ postlog   unix-dgram n - n - 1 postlogd
 
 
 class PrivatePostfix:
-    def __init__(self, stage, policy, domains):
-        """`policy` as main.cf writes it: "unix:/path" or "inet:127.0.0.1:port"."""
+    def __init__(self, stage, domains, policy=None, milter=None):
+        """`policy` and `milter` as main.cf writes them: "unix:/path" or "inet:127.0.0.1:port"; None is not asked."""
+        self.nobody = f"nobody@{domains[0]}"  # the one mailbox that there is not
         self.port = free_port()
         self.directory = stage.make_directory("postfix")
         self.configuration = stage.make_directory("postfix/etc")
@@ -95,7 +105,11 @@ class PrivatePostfix:
         self.main_cf = _MAIN.format(
             queue=stage.make_directory("postfix/queue"), data=data, programs=PROGRAMS, log=self.log_path,
             directory=self.directory, domains=" ".join(domains), mail=self.mail, uid=owner.pw_uid, gid=owner.pw_gid,
-            policy=policy)
+            nobody=self.nobody)
+        if policy:
+            self.main_cf += _ASK_POLICY.format(policy=policy)
+        if milter:
+            self.main_cf += _ASK_MILTER.format(milter=milter)
         (self.configuration / "main.cf").write_text(self.main_cf)
         (self.configuration / "master.cf").write_text(_MASTER.format(port=self.port))
         self._make_queue()

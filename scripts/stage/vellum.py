@@ -43,16 +43,18 @@ def make_score_directory():
 class Vellum:
     """vellumd, vellum-dbd, vellumctl and vellum-replay from the directory `programs`, on the database `mariadb`.
 
-    `greylist` is the section of that name; `clock`, a MovableClock, is what vellumd goes by when it is given.
+    `greylist` and `milter` are the sections of these names (without the latter there is no milter front); `clock`, a
+    MovableClock, is what vellumd goes by when it is given.
     """
 
-    def __init__(self, stage, programs, mariadb, greylist=None, clock=None):
+    def __init__(self, stage, programs, mariadb, greylist=None, clock=None, milter=None):
         self.programs = Path(programs)
         self.port = free_port()
         self.directory = stage.make_directory("vellum")
         run = stage.make_directory("vellum/run")
         state = stage.make_directory("vellum/state", 0o700)
         self.policy_socket = run / "policy.sock"
+        self.milter_socket = run / "milter.sock"
         self._dbd_socket = run / "dbd.sock"
         self.settings_path = self.directory / "vellumd.toml"
         self.rules_path = self.directory / "rules.toml"
@@ -66,6 +68,8 @@ class Vellum:
             "policy": {"listen": [f"unix:{self.policy_socket}"]},
             "greylist": dict(greylist or {}, rules=str(self.rules_path)),
         }
+        if milter is not None:
+            self.settings["milter"] = {"listen": f"unix:{self.milter_socket}", **milter}
         self.write_rules([])
         self.write_settings()
         # Started first and so stopped last: the state daemon's last backup needs the database daemon.

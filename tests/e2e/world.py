@@ -27,7 +27,8 @@ EXEMPT_RULES = [
 
 
 class World:
-    def __init__(self):
+    def __init__(self, policy=True, milter=None):
+        """`policy`: Postfix asks the policy server; `milter`: it asks the milter, with these settings of its section."""
         self.stage = Stage(keep=bool(os.environ.get("VELLUM_KEEP_STAGE")))
         self.stage.__enter__()
         try:
@@ -35,10 +36,12 @@ class World:
             self.mariadb = PrivateMariaDb(self.stage)
             self.vellum = Vellum(self.stage, os.environ["VELLUM_PROGRAMS"], self.mariadb, clock=self.clock, greylist={
                 "delay_minutes": DELAY_MINUTES, "first_life_hours": 4, "life_days": 36,
-                "auto_exempt_after": AUTO_EXEMPT_AFTER, "defer_text": DEFER_TEXT})
+                "auto_exempt_after": AUTO_EXEMPT_AFTER, "defer_text": DEFER_TEXT}, milter=milter)
             self.vellum.write_rules(EXEMPT_RULES)
             self.vellum.start()
-            self.postfix = PrivatePostfix(self.stage, f"unix:{self.vellum.policy_socket}", [DOMAIN])
+            self.postfix = PrivatePostfix(
+                self.stage, [DOMAIN], policy=f"unix:{self.vellum.policy_socket}" if policy else None,
+                milter=f"unix:{self.vellum.milter_socket}" if milter is not None else None)
         except BaseException:
             self.stage.close()
             raise

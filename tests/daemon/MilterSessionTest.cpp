@@ -1,0 +1,237 @@
+#include "daemon/MilterSession.h"
+
+#include "tests/daemon/DecisionFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace Vellum::Daemon {
+namespace {
+
+constexpr long start = 1795252757; // Sat, 21 Nov 2026 09:19:17 UTC
+
+// What was reported, a line each.
+class Reports : public MessageObserver {
+  public:
+    void messageEnded(MessageSummary const& message, long now) override {
+        lines.push_back(message.client.asString() + " <" + message.sender.address() + "> [" +
+                        message.authenticatedUser + "] recipients=" + std::to_string(message.recipients) +
+                        " invalid=" + std::to_string(message.invalidRecipients) +
+                        (message.finished ? " finished" : " abandoned") + (message.spam ? " spam" : "") +
+                        (message.infected ? " infected" : "") + " at " + std::to_string(now - start));
+    }
+    std::vector<std::string> lines;
+};
+
+MilterFrontSettings frontSettings() {
+    MilterFrontSettings settings;
+    settings.texts.greylisted = "Please wait %SECONDS% s, 100%";
+    settings.hostName = "mx.example.com";
+    settings.content = {{HeaderRule::parse("X-Spam-Flag: YES*")}, {HeaderRule::parse("X-Virus-Status: Infected*")}};
+    return settings;
+}
+
+struct MilterFixture : DecisionFixture {
+    MilterFixture() { session.connected("mx.example.org", IPAddress(std::string("192.0.2.77"))); }
+
+    // How it is refused; "" when it goes on.
+    std::string recipient(std::string const& path, MilterSession::RecipientFacts const& facts = {}) {
+        auto const refusal = session.recipient(path, facts);
+        return refusal ? std::string(refusal->code) + ' ' + refusal->status + ' ' + refusal->text : "";
+    }
+    // One refused by the mail server itself.
+    void refused(std::string const& path, std::string_view status) {
+        EXPECT_EQ(recipient(path, {.refused = true, .refusalStatus = status}), "");
+    }
+    std::vector<std::string> logged() {
+        std::vector<std::string> const notes = log.notes();
+        log.clear();
+        return notes;
+    }
+
+    long now = start;
+    Reports reports;
+    MilterFront front{decision, reports, frontSettings(), [this] {
+                          return now;
+                      }};
+    MilterSession session{front};
+};
+
+using Lines = std::vector<std::string>;
+
+TEST(MilterSession, NewTupleIsDeferredWithTheTextOfTheSettings) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.recipient("<me@example.com>", {.queueId = "4BXy2k"}), "450 4.2.0 Please wait 300 s, 100%");
+    EXPECT_EQ(milter.logged(),
+              Lines{"action=greylist, reason=new, client_name=mx.example.org, client_address=192.0.2.77, "
+                    "sender=jo@example.org, recipient=me@example.com, seconds_left=300, queue_id=4BXy2k"});
+    milter.now += 299;
+    EXPECT_EQ(milter.recipient("<me@example.com>"), "450 4.2.0 Please wait 1 s, 100%");
+    EXPECT_EQ(milter.front.counters().of(Verdict::Reason::fresh), 1U);
+    EXPECT_EQ(milter.front.counters().of(Verdict::Reason::earlyRetry), 1U);
+}
+
+TEST(MilterSession, MailThatHadToWaitGetsTheHeaderOnce) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    milter.now += 60;
+    milter.recipient("<b@example.com>");
+    milter.session.abandoned();
+    milter.now = start + 400;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.recipient("<a@example.com>"), "");
+    EXPECT_EQ(milter.recipient("<b@example.com>"), "");
+    EXPECT_EQ(milter.session.messageEnded().header,
+              "delayed 400 seconds by vellumd at mx.example.com; Sat, 21 Nov 2026 09:25:57 +0000")
+        << "the longest wait of its recipients";
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    EXPECT_EQ(milter.session.messageEnded().header, std::nullopt) << "known by now";
+}
+
+TEST(MilterSession, HeaderCanBeSwitchedOff) {
+    MilterFixture milter;
+    MilterFrontSettings settings = frontSettings();
+    settings.header = false;
+    milter.front.install(settings);
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    milter.now += 300;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.recipient("<a@example.com>"), "");
+    EXPECT_EQ(milter.session.messageEnded().header, std::nullopt);
+}
+
+TEST(MilterSession, FinishedMessageIsReportedOnceWithWhatTheContentFilterFound) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>", {.authenticatedUser = "jo"});
+    milter.recipient("<b@example.com>", {.authenticatedUser = "jo"});
+    milter.session.header("Subject", "hello");
+    milter.session.header("X-Spam-Flag", "YES");
+    milter.session.header("X-Virus-Status", "Clean");
+    milter.session.messageEnded();
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines,
+              Lines{"192.0.2.77 <jo@example.org> [jo] recipients=2 invalid=0 finished spam at 0"});
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>", {.authenticatedUser = "jo"});
+    milter.session.header("X-Virus-Status", "Infected (Eicar)");
+    milter.session.messageEnded();
+    EXPECT_EQ(milter.reports.lines.back(),
+              "192.0.2.77 <jo@example.org> [jo] recipients=1 invalid=0 finished infected at 0");
+}
+
+TEST(MilterSession, RecipientThatDoesNotExistIsCountedAndAnotherRefusalIsNot) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    milter.refused("<nobody@example.com>", "5.1.1");
+    milter.refused("<nowhere@example.net>", "5.1.2");
+    milter.refused("<relay@example.net>", "5.7.1");
+    milter.refused("<later@example.com>", "4.2.0");
+    milter.refused("<plain@example.com>", "");
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <jo@example.org> [] recipients=2 invalid=2 abandoned at 0"});
+    EXPECT_EQ(milter.logged(), Lines{}) << "nothing was decided";
+}
+
+TEST(MilterSession, TransactionWhoseRecipientsAllWaitIsNotReported) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    milter.recipient("<b@example.com>");
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines, Lines{});
+}
+
+TEST(MilterSession, RecipientThatWaitsIsNotCountedBesideOneThatDoesNot) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    milter.session.abandoned();
+    milter.now += 300;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.recipient("<a@example.com>"), "");
+    EXPECT_NE(milter.recipient("<b@example.com>"), "");
+    milter.session.messageEnded();
+    EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <jo@example.org> [] recipients=1 invalid=0 finished at 300"});
+}
+
+TEST(MilterSession, AbandonedMessageSaysNothingOfItsContent) {
+    MilterFixture milter;
+    milter.session.sender("<>");
+    milter.recipient("<a@example.com>", {.authenticatedUser = "jo"});
+    milter.session.header("X-Spam-Flag", "YES");
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <> [jo] recipients=1 invalid=0 abandoned at 0"});
+}
+
+TEST(MilterSession, NewSenderAbandonsWhatWasNotEnded) {
+    MilterFixture milter;
+    milter.session.sender("<one@example.org>");
+    milter.recipient("<a@example.com>", {.authenticatedUser = "jo"});
+    milter.session.sender("<two@example.org>");
+    EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <one@example.org> [jo] recipients=1 invalid=0 abandoned at 0"});
+}
+
+TEST(MilterSession, FrontThatDoesNotDecideOnlyCounts) {
+    MilterFixture milter;
+    MilterFrontSettings settings = frontSettings();
+    settings.decide = false;
+    milter.front.install(settings);
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.recipient("<a@example.com>"), "");
+    EXPECT_EQ(milter.session.messageEnded().header, std::nullopt);
+    EXPECT_EQ(milter.logged(), Lines{});
+    EXPECT_EQ(milter.tuples.sizeNoLock(), 0U);
+    EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <jo@example.org> [] recipients=1 invalid=0 finished at 0"});
+}
+
+TEST(MilterSession, WhatCannotBeReadPassesWithAWarning) {
+    MilterFixture milter;
+    milter.session.sender("<jo@exa\x01mple.org>");
+    EXPECT_EQ(milter.recipient("<a@example.com>"), "");
+    EXPECT_EQ(milter.logged(),
+              Lines{"action=pass, reason=incomplete, client_name=mx.example.org, client_address=192.0.2.77, "
+                    "sender=\"jo@exa\\x01mple.org\", recipient=a@example.com, problem=\"sender is no mailbox\""});
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.recipient("<>"), "");
+    EXPECT_EQ(milter.logged(),
+              Lines{"action=pass, reason=incomplete, client_name=mx.example.org, client_address=192.0.2.77, "
+                    "sender=jo@example.org, recipient=\"\", problem=\"recipient is no mailbox\""});
+}
+
+TEST(MilterSession, MailOfThisMachineItselfPasses) {
+    MilterFixture milter;
+    MilterSession local(milter.front);
+    local.connected("localhost", IPAddress());
+    local.sender("<root@example.org>");
+    EXPECT_FALSE(local.recipient("<a@example.com>", {}));
+    local.messageEnded();
+    EXPECT_EQ(milter.reports.lines, Lines{" <root@example.org> [] recipients=1 invalid=0 finished at 0"});
+}
+
+TEST(MilterSession, NameThatIsNoneIsUnknown) {
+    for (char const* name : {"unknown", "[192.0.2.77]"}) {
+        MilterFixture milter;
+        milter.session.connected(name, IPAddress(std::string("192.0.2.77")));
+        milter.session.sender("<jo@example.org>");
+        milter.recipient("<a@example.com>");
+        EXPECT_NE(milter.logged().at(0).find("client_name=unknown,"), std::string::npos) << name;
+    }
+}
+
+TEST(MilterSession, RecipientOrHeaderOutsideOfATransactionIsNothing) {
+    MilterFixture milter;
+    EXPECT_EQ(milter.recipient("<a@example.com>"), "");
+    milter.session.header("X-Spam-Flag", "YES");
+    EXPECT_EQ(milter.session.messageEnded().header, std::nullopt);
+    EXPECT_EQ(milter.reports.lines, Lines{});
+}
+
+} // namespace
+} // namespace Vellum::Daemon
