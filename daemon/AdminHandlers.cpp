@@ -1,5 +1,6 @@
 #include "daemon/AdminHandlers.h"
 
+#include "daemon/AdminHandler.h"
 #include "daemon/AdminJson.h"
 #include "foundation/Escape.h"
 #include "foundation/Logger.h"
@@ -14,10 +15,6 @@ namespace Vellum::Daemon {
 namespace {
 
 constexpr std::chrono::milliseconds progressInterval{100};
-
-void note(Logger::Severity severity, std::string const& text) {
-    Logger::instance(false).note(severity, "administration: " + text);
-}
 
 template <class Cache>
 CacheFill fillOf(Cache const& cache) {
@@ -41,11 +38,6 @@ std::string hoursText(std::uint64_t hours) {
     return std::to_string(hours) + " hours of sender reputation";
 }
 
-void send(IPC::SocketIPC& client, IPC::PduType type, Json const& json) {
-    std::string const payload = payloadOf(json);
-    client.send(type, payload.data(), payload.size());
-}
-
 // Tells a client how far its request is, now and then.
 class ProgressSender {
   public:
@@ -59,11 +51,11 @@ class ProgressSender {
         }
         m_next = now + progressInterval;
         try {
-            send(m_client, IPC::PduType::adminProgress, {{"done", done}, {"total", total}});
+            sendJson(m_client, IPC::PduType::adminProgress, {{"done", done}, {"total", total}});
             m_client.socket().flush();
             return true;
         } catch (Exception const&) {
-            note(Logger::Severity::warning, "the client that asked for a restore is gone");
+            noteAdministration(Logger::Severity::warning, "the client that asked for a restore is gone");
             return false;
         }
     }
@@ -73,47 +65,21 @@ class ProgressSender {
     std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + progressInterval;
 };
 
-// The edges of every request: JSON in, JSON out, and every failure becomes an answer.
-class AdminHandler : public IPC::HandlerImpl {
-  public:
-    int task(IPC::SocketIPC& client, IPC::Pdu const& request) const final {
-        if (request.type() != type()) {
-            note(Logger::Severity::warning, "a request of type " + std::to_string(request.type()) +
-                                                " came to the handler of " + std::to_string(type()));
-            return -1;
-        }
-        send(client, IPC::PduType::adminReply, answerOrError(client, request));
-        return 0;
-    }
-
+// With the daemon's services at hand.
+class ServiceHandler : public AdminHandler {
   protected:
-    AdminHandler(IPC::PduType type, char const* name, AdminServices& services)
-        : HandlerImpl(type, true), m_name(name), m_services(services) {}
+    ServiceHandler(IPC::PduType type, char const* name, AdminServices& services)
+        : AdminHandler(type, name), m_services(services) {}
 
-    virtual Json answer(Json const& request, IPC::SocketIPC& client) const = 0;
     AdminServices& services() const { return m_services; }
 
   private:
-    Json answerOrError(IPC::SocketIPC& client, IPC::Pdu const& request) const {
-        std::string problem;
-        try {
-            return answer(parseRequest(request.data().view()), client);
-        } catch (Exception const& failed) {
-            problem = failed.asString();
-        } catch (std::exception const& failed) {
-            problem = failed.what();
-        }
-        note(Logger::Severity::warning, std::string(m_name) + " refused or failed: " + problem);
-        return errorJson(problem);
-    }
-
-    char const* m_name;
     AdminServices& m_services; // borrowed; see addAdminHandlers()
 };
 
-class StatusHandler : public AdminHandler {
+class StatusHandler : public ServiceHandler {
   public:
-    explicit StatusHandler(AdminServices& services) : AdminHandler(IPC::PduType::adminStatus, "status", services) {}
+    explicit StatusHandler(AdminServices& services) : ServiceHandler(IPC::PduType::adminStatus, "status", services) {}
 
   protected:
     Json answer(Json const&, IPC::SocketIPC&) const override {
@@ -129,9 +95,9 @@ class StatusHandler : public AdminHandler {
     }
 };
 
-class BackupHandler : public AdminHandler {
+class BackupHandler : public ServiceHandler {
   public:
-    explicit BackupHandler(AdminServices& services) : AdminHandler(IPC::PduType::adminBackup, "backup", services) {}
+    explicit BackupHandler(AdminServices& services) : ServiceHandler(IPC::PduType::adminBackup, "backup", services) {}
 
   protected:
     Json answer(Json const&, IPC::SocketIPC&) const override {
@@ -167,14 +133,15 @@ class BackupHandler : public AdminHandler {
         return json;
     }
     static void say(Database::BackupReport const& report, std::string const& what) {
-        note(report.accepted ? Logger::Severity::info : Logger::Severity::warning,
-             "backup " + (report.accepted ? "of " + what + " handed over" : "failed: " + report.problem));
+        noteAdministration(report.accepted ? Logger::Severity::info : Logger::Severity::warning,
+                           "backup " + (report.accepted ? "of " + what + " handed over" : "failed: " + report.problem));
     }
 };
 
-class RestoreHandler : public AdminHandler {
+class RestoreHandler : public ServiceHandler {
   public:
-    explicit RestoreHandler(AdminServices& services) : AdminHandler(IPC::PduType::adminRestore, "restore", services) {}
+    explicit RestoreHandler(AdminServices& services)
+        : ServiceHandler(IPC::PduType::adminRestore, "restore", services) {}
 
   protected:
     Json answer(Json const& request, IPC::SocketIPC& client) const override {
@@ -185,23 +152,23 @@ class RestoreHandler : public AdminHandler {
         if (optionalFlag(request, "dry_run")) {
             return asJson(path, services().previewRestore(path));
         }
-        note(Logger::Severity::info, "restore of " + escapeForLog(path) + " begins");
+        noteAdministration(Logger::Severity::info, "restore of " + escapeForLog(path) + " begins");
         RestoreOutcome const outcome = services().restore(path, ProgressSender(client));
         bool const loaded = outcome.loadProblem.empty();
-        note(loaded ? Logger::Severity::info : Logger::Severity::error,
-             "restore of " + escapeForLog(path) + " done, " +
-                 (loaded ? (outcome.ofReputation ? hoursText(outcome.reputations)
-                                                 : recordsText(outcome.tuples, outcome.exemptions)) +
-                               " loaded"
-                         : "but not loaded: " + outcome.loadProblem));
+        noteAdministration(loaded ? Logger::Severity::info : Logger::Severity::error,
+                           "restore of " + escapeForLog(path) + " done, " +
+                               (loaded ? (outcome.ofReputation ? hoursText(outcome.reputations)
+                                                               : recordsText(outcome.tuples, outcome.exemptions)) +
+                                             " loaded"
+                                       : "but not loaded: " + outcome.loadProblem));
         return asJson(path, outcome);
     }
 };
 
-class AcceptEmptyHandler : public AdminHandler {
+class AcceptEmptyHandler : public ServiceHandler {
   public:
     explicit AcceptEmptyHandler(AdminServices& services)
-        : AdminHandler(IPC::PduType::adminAcceptEmpty, "accept-empty", services) {}
+        : ServiceHandler(IPC::PduType::adminAcceptEmpty, "accept-empty", services) {}
 
   protected:
     Json answer(Json const& request, IPC::SocketIPC&) const override {
@@ -216,8 +183,8 @@ class AcceptEmptyHandler : public AdminHandler {
         CacheFill const exemptions = exemptionFill();
         bool const changed = services().acceptEmpty();
         if (changed) {
-            note(Logger::Severity::warning, "backups of " + recordsText(tuples.size, exemptions.size) +
-                                                " may now replace tables that could not be loaded");
+            noteAdministration(Logger::Severity::warning, "backups of " + recordsText(tuples.size, exemptions.size) +
+                                                              " may now replace tables that could not be loaded");
         }
         return {{"changed", changed}, {"tuples", tuples.size}, {"exemptions", exemptions.size}};
     }
@@ -227,8 +194,9 @@ class AcceptEmptyHandler : public AdminHandler {
         CacheFill const entries = fillOf(**Reputation::RefCache::instance());
         bool const changed = services().acceptEmptyReputations();
         if (changed) {
-            note(Logger::Severity::warning, "backups of sender reputation, " + std::to_string(entries.size) +
-                                                " addresses, may now replace tables that could not be loaded");
+            noteAdministration(Logger::Severity::warning,
+                               "backups of sender reputation, " + std::to_string(entries.size) +
+                                   " addresses, may now replace tables that could not be loaded");
         }
         return {{"changed", changed}, {"addresses", entries.size}};
     }

@@ -51,6 +51,9 @@ enum class PduType : std::uint32_t {
     adminBackup = 0x564C0001,
     adminRestore = 0x564C0002,
     adminAcceptEmpty = 0x564C0003,
+    adminExplain = 0x564C0004,
+    adminRelease = 0x564C0005,
+    adminResetRate = 0x564C0006,
     adminReply = 0x564C0100,    // reply
     adminProgress = 0x564C0101, // reply
 };

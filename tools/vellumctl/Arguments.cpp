@@ -88,6 +88,7 @@ class Parser {
         addReputation();
         addRate();
         addEndpoint();
+        addExplain();
         addPlain("backup", "Save the caches now", Command::backup, HelpText::backup);
         addRestore();
     }
@@ -160,6 +161,7 @@ class Parser {
             *addLeaf(greylist, "reload", "Load the caches from the tables again", Command::reload, HelpText::reload));
         addPlaceOptions(*addLeaf(greylist, "accept-empty", "Give up tables that could not be loaded",
                                  Command::acceptEmpty, HelpText::acceptEmpty));
+        addRelease(greylist);
     }
     void addReputation() {
         CLI::App& reputation = *add(m_app, "reputation", "Scores of client addresses and what they sent", "");
@@ -203,6 +205,35 @@ class Parser {
         show.add_option("SENDER", m_rate.sender, "The mailbox; <> for the null sender")->required()->type_name("");
         show.add_flag("--no-header", m_words.noHeader, "A table without its line of titles");
         addPlaceOptions(show);
+        addRateReset(rate);
+    }
+    void addRateReset(CLI::App& rate) {
+        CLI::App& reset = *addLeaf(rate, "reset", "Lift a sender's block; what was counted stays", Command::rateReset,
+                                   HelpText::rateReset);
+        reset.add_option("SENDER", m_arguments.message.sender, "The mailbox")->required()->type_name("");
+        addPlaceOptions(reset);
+    }
+    void addRelease(CLI::App& greylist) {
+        CLI::App& release = *addLeaf(greylist, "release", "Let the next message of a tuple through", Command::release,
+                                     HelpText::release);
+        MessageRequest& message = m_arguments.message;
+        release.add_option("ADDRESS", message.address, "The client's")->required()->type_name("");
+        release.add_option("SENDER", message.sender, "The mailbox; <> for a bounce")->required()->type_name("");
+        release.add_option("RECIPIENT", message.recipient, "The mailbox")->required()->type_name("");
+        addPlaceOptions(release);
+    }
+    void addExplain() {
+        CLI::App& explain =
+            *addLeaf(m_app, "explain", "Tell what the daemon would answer now, and every fact on the way",
+                     Command::explain, HelpText::explain);
+        MessageRequest& message = m_arguments.message;
+        explain.add_option("ADDRESS", message.address, "The client's")->required()->type_name("");
+        explain.add_option("SENDER", message.sender, "The mailbox; <> for a bounce")->type_name("");
+        explain.add_option("RECIPIENT", message.recipient, "The mailbox")->type_name("");
+        explain.add_option("--name", message.name, "The client's verified name, for rules that ask for it")
+            ->type_name("NAME");
+        explain.add_option("--user", message.user, "Who has logged in")->type_name("USER");
+        addPlaceOptions(explain);
     }
     void addEndpoint() {
         CLI::App& endpoint = *add(m_app, "endpoint", "Mobile subscribers: counts, scores and lists", "");
@@ -310,13 +341,18 @@ class Parser {
                            all.command == Command::rateList || all.command == Command::rateShow ||
                            all.command == Command::endpointList || all.command == Command::endpointShow ||
                            all.command == Command::endpointRemove || all.command == Command::reputationList ||
-                           all.command == Command::reputationShow || all.command == Command::reputationSetState;
+                           all.command == Command::reputationShow || all.command == Command::reputationSetState ||
+                           all.command == Command::explain || all.command == Command::release ||
+                           all.command == Command::rateReset;
         std::uint64_t const seconds = m_words.timeout.empty()
                                           ? (quick ? timeoutOfListings : timeoutOfDatabaseWork)
                                           : wholeNumber("--timeout", m_words.timeout, 1, longestTimeout);
         all.place.timeout = std::chrono::seconds(seconds);
         all.json = m_words.json;
         checkEndpoints(all);
+        all.message.json = m_words.json;
+        all.message.now = std::time(nullptr);
+        all.message.check();
         if (all.command == Command::list) {
             checkList(all.list);
         } else if (all.command == Command::rateList) {

@@ -5,6 +5,7 @@
 #include "tools/vellumctl/EndpointCommands.h"
 #include "tools/vellumctl/EndpointLists.h"
 #include "tools/vellumctl/ListCommand.h"
+#include "tools/vellumctl/MessageCommands.h"
 #include "tools/vellumctl/RateCommands.h"
 #include "tools/vellumctl/ReputationCommands.h"
 
@@ -36,7 +37,10 @@ enum class Command {
     reputationShow,
     reputationSetState,
     reputationReload,
-    reputationAcceptEmpty
+    reputationAcceptEmpty,
+    explain,
+    release,
+    rateReset
 };
 
 struct Arguments {
@@ -58,6 +62,7 @@ struct Arguments {
     EndpointStyle endpointStyle;                      // of the other endpoint commands
     std::vector<std::string> endpoints;               // subscriber numbers, of those that take any
     EndpointList namedList = EndpointList::blacklist; // of Command::endpointListAdd, ...Remove, ...Show
+    MessageRequest message;                           // of Command::explain, release, rateReset
     std::string settings;                             // path, of the endpoint commands that need the database
 };
 

@@ -141,4 +141,18 @@ inline constexpr char const* restore =
     "the tables afterwards. The command tells first what would be lost, and asks. The daemon reads the file,\n"
     "so the daemon's user must be able to. Interrupted before the end, it leaves everything as it was.";
 
+inline constexpr char const* explain =
+    "Goes through the steps of the decision in their order: endpoint lists, sender block, reputation of the\n"
+    "address, exempt rules, automatic exemption, tuple. Asking changes nothing. Without a recipient there is\n"
+    "no verdict, but what is known of the client and the sender is told.";
+
+inline constexpr char const* release =
+    "As if the message had waited already: its next attempt passes, and is known from then on. Only\n"
+    "greylisting lets it through; a blocked sender or a bad reputation still counts. A tuple that was never\n"
+    "seen is released, too, for as long as a new one waits.";
+
+inline constexpr char const* rateReset =
+    "The sender may send at once; when its totals of the last half hour are still above a limit, the next\n"
+    "message that is counted blocks it again.";
+
 } // namespace Vellum::Tools::HelpText

@@ -90,6 +90,21 @@ void run(Arguments const& arguments) {
         setReputationState(daemon, arguments.reputationSet, output);
         break;
     }
+    case Command::explain: {
+        DaemonConnection daemon(arguments.place);
+        explain(daemon, arguments.message, output);
+        break;
+    }
+    case Command::release: {
+        DaemonConnection daemon(arguments.place);
+        release(daemon, arguments.message, output);
+        break;
+    }
+    case Command::rateReset: {
+        DaemonConnection daemon(arguments.place);
+        resetRate(daemon, arguments.message, output);
+        break;
+    }
     case Command::reputationReload:
         commands.reloadReputation();
         break;

@@ -1,0 +1,129 @@
+#include "daemon/DecisionHandlers.h"
+
+#include "daemon/AdminHandler.h"
+#include "daemon/ExplanationJson.h"
+#include "foundation/Escape.h"
+#include "senderratecontrol/SenderRateControlCache.h"
+
+#include <utility>
+
+namespace Vellum::Daemon {
+namespace {
+
+using Clock = std::function<long()>;
+
+// Throws AdminRefusal naming key and text.
+EmailAddress mailbox(std::string const& text, char const* key) {
+    try {
+        return EmailAddress::rfc5321Parse(text, false);
+    } catch (Exception const&) {
+        throw AdminRefusal(std::string("\"") + key + "\" is no mailbox: \"" + escapeForLog(text) + '"');
+    }
+}
+
+IPAddress address(std::string const& text) {
+    try {
+        return IPAddress(text);
+    } catch (Exception const&) {
+        throw AdminRefusal("\"address\" is no IP address: \"" + escapeForLog(text) + '"');
+    }
+}
+
+class ExplainHandler : public AdminHandler {
+  public:
+    ExplainHandler(Decision const& decision, Clock clock)
+        : AdminHandler(IPC::PduType::adminExplain, "explain"), m_decision(decision), m_clock(std::move(clock)) {}
+
+  protected:
+    Json answer(Json const& request, IPC::SocketIPC&) const override {
+        std::string const user = optionalText(request, "user");
+        Message message;
+        message.client = address(requiredText(request, "address"));
+        message.clientName = HostName(optionalText(request, "name"));
+        message.authenticatedUser = user;
+        if (request.contains("sender")) {
+            message.sender = mailbox(requiredText(request, "sender"), "sender");
+        }
+        if (request.contains("recipient")) {
+            message.recipient = mailbox(requiredText(request, "recipient"), "recipient");
+        }
+        long const now = m_clock();
+        return asJson(m_decision.explain(message, now), message, now);
+    }
+
+  private:
+    Decision const& m_decision;
+    Clock m_clock;
+};
+
+class ReleaseHandler : public AdminHandler {
+  public:
+    ReleaseHandler(Decision& decision, Clock clock)
+        : AdminHandler(IPC::PduType::adminRelease, "release"), m_decision(decision), m_clock(std::move(clock)) {}
+
+  protected:
+    Json answer(Json const& request, IPC::SocketIPC&) const override {
+        Message message;
+        message.client = address(requiredText(request, "address"));
+        message.sender = mailbox(requiredText(request, "sender"), "sender");
+        message.recipient = mailbox(requiredText(request, "recipient"), "recipient");
+        if (message.recipient.isNull()) {
+            throw AdminRefusal("\"recipient\" is empty");
+        }
+        long const now = m_clock();
+        Explanation const tuple = m_decision.explain(message, now);
+        bool const released = m_decision.release(message, now);
+        std::string const network = tuple.network.asString();
+        noteAdministration(Logger::Severity::info, "greylist release of " + network + ' ' +
+                                                       escapeForLog(tuple.sender.asString()) + ' ' +
+                                                       escapeForLog(tuple.recipient.asString()) +
+                                                       (released ? "" : ": it passes already, nothing was changed"));
+        return {{"network", network},
+                {"sender", tuple.sender.asString()},
+                {"recipient", tuple.recipient.asString()},
+                {"released", released}};
+    }
+
+  private:
+    Decision& m_decision;
+    Clock m_clock;
+};
+
+class ResetRateHandler : public AdminHandler {
+  public:
+    ResetRateHandler() : AdminHandler(IPC::PduType::adminResetRate, "rate reset") {}
+
+  protected:
+    Json answer(Json const& request, IPC::SocketIPC&) const override {
+        using namespace SenderRateControl;
+        EmailAddress const sender = mailbox(requiredText(request, "sender"), "sender");
+        RefEntry entry(false);
+        {
+            Cache const& cache = **RefCache::instance();
+            SharedLock const hold(cache.lock);
+            if (auto const found = cache.lookup(sender); found != cache.end()) {
+                entry = found->second;
+            }
+        }
+        bool const known = !entry.isNull();
+        bool const blocked = known && entry->state() != RateControlState::normal;
+        if (known) {
+            entry->reset();
+        }
+        noteAdministration(Logger::Severity::info, "rate reset of " + escapeForLog(sender.asString()) +
+                                                       (!known     ? ": there is no such sender"
+                                                        : !blocked ? ": it was not blocked"
+                                                                   : ""));
+        return {{"sender", sender.asString()}, {"known", known}, {"was_blocked", blocked}};
+    }
+};
+
+} // namespace
+
+void addDecisionHandlers(Decision& decision, Clock const& clock, IPC::Dispatcher& dispatcher) {
+    dispatcher.add(IPC::MyHandler<ExplainHandler>(new ExplainHandler(decision, clock)));
+    dispatcher.add(IPC::MyHandler<ReleaseHandler>(new ReleaseHandler(decision, clock)));
+    dispatcher.add(IPC::MyHandler<ResetRateHandler>(new ResetRateHandler));
+}
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,25 @@
+// What adminExplain answers.
+//
+//   {"verdict": {"action", "reason", "seconds_left"},
+//    "client": {"address", "name", "user", "network"}, "sender", "recipient",   sender and recipient folded
+//    "endpoint": null where subscribers are not looked up, else
+//                {"subscriber": text or null, "exempt", "blacklisted", "blacklisted_until", "score", "block_score"}
+//    "rate": {"sender": text or null, "known", "block": null or {"until", "counter"},
+//             "totals": {COUNTER: number}, "limits": {COUNTER: number}},        COUNTER: see rateCounterName()
+//    "reputation": {"known", "score", "state", "last_modified", "defer_score", "reject_score",
+//                   "hours": [{"start", "messages", "recipients", "invalid_recipients", "spam", "infected"}]},
+//    "rules": {"count", "match": id or null},
+//    "exemption": {"possible", "until", "after"},   of (network, domain); "after": so many tuples must pass
+//    "tuple": {"situation": "new", "expired", "waiting" or "passes", "first_seen", "pass_time", "expiry"}}
+//
+// Times are seconds since the epoch, 0 for none. A limit or threshold of 0 is off.
+#pragma once
+
+#include "daemon/AdminJson.h"
+#include "daemon/Decision.h"
+
+namespace Vellum::Daemon {
+
+Json asJson(Explanation const& explanation, Message const& message, long now);
+
+} // namespace Vellum::Daemon

@@ -1,0 +1,102 @@
+#include "tools/vellumctl/MessageCommands.h"
+
+#include "foundation/EmailAddress.h"
+#include "foundation/Escape.h"
+#include "foundation/Exception.h"
+#include "foundation/IPAddress.h"
+#include "tools/vellumctl/ArgumentChecks.h"
+#include "tools/vellumctl/ExplanationText.h"
+#include "tools/vellumctl/Failure.h"
+
+namespace Vellum::Tools {
+namespace {
+
+template <class Parse>
+void checked(Parse parse) {
+    try {
+        parse();
+    } catch (Exception const& failed) {
+        wrongArgument(failed.stringParameters().empty() ? failed.asString() : failed.stringParameters().front());
+    }
+}
+
+Json asJson(MessageRequest const& request) {
+    Json json = {{"address", request.address}};
+    if (request.sender) {
+        json["sender"] = *request.sender;
+    }
+    if (request.recipient) {
+        json["recipient"] = *request.recipient;
+    }
+    if (!request.name.empty()) {
+        json["name"] = request.name;
+    }
+    if (!request.user.empty()) {
+        json["user"] = request.user;
+    }
+    return json;
+}
+
+// The daemon's answer, which is written when JSON is wanted. Throws Failure with its own words when it refused.
+Json ask(DaemonConnection& daemon, IPC::PduType type, Json const& question, bool json, Output& output) {
+    Json const answer = daemon.ask(type, question);
+    if (json) {
+        output.write(answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n");
+        output.flush();
+    }
+    if (auto const error = answer.find("error"); error != answer.end()) {
+        throw Failure(ExitCode::failed, error->is_string() ? escapeForLog(error->get<std::string>()) : error->dump());
+    }
+    return answer;
+}
+
+std::string shown(Json const& answer, char const* key) {
+    return escapeForLog(answer.at(key).get<std::string>());
+}
+
+} // namespace
+
+void MessageRequest::check() const {
+    if (!address.empty()) {
+        checked([this] { IPAddress const parsed(address); });
+    }
+    for (auto const& mailbox : {sender, recipient}) {
+        if (mailbox) {
+            checked([&] { EmailAddress::rfc5321Parse(*mailbox, false); });
+        }
+    }
+}
+
+void explain(DaemonConnection& daemon, MessageRequest const& request, Output& output) {
+    Json const answer = ask(daemon, IPC::PduType::adminExplain, asJson(request), request.json, output);
+    if (!request.json) {
+        output.write(explanationText(answer, request.now));
+        output.flush();
+    }
+}
+
+void release(DaemonConnection& daemon, MessageRequest const& request, Output& output) {
+    Json const answer = ask(daemon, IPC::PduType::adminRelease, asJson(request), request.json, output);
+    if (!request.json) {
+        std::string const tuple =
+            shown(answer, "network") + " " + shown(answer, "sender") + " " + shown(answer, "recipient");
+        output.write(tuple + (answer.at("released").get<bool>() ? ": the next message passes\n"
+                                                                : ": passes already, nothing was changed\n"));
+        output.flush();
+    }
+}
+
+void resetRate(DaemonConnection& daemon, MessageRequest const& request, Output& output) {
+    Json const answer =
+        ask(daemon, IPC::PduType::adminResetRate, {{"sender", request.sender.value_or("")}}, request.json, output);
+    if (!request.json) {
+        bool const blocked = answer.at("was_blocked").get<bool>();
+        output.write(shown(answer, "sender") + (blocked ? ": the block is lifted\n"
+                                                : answer.at("known").get<bool>()
+                                                    ? ": was not blocked\n"
+                                                    : ": nothing is known of this sender\n"));
+        output.flush();
+    }
+}
+
+} // namespace Vellum::Tools
