@@ -1,9 +1,11 @@
 #include "daemon/Daemon.h"
 
 #include "daemon/AdminHandlers.h"
+#include "daemon/DecisionHandlers.h"
 #include "daemon/ExemptRules.h"
 #include "daemon/GreylistConfiguration.h"
 #include "daemon/LastBackup.h"
+#include "daemon/SignalInbox.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Logger.h"
 #include "foundation/Version.h"
@@ -13,6 +15,7 @@
 #include "foundation/ipc/Dispatcher.h"
 #include "greylist/LogCodes.h"
 #include "mmsreputation/LogCodes.h"
+#include "mmsreputation/MMSRadius.h"
 #include "reputation/LogCodes.h"
 #include "senderhistory/SenderHistoryDatabase.h"
 
@@ -58,6 +61,7 @@ Daemon::~Daemon() {
     m_housekeeping.reset();
     dispatcher().stop(); // its requests ask the policy server for figures
     m_policy.reset();
+    m_milter.reset();
     Cron::Crontab::instance(true).stop();
     bool const quiet = DetachedBackup::waitForAll(patienceWithLastBackups);
     Logger::install(nullptr);
@@ -75,6 +79,7 @@ void Daemon::check() const {
 }
 
 int Daemon::run() {
+    SignalInbox signals({SIGTERM, SIGINT, SIGHUP});
     useLog(m_settings.log);
     note(Logger::Severity::info, std::string("vellumd ") + version + " starts with " + m_settingsPath);
     try {
@@ -95,15 +100,8 @@ int Daemon::run() {
     }
     note(Logger::Severity::info, "serving");
 
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int const signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&taken, signal);
-    }
-    for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
-        if (sigwait(&taken, &signal) == 0 && signal == SIGHUP) {
-            reload();
-        }
+    while (signals.next() == SIGHUP) {
+        reload();
     }
     stop();
     return EX_OK;
@@ -191,17 +189,37 @@ void Daemon::sayWhatCouldNotBeLoaded() const {
 }
 
 DecisionSettings Daemon::decisionSettings() const {
-    return {m_settings.greylist.enabled, m_settings.greylist.folding, m_settings.greylist.autoExemptAfter, m_rules};
+    return {m_settings.greylist.enabled,
+            m_settings.greylist.folding,
+            m_settings.greylist.autoExemptAfter,
+            m_rules,
+            {m_settings.rateLimits.most, m_settings.reputationLimits, m_settings.endpointLimits}};
 }
 
-void Daemon::serve() {
-    m_decision = std::make_unique<Decision>(**GreyList::TupleCache::instance(),
-                                            **GreyList::DynamicExemptCache::instance(), decisionSettings());
+void Daemon::makeDecision() {
+    if (m_settings.endpoint.enabled && m_settings.endpoint.radius) {
+        auto const ask = [](IPAddress const& address) {
+            return MMSReputation::RadiusDatabase::instance()->find(address).asString();
+        };
+        m_subscribers = std::make_unique<SubscriberDirectory>(ask, clockNow, SubscriberDirectory::Options{});
+    }
+    m_standing = Standing(m_subscribers.get());
+    m_counts =
+        std::make_unique<MailCounts>(MailLimits{m_settings.rateLimits, m_settings.endpointLimits}, m_subscribers.get());
+    m_decision =
+        std::make_unique<Decision>(**GreyList::TupleCache::instance(), **GreyList::DynamicExemptCache::instance(),
+                                   decisionSettings(), &m_standing);
     m_decision->rebuildPassCounts(clockNow());
     m_translator = std::make_unique<PolicyTranslator>(*m_decision, PolicyTranslatorSettings::of(m_settings), clockNow);
     m_policy = std::make_unique<PolicyServer>(*m_translator);
+    m_milterFront =
+        std::make_unique<MilterFront>(*m_decision, *m_counts, MilterFrontSettings::of(m_settings), clockNow);
+}
 
+void Daemon::serve() {
+    makeDecision();
     addAdminHandlers(*this);
+    addDecisionHandlers(*m_decision, clockNow);
     IpcSettings const& ipc = m_settings.ipc;
     IPC::DispatcherOptions requests;
     if (ipc.ipv6) {
@@ -214,13 +232,22 @@ void Daemon::serve() {
     requests.frameTimeout = std::chrono::seconds(ipc.frameTimeoutSeconds);
     dispatcher().start(requests);
 
+    serveMailServers();
+    m_pidFile = std::make_unique<PidFile>(m_settings.state.pidFile);
+    m_housekeeping = std::make_unique<Housekeeping>([this] { keepHouse(); });
+}
+
+void Daemon::serveMailServers() {
     PolicySettings const& policy = m_settings.policy;
     m_policy->start({.listen = policy.listen,
                      .socketMode = policy.socketMode,
                      .workers = policy.threads,
                      .maxConnections = policy.maxConnections});
-    m_pidFile = std::make_unique<PidFile>(m_settings.state.pidFile);
-    m_housekeeping = std::make_unique<Housekeeping>([this] { keepHouse(); });
+    if (MilterSettings const& milter = m_settings.milter; milter.listen) {
+        m_milter = std::make_unique<MilterServer>(*m_milterFront);
+        m_milter->start(
+            {.listen = *milter.listen, .socketMode = milter.socketMode, .maxConnections = milter.maxConnections});
+    }
 }
 
 void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
@@ -247,9 +274,17 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
             changed.policy.threads != m_settings.policy.threads ||
             changed.policy.maxConnections != m_settings.policy.maxConnections,
         "[policy]");
+    auto const milterAddress = [](MilterSettings const& settings) {
+        return settings.listen ? settings.listen->asString() : std::string();
+    };
+    say(milterAddress(changed.milter) != milterAddress(m_settings.milter) ||
+            changed.milter.socketMode != m_settings.milter.socketMode ||
+            changed.milter.maxConnections != m_settings.milter.maxConnections,
+        "[milter] listen, socket_mode or max_connections");
     say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
     say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
     say(changed.endpoint.windowMinutes != m_endpoints->windowSize(), "[endpoint] window_minutes");
+    say(changed.endpoint.radius != m_settings.endpoint.radius, "[endpoint] radius");
 }
 
 void Daemon::keepHouse() {
@@ -260,6 +295,7 @@ void Daemon::keepHouse() {
         m_endpointLoads.tryAgain();
     }
     m_decision->dropDeadExemptions(clockNow());
+    MailCounts::liftBlocks(clockNow());
 }
 
 void Daemon::reload() {
@@ -277,6 +313,8 @@ void Daemon::reload() {
         m_endpoints->change(m_settings.endpoint);
         m_reputation->change(m_settings.reputation);
         m_translator->install(PolicyTranslatorSettings::of(m_settings));
+        m_milterFront->install(MilterFrontSettings::of(m_settings));
+        m_counts->install({m_settings.rateLimits, m_settings.endpointLimits});
         note(Logger::Severity::info, "settings read again from " + m_settingsPath);
     } catch (std::exception const& failed) {
         note(Logger::Severity::error, std::string("the settings stay as they were: ") + failed.what());
@@ -292,7 +330,8 @@ void Daemon::reload() {
 void Daemon::stop() {
     note(Logger::Severity::info, "ending");
     m_housekeeping.reset();
-    m_policy->stop(); // from here on nothing changes in the caches
+    m_policy->stop();
+    m_milter.reset(); // from here on nothing changes in the caches
     dispatcher().stop();
     Cron::Crontab::instance(true).stop();
     if (!DetachedBackup::waitForAll(patienceWithLastBackups)) {
@@ -325,13 +364,25 @@ DaemonStatus Daemon::status() const {
     for (ListenAddress const& address : m_policy->addresses()) {
         status.policyListeners.push_back(address.asString());
     }
-    for (unsigned int i = 0; i < reasonCount; ++i) {
-        auto const reason = static_cast<Verdict::Reason>(i);
-        status.decisions.push_back({std::string(actionText(actionOf(reason))), std::string(reasonText(reason)),
-                                    m_translator->counters().of(reason)});
-    }
+    status.decisions = decisionCounts();
     status.database = m_databaseWatch.state();
     return status;
+}
+
+std::vector<DaemonStatus::DecisionCount> Daemon::decisionCounts() const {
+    std::vector<DaemonStatus::DecisionCount> counts;
+    for (unsigned int i = 0; i < reasonCount; ++i) {
+        auto const reason = static_cast<Verdict::Reason>(i);
+        for (unsigned int j = 0; j < actionCount; ++j) {
+            auto const action = static_cast<Verdict::Action>(j);
+            std::uint64_t const count =
+                m_translator->counters().of(action, reason) + m_milterFront->counters().of(action, reason);
+            if (count != 0 || action == actionOf(reason)) { // what a reason never led to is only told once
+                counts.push_back({std::string(actionText(action, reason)), std::string(reasonText(reason)), count});
+            }
+        }
+    }
+    return counts;
 }
 
 BackupGate Daemon::backupGate() const {

@@ -1,8 +1,9 @@
-// The state daemon, put together: settings, caches, tables, port 29001, the policy front, jobs, and an orderly end.
+// The state daemon, put together: settings, caches, tables, port 29001, the policy and milter fronts, jobs, and an
+// orderly end.
 //
 // Order of start: settings, log, lock on the state directory, configuration, tables brought up and loaded, decision,
-// requests on port 29001, policy front. Whatever fails ends the start; nothing is served before everything is there.
-// Order of end (SIGTERM, SIGINT): policy front, port 29001, jobs, then the last backup, which is waited for.
+// requests on port 29001, fronts. Whatever fails ends the start; nothing is served before everything is there.
+// Order of end (SIGTERM, SIGINT): fronts, port 29001, jobs, then the last backup, which is waited for.
 #pragma once
 
 #include "daemon/DatabaseWatch.h"
@@ -12,11 +13,14 @@
 #include "daemon/Housekeeping.h"
 #include "daemon/InstanceLock.h"
 #include "daemon/LoadKeeper.h"
+#include "daemon/MailCounts.h"
+#include "daemon/MilterServer.h"
 #include "daemon/PolicyServer.h"
 #include "daemon/PolicyTranslator.h"
 #include "daemon/RateControlConfiguration.h"
 #include "daemon/ReputationConfiguration.h"
 #include "daemon/Settings.h"
+#include "daemon/SubscriberDirectory.h"
 
 #include <memory>
 #include <string>
@@ -45,6 +49,8 @@ class Daemon : private GreylistAdministration {
     void awaitDatabaseDaemon() const;
     void bringUpState();
     void serve();
+    void makeDecision();
+    void serveMailServers();
     void reload();
     void sayWhatNeedsARestart(Settings const& changed) const;
     void sayWhatCouldNotBeLoaded() const;
@@ -53,6 +59,7 @@ class Daemon : private GreylistAdministration {
     void keepHouse();
 
     DecisionSettings decisionSettings() const;
+    std::vector<DaemonStatus::DecisionCount> decisionCounts() const;
 
     // AdminServices
     DaemonStatus status() const override;
@@ -79,6 +86,11 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<Decision> m_decision;
     std::unique_ptr<PolicyTranslator> m_translator;
     std::unique_ptr<PolicyServer> m_policy;
+    std::unique_ptr<SubscriberDirectory> m_subscribers; // null: the settings want no lookups
+    Standing m_standing{nullptr};
+    std::unique_ptr<MailCounts> m_counts;
+    std::unique_ptr<MilterFront> m_milterFront;
+    std::unique_ptr<MilterServer> m_milter; // null: the settings want none
     std::unique_ptr<Housekeeping> m_housekeeping;
 };
 

@@ -13,6 +13,7 @@ EndpointSettings readEndpoint(SettingsTable const& endpoint) {
     constexpr std::int64_t longest = 10'080; // a week
     EndpointSettings settings;
     settings.enabled = endpoint.boolean("enabled", settings.enabled);
+    settings.radius = endpoint.boolean("radius", settings.radius);
     settings.backup = endpoint.boolean("backup", settings.backup);
     std::int64_t const window =
         endpoint.integer("window_minutes", settings.windowMinutes, std::numeric_limits<std::int64_t>::min(),

@@ -1,12 +1,12 @@
 #include "daemon/PolicyTranslator.h"
 
 #include "daemon/DecisionLog.h"
+#include "daemon/FrontTexts.h"
 #include "daemon/GreylistHeader.h"
 #include "foundation/Logger.h"
 #include "foundation/MailboxSyntax.h"
 
-#include <array>
-#include <unistd.h>
+#include <optional>
 #include <utility>
 
 namespace Vellum::Daemon {
@@ -33,6 +33,24 @@ void parseMailbox(std::string_view text, EmailAddress& mailbox) {
     }
 }
 
+// The stage that a request comes at; nothing where there is nothing to decide.
+std::optional<Stage> stageOf(PolicyRequest const& request) {
+    if (request[Attribute::request] != "smtpd_access_policy") {
+        return std::nullopt;
+    }
+    std::string_view const state = request[Attribute::protocolState];
+    if (state == "RCPT") {
+        return Stage::recipient;
+    }
+    if (state == "CONNECT" || state == "EHLO" || state == "HELO") {
+        return Stage::connect;
+    }
+    if (state == "MAIL") {
+        return Stage::sender;
+    }
+    return state == "DATA" || state == "END-OF-MESSAGE" ? std::optional(Stage::endOfMessage) : std::nullopt;
+}
+
 // Fills in the whole message, and answers what keeps it from being decided; empty when nothing does. The values are in
 // the log line beside it.
 std::string_view readMessage(PolicyRequest const& request, Message& message) {
@@ -56,19 +74,7 @@ std::string_view readMessage(PolicyRequest const& request, Message& message) {
     message.authenticatedUser = request[Attribute::saslUsername];
     message.queueId = request[Attribute::queueId];
     message.instance = request[Attribute::instance];
-    return message.recipient.isNull() ? "no recipient" : "";
-}
-
-void appendWithSeconds(std::string& out, std::string_view text, long seconds) {
-    for (;;) {
-        std::size_t const place = text.find(secondsPlaceholder);
-        out += text.substr(0, place);
-        if (place == std::string_view::npos) {
-            return;
-        }
-        out += std::to_string(seconds);
-        text.remove_prefix(place + secondsPlaceholder.size());
-    }
+    return "";
 }
 
 void logDecision(PolicyRequest const& request, Verdict const& verdict, std::string_view problem) {
@@ -85,18 +91,13 @@ void logDecision(PolicyRequest const& request, Verdict const& verdict, std::stri
     Logger::instance(false).note(problem.empty() ? Logger::Severity::info : Logger::Severity::warning, line);
 }
 
-std::string systemName() {
-    std::array<char, 256> name{};
-    return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "localhost";
-}
-
 } // namespace
 
 PolicyTranslatorSettings PolicyTranslatorSettings::of(Settings const& settings) {
     GreylistSettings const& greylist = settings.greylist;
-    return {.deferText = greylist.deferText,
+    return {.texts = RefusalTexts::of(settings),
             .header = greylist.header,
-            .hostName = greylist.hostName.empty() ? systemName() : greylist.hostName,
+            .hostName = headerHostName(greylist),
             .logDecisions = settings.log.decisions};
 }
 
@@ -104,17 +105,25 @@ PolicyTranslator::PolicyTranslator(Decision& decision, PolicyTranslatorSettings 
     : m_decision(decision), m_settings(std::move(settings)), m_clock(std::move(clock)) {}
 
 void PolicyTranslator::answer(PolicyRequest const& request, PolicyConnectionMemory& memory, std::string& out) {
-    if (request[Attribute::request] != "smtpd_access_policy" || request[Attribute::protocolState] != "RCPT") {
+    std::optional<Stage> const stage = stageOf(request);
+    if (!stage) {
         out += noOpinion;
         return;
     }
     auto const settings = m_settings.get();
     thread_local Message message; // keeps its memory from one request to the next
-    std::string_view const problem = readMessage(request, message);
+    std::string_view problem = readMessage(request, message);
+    bool const atRecipient = *stage == Stage::recipient;
+    if (atRecipient && problem.empty() && message.recipient.isNull()) {
+        problem = "no recipient";
+    }
     long const now = m_clock();
-    Verdict const verdict = problem.empty() ? m_decision.atRecipient(message, now) : Verdict{};
-    m_counters.count(verdict.reason);
+    Verdict const verdict = problem.empty() ? m_decision.at(*stage, message, now) : Verdict{};
     appendAnswer(out, verdict, *settings, now, request[Attribute::instance], memory);
+    if (!atRecipient && verdict.action == Verdict::Action::pass) {
+        return;
+    }
+    m_counters.count(verdict);
     if (settings->logDecisions || !problem.empty()) {
         logDecision(request, verdict, problem);
     }
@@ -122,9 +131,12 @@ void PolicyTranslator::answer(PolicyRequest const& request, PolicyConnectionMemo
 
 void PolicyTranslator::appendAnswer(std::string& out, Verdict const& verdict, PolicyTranslatorSettings const& settings,
                                     long now, std::string_view instance, PolicyConnectionMemory& memory) {
-    if (verdict.defers()) {
-        out += "action=DEFER_IF_PERMIT 4.2.0 ";
-        appendWithSeconds(out, settings.deferText, verdict.secondsLeft);
+    if (verdict.action != Verdict::Action::pass) {
+        Refusal const refusal = refusalOf(verdict, settings.texts);
+        out += verdict.defers() ? "action=DEFER_IF_PERMIT " : "action=REJECT ";
+        out += refusal.status;
+        out += ' ';
+        out += refusal.text;
         out += "\n\n";
     } else if (verdict.reason == Verdict::Reason::passed && settings.header && isFirstHeader(instance, memory)) {
         out += "action=PREPEND ";

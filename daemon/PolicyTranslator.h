@@ -1,10 +1,18 @@
 // Between the policy protocol and the decision: makes a message of a request, and an answer of a verdict.
 //
 //   request                                      answer
-//   anything but smtpd_access_policy at RCPT     DUNNO
+//   anything but smtpd_access_policy             DUNNO
+//   CONNECT, EHLO, HELO                          DUNNO; what the decision will have to look up is looked up
+//   MAIL                                         the decision at the sender
+//   DATA, END-OF-MESSAGE                         the decision at the end of the message
+//   RCPT                                         the decision at the recipient
+//   other states                                 DUNNO
+//
+//   decision                                     answer
 //   no or no valid client address or recipient,  DUNNO, and a warning in the log
 //   or no valid sender
-//   deferred                                     DEFER_IF_PERMIT 4.2.0 <text of the settings>
+//   deferred                                     DEFER_IF_PERMIT <status and text of FrontTexts.h>
+//   rejected                                     REJECT <status and text of FrontTexts.h>
 //   passed, after it had to wait                 PREPEND X-Greylist: ..., once for each message; then DUNNO
 //   passed                                       DUNNO
 //
@@ -12,11 +20,14 @@
 // address claims alone (reverse_client_name) is not believed. A client counts as authenticated when it has a
 // sasl_username.
 //
+// Before and after the recipient, only what is refused is counted and logged.
+//
 // Nothing that came from outside is in an answer.
 #pragma once
 
 #include "daemon/Decision.h"
 #include "daemon/DecisionCounters.h"
+#include "daemon/FrontTexts.h"
 #include "daemon/PolicyAnswerer.h"
 #include "daemon/RecentMessages.h"
 #include "daemon/Settings.h"
@@ -27,7 +38,7 @@
 namespace Vellum::Daemon {
 
 struct PolicyTranslatorSettings {
-    std::string deferText; // with secondsPlaceholder wherever the seconds are wanted
+    RefusalTexts texts;
     bool header = true;
     std::string hostName; // this system's, for the header
     bool logDecisions = true;

@@ -1,5 +1,6 @@
 #include "daemon/Settings.h"
 
+#include "daemon/ListenSettings.h"
 #include "foundation/database/DatabaseDaemon.h"
 #include "foundation/database/DatabaseSettings.h"
 
@@ -12,11 +13,6 @@
 
 namespace Vellum::Daemon {
 namespace {
-
-// What is wrong with a value, without the name of the operation that found it.
-std::string problemOf(Exception const& caught) {
-    return caught.stringParameters().empty() ? caught.asString() : caught.stringParameters().front();
-}
 
 template <class T>
 void readNumber(SettingsTable const& table, char const* key, T& value, std::int64_t lowest, std::int64_t highest) {
@@ -93,39 +89,10 @@ IpcSettings readIpc(SettingsTable const& ipc) {
     return settings;
 }
 
-// The path of a Unix socket, relative to the settings file when it is relative.
-std::string absoluteListenText(SettingsTable const& policy, std::string const& text) {
-    constexpr std::string_view scheme = "unix:";
-    if (!text.starts_with(scheme)) {
-        return text;
-    }
-    std::filesystem::path const directory =
-        std::filesystem::absolute(std::filesystem::path(policy.file())).parent_path();
-    return std::string(scheme) + (directory / text.substr(scheme.size())).string();
-}
-
-mode_t readMode(SettingsTable const& policy, char const* key, mode_t absent) {
-    std::string const text = policy.text(key, "");
-    if (!policy.has(key)) {
-        return absent;
-    }
-    unsigned int mode = 0;
-    char const* const end = text.data() + text.size();
-    auto const [last, error] = std::from_chars(text.data(), end, mode, 8);
-    if (error != std::errc() || last != end || mode > 0777) {
-        policy.refuse(key, "expected permissions as octal digits in quotes, \"0600\" to \"0777\"");
-    }
-    return mode;
-}
-
 PolicySettings readPolicy(SettingsTable const& policy) {
     PolicySettings settings;
     for (std::string const& text : policy.texts("listen", {"unix:/run/vellum/policy.sock", "inet:127.0.0.1:29002"})) {
-        try {
-            settings.listen.push_back(ListenAddress::parse(absoluteListenText(policy, text)));
-        } catch (Exception const& caught) {
-            policy.refuse("listen", problemOf(caught));
-        }
+        settings.listen.push_back(parseListen(policy, "listen", text));
     }
     if (settings.listen.empty()) {
         policy.refuse("listen", "expected at least one address, as \"unix:/path\" or \"inet:127.0.0.1:29002\"");
@@ -134,24 +101,6 @@ PolicySettings readPolicy(SettingsTable const& policy) {
     readNumber(policy, "threads", settings.threads, 0, 256);
     readNumber(policy, "max_connections", settings.maxConnections, 1, 1'000'000);
     return settings;
-}
-
-// A reply line of SMTP takes 512 octets and its text goes to strangers as it is: short, one line, plain ASCII. A word
-// between percent signs is taken for a placeholder, so that a misspelt one is not found out by others.
-void checkDeferText(SettingsTable const& greylist, std::string const& text) {
-    constexpr std::size_t longest = 400;
-    bool const printable = std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c < 0x7f; });
-    if (text.empty() || text.size() > longest || !printable) {
-        greylist.refuse("defer_text", "expected 1 to 400 printable ASCII characters");
-    }
-    for (std::size_t at = 0; (at = text.find('%', at)) != std::string::npos;) {
-        std::size_t const end = text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_", at + 1);
-        bool const placeholder = end != std::string::npos && end > at + 1 && text[end] == '%';
-        if (placeholder && text.compare(at, end + 1 - at, secondsPlaceholder) != 0) {
-            greylist.refuse("defer_text", "expected no placeholder but " + std::string(secondsPlaceholder));
-        }
-        at = placeholder ? end + 1 : at + 1;
-    }
 }
 
 // The host name goes into a header and is checked as what it is.
@@ -195,7 +144,7 @@ GreylistSettings readGreylist(SettingsTable const& greylist) {
     settings.folding.bounceDigits = greylist.boolean("fold_bounce_digits", settings.folding.bounceDigits);
     settings.folding.lowercaseLocalPart = greylist.boolean("lowercase_local_part", settings.folding.lowercaseLocalPart);
     checkTimes(greylist, settings);
-    checkDeferText(greylist, settings.deferText);
+    checkReplyText(greylist, "defer_text", settings.deferText, true);
     checkHostName(greylist, settings.hostName);
     return settings;
 }
@@ -220,10 +169,14 @@ Settings read(SettingsTable const& file) {
     settings.state = readState(file.table("state"));
     settings.ipc = readIpc(file.table("ipc"));
     settings.policy = readPolicy(file.table("policy"));
+    settings.milter = readMilter(file.table("milter"));
     settings.greylist = readGreylist(file.table("greylist"));
     settings.reputation = readReputation(file.table("reputation"));
     settings.rateControl = readRateControl(file.table("rate_control"));
     settings.endpoint = readEndpoint(file.table("endpoint"));
+    settings.rateLimits = readRateLimits(file.table("rate_control"));
+    settings.reputationLimits = readReputationLimits(file.table("reputation"));
+    settings.endpointLimits = readEndpointLimits(file.table("endpoint"));
     file.refuseUnknownKeys();
     return settings;
 }

@@ -7,7 +7,9 @@
 
 #include "daemon/AddressFolding.h"
 #include "daemon/EndpointSettings.h"
+#include "daemon/LimitSettings.h"
 #include "daemon/ListeningSocket.h"
+#include "daemon/MilterSettings.h"
 #include "foundation/LogSinks.h"
 #include "foundation/Settings.h"
 #include "foundation/database/ServerMap.h"
@@ -89,10 +91,14 @@ struct Settings {
     StateSettings state;
     IpcSettings ipc;
     PolicySettings policy;
+    MilterSettings milter;
     GreylistSettings greylist;
     ReputationSettings reputation;
     RateControlSettings rateControl;
     EndpointSettings endpoint;
+    RateLimitSettings rateLimits;
+    ReputationLimitSettings reputationLimits;
+    EndpointLimitSettings endpointLimits;
 
     // Throw SettingsError.
     static Settings load(std::string const& path);

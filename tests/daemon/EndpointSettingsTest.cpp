@@ -50,7 +50,8 @@ TEST(EndpointSettings, WindowShorterThanItsSlicesIsRefusedWithTheReason) {
 
 TEST(EndpointSettings, UnknownKeyIsRefused) {
     EXPECT_EQ(errorOf("window = 30\n"),
-              "/etc/vellum/v.toml:2: [endpoint] unknown key \"window\": expected backup, enabled, window_minutes");
+              "/etc/vellum/v.toml:2: [endpoint] unknown key \"window\": expected backup, blacklisted, "
+              "block_hours, block_score, enabled, radius, text, window_minutes");
 }
 
 } // namespace

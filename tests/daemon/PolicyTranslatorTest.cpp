@@ -45,7 +45,10 @@ Attributes with(Attributes base, std::map<std::string, char const*> const& chang
 }
 
 PolicyTranslatorSettings translatorSettings() {
-    return {.deferText = "Greylisted, please try again in %SECONDS% seconds",
+    return {.texts = {.greylisted = "Greylisted, please try again in %SECONDS% seconds",
+                      .senderBlocked = "Too much, wait %SECONDS% s",
+                      .badReputation = "Bad reputation",
+                      .endpointBlacklisted = "Not from this subscriber"},
             .header = true,
             .hostName = "mx.example.com",
             .logDecisions = true};
@@ -261,8 +264,13 @@ TEST(PolicyTranslator, SettingsHoldFromTheNextRequestOn) {
     TranslatorFixture front;
     front.ask(someMail(), start);
     front.log.clear();
-    front.translator.install(
-        {.deferText = "%SECONDS%/%SECONDS% %", .header = false, .hostName = "x", .logDecisions = false});
+    front.translator.install({.texts = {.greylisted = "%SECONDS%/%SECONDS% %",
+                                        .senderBlocked = {},
+                                        .badReputation = {},
+                                        .endpointBlacklisted = {}},
+                              .header = false,
+                              .hostName = "x",
+                              .logDecisions = false});
     EXPECT_EQ(front.ask(someMail(), start + 290), "action=DEFER_IF_PERMIT 4.2.0 10/10 %\n\n");
     EXPECT_EQ(front.ask(someMail(), start + 300), dunno) << "the header is switched off";
     EXPECT_TRUE(front.log.notes().empty());
@@ -300,7 +308,7 @@ TEST(PolicyTranslator, SettingsComeFromTheDaemons) {
     settings.log.decisions = false;
     PolicyTranslatorSettings made = PolicyTranslatorSettings::of(settings);
     EXPECT_EQ(made.hostName, "mx.example.net");
-    EXPECT_EQ(made.deferText, "later");
+    EXPECT_EQ(made.texts.greylisted, "later");
     EXPECT_FALSE(made.header);
     EXPECT_FALSE(made.logDecisions);
     settings.greylist.hostName = "";

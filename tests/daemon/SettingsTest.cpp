@@ -77,7 +77,7 @@ TEST(Settings, TheExampleHasEveryKey) {
     std::ifstream file(VELLUM_SOURCE_DIR "/packaging/vellumd.toml");
     std::stringstream text;
     text << file.rdbuf();
-    for (char const* section : {"log", "database", "database_daemon", "state", "ipc", "policy", "greylist",
+    for (char const* section : {"log", "database", "database_daemon", "state", "ipc", "policy", "milter", "greylist",
                                 "reputation", "rate_control", "endpoint"}) {
         std::string error = errorOf("[" + std::string(section) + "]\nnonsense = 1\n");
         ASSERT_NE(error.find("expected "), std::string::npos) << error;
@@ -177,12 +177,11 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
         std::string error;
     };
     std::vector<Case> const cases = {
-        {"x = 1\n", "1: unknown key \"x\": expected database, database_daemon, endpoint, greylist, ipc, log, policy, "
-                    "rate_control, reputation, "
-                    "state"},
+        {"x = 1\n", "1: unknown key \"x\": expected database, database_daemon, endpoint, greylist, ipc, log, milter, "
+                    "policy, rate_control, reputation, state"},
         {"\n[grey_list]\n",
          "2: unknown key \"grey_list\": expected database, database_daemon, endpoint, greylist, ipc, log, "
-         "policy, rate_control, reputation, state"},
+         "milter, policy, rate_control, reputation, state"},
         {"[log]\nlevel = 3\n", "2: [log] unknown key \"level\": expected decisions, target"},
         {"[log]\ntarget = \"sylog\"\n", "2: [log] target = \"sylog\": expected \"syslog\", \"stderr\" or the path of "
                                         "a file, with a slash in it"},
@@ -232,7 +231,8 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
          "enabled, first_life_hours, fold_bounce_digits, fold_extension, header, host_name, life_days, "
          "lowercase_local_part, max_records, rules"},
         {"[reputation]\nbackup = 1\n", "2: [reputation] backup = 1: expected true or false"},
-        {"[reputation]\nmax_records = 1\n", "2: [reputation] unknown key \"max_records\": expected backup"},
+        {"[reputation]\nmax_records = 1\n", "2: [reputation] unknown key \"max_records\": expected backup, "
+                                            "defer_score, reject_score, text"},
         {"[rate_control]\nmax_senders = 0\n", "2: [rate_control] max_senders = 0: expected 1 to 100000000"},
         {"[rate_control]\nmax_senders = 100000001\n",
          "2: [rate_control] max_senders = 100000001: expected 1 to 100000000"},
