@@ -2,6 +2,7 @@
 
 #include "foundation/Exception.h"
 #include "foundation/Logger.h"
+#include "foundation/database/DatabaseDaemon.h"
 
 #include <utility>
 
@@ -26,6 +27,9 @@ bool LoadKeeper::accept() {
 void LoadKeeper::tryAgain() {
     if (mayBackUp()) {
         return;
+    }
+    if (DatabaseDaemon::askWhetherSettled() == DatabaseDaemon::Answer::notSettled) {
+        return; // an accepted backup is not in the tables yet: what is there is older than what would be lost
     }
     m_tables.loadAgain();
     if (m_tables.problem().empty()) {

@@ -93,9 +93,18 @@ void GlRecordDatabase::dropTable() {
 }
 
 void GlRecordDatabase::read() {
+    readTuples();
+    readExemptions();
+}
+
+void GlRecordDatabase::readTuples() {
     Synchronized const hold(tablesAndCaches());
     LoadReport::setTuples(load<RecordRowWithExpiryTime, TupleCache, AdapterRecordRowToSenderDataBase>(
         m_connection, greyListTable, readTuplesFailedLine, LoadReport::setTuples));
+}
+
+void GlRecordDatabase::readExemptions() {
+    Synchronized const hold(tablesAndCaches());
     LoadReport::setExemptions(
         load<GLAutoExemptRecordRowWithExpiryTime, DynamicExemptCache, AdapterRecordRowToGLAutoExemptDataBase>(
             m_connection, autoExemptTable, readExemptionsFailedLine, LoadReport::setExemptions));

@@ -36,6 +36,9 @@ class GlRecordDatabase {
     // (0x300019E) and leaves its cache as it was; otherwise the cache is cleared and filled, expired records included.
     // Takes the caches' locks for each record; never throws an Exception. LoadReport.h says how it went.
     void read();
+    // One half of it.
+    void readTuples();
+    void readExemptions();
 
     // Writes both caches as a script to Configuration::backupPath(), which appears whole or not at all, and hands it to
     // the database daemon. The caches' locks are held shared while their records are copied, not while text is made or
