@@ -13,6 +13,7 @@
 #include "foundation/database/DatabaseDaemon.h"
 #include "foundation/database/ServerMap.h"
 #include "foundation/ipc/Dispatcher.h"
+#include "greylist/LoadReport.h"
 #include "greylist/LogCodes.h"
 #include "mmsreputation/LogCodes.h"
 #include "mmsreputation/MMSRadius.h"
@@ -210,6 +211,7 @@ void Daemon::makeDecision() {
         std::make_unique<Decision>(**GreyList::TupleCache::instance(), **GreyList::DynamicExemptCache::instance(),
                                    decisionSettings(), &m_standing);
     m_decision->rebuildPassCounts(clockNow());
+    m_countedLoads = GreyList::LoadReport::last().tupleLoads;
     m_translator = std::make_unique<PolicyTranslator>(*m_decision, PolicyTranslatorSettings::of(m_settings), clockNow);
     m_policy = std::make_unique<PolicyServer>(*m_translator);
     m_milterFront =
@@ -295,6 +297,10 @@ void Daemon::keepHouse() {
         m_endpointLoads.tryAgain();
     }
     m_decision->dropDeadExemptions(clockNow());
+    if (std::uint64_t const loads = GreyList::LoadReport::last().tupleLoads; loads != m_countedLoads) {
+        m_countedLoads = loads; // a tool has asked for a reload
+        m_decision->rebuildPassCounts(clockNow());
+    }
     MailCounts::liftBlocks(clockNow());
 }
 
@@ -325,6 +331,7 @@ void Daemon::reload() {
         note(Logger::Severity::error, std::string("the exempt rules stay as they were: ") + failed.what());
     }
     m_decision->install(decisionSettings());
+    m_decision->rebuildPassCounts(clockNow()); // more may be needed now than was counted
 }
 
 void Daemon::stop() {

@@ -84,6 +84,7 @@ class Daemon : private GreylistAdministration {
     LoadKeeper m_endpointLoads{endpointTables()};
     DatabaseWatch m_databaseWatch;
     std::unique_ptr<Decision> m_decision;
+    std::uint64_t m_countedLoads = 0; // of tuples, that the decision's pass counts know
     std::unique_ptr<PolicyTranslator> m_translator;
     std::unique_ptr<PolicyServer> m_policy;
     std::unique_ptr<SubscriberDirectory> m_subscribers; // null: the settings want no lookups

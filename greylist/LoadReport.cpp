@@ -17,7 +17,10 @@ LoadReport LoadReport::last() {
 }
 
 void LoadReport::setTuples(Half const& half) {
-    kept().update([&](LoadReport& report) { report.tuples = half; });
+    kept().update([&](LoadReport& report) {
+        report.tuples = half;
+        report.tupleLoads += half.loaded ? 1 : 0;
+    });
 }
 
 void LoadReport::setExemptions(Half const& half) {

@@ -3,12 +3,15 @@
 
 #include "foundation/database/LoadReport.h"
 
+#include <cstdint>
+
 namespace Vellum::GreyList {
 
 struct LoadReport {
     using Half = Database::LoadReport;
     Half tuples;
     Half exemptions;
+    std::uint64_t tupleLoads = 0; // how often the tuples were loaded, since the start
 
     // Every half that was ever tried holds what its table held.
     bool complete() const { return tuples.loaded && exemptions.loaded; }
