@@ -33,12 +33,13 @@ long delaySeconds() {
     return RefConfiguration::instance(nullptr)->greylistMinutes() * 60L;
 }
 
-// Sends every pair of `cache` as what `packet` makes of it.
+// Sends every pair of `cache` as what `packet` makes of it and of the time, which is read when the lock is there.
 template <class Cache, class MakePacket>
 void list(IPC::SocketIPC& client, Cache const& cache, IPC::PduType recordType, MakePacket packet) {
     SharedLock const hold(cache.lock); // until the end marker: the listing is one moment of the cache
     IPC::Listing listing(client, cache.sizeNoLock());
-    cache.forEachInKeyOrder([&](auto const& pair) { return listing.send(recordType, packet(pair)); });
+    long const now = std::time(nullptr);
+    cache.forEachInKeyOrder([&](auto const& pair) { return listing.send(recordType, packet(pair, now)); });
     listing.end();
 }
 
@@ -69,9 +70,8 @@ RecordHandler::RecordHandler() : HandlerImpl(IPC::PduType::listTuples, true) {}
 int RecordHandler::task(IPC::SocketIPC& client, IPC::Pdu const& request) const {
     return guarded(request, tupleListingRecords, [&] {
         _TupleCache const& cache = **TupleCache::instance();
-        long const now = std::time(nullptr);
         list(client, cache, IPC::PduType::tupleRecord,
-             [now](auto const& pair) { return Packet(pair.first, pair.second, now); });
+             [](auto const& pair, long now) { return Packet(pair.first, pair.second, now); });
     });
 }
 
@@ -81,7 +81,7 @@ int AutoExemptHandler::task(IPC::SocketIPC& client, IPC::Pdu const& request) con
     return guarded(request, exemptionListingRecords, [&] {
         _DynamicExemptCache const& cache = **DynamicExemptCache::instance();
         list(client, cache, IPC::PduType::exemptionRecord,
-             [](auto const& pair) { return Packet(pair.first, pair.second); });
+             [](auto const& pair, long) { return Packet(pair.first, pair.second); });
     });
 }
 
