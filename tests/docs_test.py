@@ -52,6 +52,12 @@ class Settings(unittest.TestCase):
         self.check("vellum-dbd.toml")
 
 
+class Whole(unittest.TestCase):
+    def test_no_document_has_the_marks_of_a_merge_in_it(self):
+        for document in [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]:
+            self.assertNotRegex(document.read_text(), r"(?m)^(<<<<<<<|>>>>>>>|=======)( |$)", document.name)
+
+
 class Links(unittest.TestCase):
     def test_every_link_between_documents_leads_to_a_file(self):
         for document in [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]:
@@ -59,7 +65,7 @@ class Links(unittest.TestCase):
                 self.assertTrue((document.parent / target).exists(), f"{document.name}: {target}")
 
     def test_every_path_that_a_document_names_is_there(self):
-        pattern = r"`((?:scripts|packaging|docs|tests|bench|foundation|greylist|daemon|dbdaemon|tools|include2)/[\w./-]+)`"
+        pattern = r"`((?:scripts|packaging|docs|tests|bench|foundation|greylist|reputation|senderratecontrol|mmsreputation|daemon|dbdaemon|tools|include2)/[\w./-]+)`"
         for document in [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]:
             for path in re.findall(pattern, document.read_text()):
                 self.assertTrue((ROOT / path).exists(), f"{document.name}: {path}")
