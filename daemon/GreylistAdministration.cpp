@@ -97,6 +97,15 @@ RestoreOutcome loadReputations() {
     return outcome;
 }
 
+// What is not loaded again after a restore would be overwritten by its next backup.
+void refuseOtherTables(std::string const& path, ScriptFacts const& script) {
+    if (!script.otherTable.empty()) {
+        throw AdminRefusal(path + " replaces the table \"" + script.otherTable +
+                           "\", which is not restored here: end vellumd, run the script with the database's own "
+                           "client, and start vellumd again");
+    }
+}
+
 } // namespace
 
 GreyList::BackupReport GreylistAdministration::backupNow() {
@@ -128,6 +137,7 @@ Reputation::BackupReport GreylistAdministration::backUpReputations() {
 
 RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
     ScriptFacts const script = ScriptFacts::of(path);
+    refuseOtherTables(path, script);
     RestorePreview preview;
     preview.bytes = script.bytes;
     preview.modified = script.modified;
@@ -158,6 +168,7 @@ RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreP
     if (!script.complete) {
         throw AdminRefusal(path + " is no whole backup script: it does not end as one");
     }
+    refuseOtherTables(path, script);
     Synchronized const hold(m_inHand);
     if (!DetachedBackup::waitForAll(patienceWithBackups)) {
         throw AdminRefusal("a backup is still running");

@@ -50,8 +50,10 @@ class LineCounter {
         }
         if (line.substr(0, lockTables.size()) == lockTables) {
             m_locked = true;
-            std::string_view const first = line.substr(lockTables.size());
-            m_facts.ofReputation = first.substr(0, first.find(' ')) == Reputation::recordsTable;
+            std::string_view const rest = line.substr(lockTables.size());
+            std::string_view const first = rest.substr(0, rest.find(' '));
+            m_facts.ofReputation = first == Reputation::recordsTable;
+            m_facts.otherTable = m_facts.ofReputation || first == GreyList::greyListTable ? "" : first;
         }
         m_facts.complete = line == "UNLOCK TABLES;" || (line == "commit;" && !m_locked);
         if (line.substr(0, 2) == "('") {

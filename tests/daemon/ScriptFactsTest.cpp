@@ -72,6 +72,15 @@ TEST_F(ScriptFactsOf, AScriptThatWasCutOffIsNotComplete) {
     EXPECT_FALSE(of("LOCK TABLES grey_list WRITE;\ndelete from grey_list;\ncommit;\n").complete);
 }
 
+TEST_F(ScriptFactsOf, TablesThatARestoreDoesNotKnowAreNamed) {
+    EXPECT_EQ(of("LOCK TABLES mms_reputation WRITE, mms_reputation_expiry WRITE;\nUNLOCK TABLES;\n").otherTable,
+              "mms_reputation");
+    EXPECT_EQ(of("LOCK TABLES grey_list WRITE,autoexempt WRITE;\nUNLOCK TABLES;\n").otherTable, "");
+    EXPECT_EQ(of("LOCK TABLES sender_reputation WRITE,sender_reputation_state WRITE;\nUNLOCK TABLES;\n").otherTable,
+              "");
+    EXPECT_EQ(of("insert into x values (1);\ncommit;\n").otherTable, "") << "locks nothing";
+}
+
 TEST_F(ScriptFactsOf, OtherFilesHaveNoRows) {
     ScriptFacts const facts = of("('a', 'b', 'c', 5,6)\nINSERT INTO other VALUES\n('a', 5,6)\nINSERT INTO grey_list "
                                  "VALUES\n(1)\n('no times'),\n");
