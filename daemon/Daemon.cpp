@@ -22,6 +22,7 @@
 
 #include <csignal>
 #include <ctime>
+#include <optional>
 #include <sysexits.h>
 #include <utility>
 
@@ -200,7 +201,11 @@ DecisionSettings Daemon::decisionSettings() const {
 void Daemon::makeDecision() {
     if (m_settings.endpoint.enabled && m_settings.endpoint.radius) {
         auto const ask = [](IPAddress const& address) {
-            return MMSReputation::RadiusDatabase::instance()->find(address).asString();
+            std::optional<MSISDN> const found = MMSReputation::RadiusDatabase::instance()->tryFind(address);
+            if (!found) { // which is not "nobody": what is known of the address stays
+                throw Exception("Daemon", Exception::failure).stringParameter("the accounting database failed");
+            }
+            return found->asString();
         };
         m_subscribers = std::make_unique<SubscriberDirectory>(ask, clockNow, SubscriberDirectory::Options{});
     }
@@ -286,7 +291,9 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
     say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
     say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
     say(changed.endpoint.windowMinutes != m_endpoints->windowSize(), "[endpoint] window_minutes");
-    say(changed.endpoint.radius != m_settings.endpoint.radius, "[endpoint] radius");
+    say(changed.endpoint.radius != m_settings.endpoint.radius ||
+            changed.endpoint.enabled != m_settings.endpoint.enabled,
+        "[endpoint] enabled or radius");
 }
 
 void Daemon::keepHouse() {
@@ -302,6 +309,7 @@ void Daemon::keepHouse() {
         m_decision->rebuildPassCounts(clockNow());
     }
     MailCounts::liftBlocks(clockNow());
+    MailCounts::dropOldHours(clockNow());
 }
 
 void Daemon::reload() {

@@ -28,8 +28,12 @@ RadiusDatabase* RadiusDatabase::instance() {
 }
 
 MSISDN RadiusDatabase::find(IPAddress const& address) {
+    return tryFind(address).value_or(MSISDN());
+}
+
+std::optional<MSISDN> RadiusDatabase::tryFind(IPAddress const& address) {
     if (address.isNull()) {
-        return {};
+        return MSISDN();
     }
     Database::ConnectionPool::Lock lock(m_pool, false);
     try {
@@ -39,7 +43,7 @@ MSISDN RadiusDatabase::find(IPAddress const& address) {
         if (!lock.connection().isNull()) {
             m_pool.reset(lock.connection());
         }
-        return {};
+        return std::nullopt;
     } catch (Exception const& failed) {
         throw Exception("RadiusDatabase::find", Exception::failure, Source::radius, findLine).cause(failed);
     }

@@ -12,6 +12,7 @@
 #include "foundation/radius/SubscriberQuery.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace Vellum::MMSReputation {
@@ -42,6 +43,9 @@ class RadiusDatabase {
     // private connections when all are open. Throws Exception when something else than the database fails.
     // Thread-safe.
     MSISDN find(IPAddress const& address);
+
+    // The same, but tells a database that failed (nothing) from an address that is nobody's (a null number).
+    std::optional<MSISDN> tryFind(IPAddress const& address);
 
     // Connections in the pool now, taken or not.
     unsigned int pooled() const { return m_pool.size(); }
