@@ -217,4 +217,19 @@ std::size_t MailCounts::liftBlocks(long now) {
     return lifted;
 }
 
+void MailCounts::dropOldHours(long now) {
+    std::vector<Reputation::RefEntry> entries;
+    Reputation::Cache const& cache = **Reputation::RefCache::instance();
+    {
+        SharedLock const hold(cache.lock);
+        cache.forEachInKeyOrder([&](auto const& pair) {
+            entries.push_back(pair.second);
+            return true;
+        });
+    }
+    for (Reputation::RefEntry const& entry : entries) {
+        entry->scoreAndDrop(now);
+    }
+}
+
 } // namespace Vellum::Daemon

@@ -66,6 +66,9 @@ class MailCounts : public MessageObserver {
     // Lifts the blocks whose time is over; to be called now and then. Answers how many. A decision does not wait for
     // this: it looks at the end itself.
     static std::size_t liftBlocks(long now);
+    // Drops the hours of sender reputation that no score counts any more; to be called now and then. An address that
+    // sends on would otherwise gather one record each hour, in memory and in the table.
+    static void dropOldHours(long now);
 
   private:
     void countEndpoint(MessageSummary const& message, EndpointLimitSettings const& limits, long now);

@@ -1,4 +1,5 @@
 #include "tests/daemon/FamiliesFixture.h"
+#include "tests/support/ReputationCache.h"
 
 #include <gtest/gtest.h>
 
@@ -121,6 +122,19 @@ TEST(MailCounts, BlockIsLiftedWhenItsTimeIsOver) {
     EXPECT_EQ(families.logged(), Lines{"action=unblock, sender=jo@example.org"});
     families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start + 601);
     EXPECT_EQ(entry->state(), RateState::blocked) << "they are above the limit yet";
+}
+
+TEST(MailCounts, HoursThatNoScoreCountsAnyMoreAreDropped) {
+    CountsFixture families;
+    long const later = CountsFixture::start + 12 * 3600;
+    families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start);
+    families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), later);
+    MailCounts::dropOldHours(later - 3600);
+    EXPECT_EQ(Reputation::recordsOf(CountsFixture::reputationOf("192.0.2.1")).size(), 2U) << "eleven hours old";
+    MailCounts::dropOldHours(later);
+    auto const records = Reputation::recordsOf(CountsFixture::reputationOf("192.0.2.1"));
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records.begin()->first, later / 3600);
 }
 
 TEST(MailCounts, SubscriberIsCountedAndBlacklistedAtTheScore) {
