@@ -105,7 +105,7 @@ BackupSnapshot::Rows BackupSnapshot::write(std::ostream& out) const {
 }
 
 std::uint64_t BackupSnapshot::writeRecords(std::ostream& out, LeftOut& leftOut) const {
-    LeftOut cut(LogCode::recordNotStored, "counters");
+    LeftOut cut(LogCode::recordNotStored, "counters", "cut");
     BatchedInsert batches(out, insertInto(recordsTable));
     TextBlock row(out);
     std::size_t hour = 0;

@@ -144,7 +144,7 @@ class RefEntry {
     explicit RefEntry(bool create) : m_entry(create ? new Entry : nullptr) {}
 
     // Using an empty handle is a programming error.
-    Entry* operator->() const { return m_entry.get(); }
+    Entry* operator->() const { return m_entry.operator->(); }
     Entry& operator*() const { return *m_entry; }
     bool isNull() const { return !m_entry; }
     explicit operator bool() const { return !isNull(); }

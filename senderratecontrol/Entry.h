@@ -138,7 +138,7 @@ class RefEntry {
     bool isNull() const { return m_entry == nullptr; }
     explicit operator bool() const { return !isNull(); }
     // The entry; using an empty handle is a programming error.
-    Entry* operator->() const { return m_entry.get(); }
+    Entry* operator->() const { return m_entry.operator->(); }
     Entry& operator*() const { return *m_entry; }
 
   private:

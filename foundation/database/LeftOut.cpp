@@ -9,13 +9,13 @@ namespace Vellum::Database {
 
 void LeftOut::add(std::string const& record, char const* reason) {
     if (++m_count <= shownOneByOne) {
-        log("not stored: " + record + ": " + reason);
+        log(std::string(m_fate) + ": " + record + ": " + reason);
     }
 }
 
 void LeftOut::finish() const {
     if (m_count > shownOneByOne) {
-        log(std::to_string(m_count - shownOneByOne) + " more " + m_kind + " were not stored");
+        log(std::to_string(m_count - shownOneByOne) + " more " + m_kind + " were " + m_fate);
     }
 }
 

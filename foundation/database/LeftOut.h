@@ -11,8 +11,9 @@ class LeftOut {
   public:
     static constexpr std::uint64_t shownOneByOne = 20;
 
-    // `logCode`: of the log records, format "%s". `kind`: what is left out, in the plural.
-    explicit LeftOut(std::uint32_t logCode, char const* kind = "records") : m_logCode(logCode), m_kind(kind) {}
+    // `logCode`: of the log records, format "%s". `kind`: what is left out, in the plural. `fate`: what became of it.
+    explicit LeftOut(std::uint32_t logCode, char const* kind = "records", char const* fate = "not stored")
+        : m_logCode(logCode), m_kind(kind), m_fate(fate) {}
 
     // `record` may hold any bytes.
     void add(std::string const& record, char const* reason);
@@ -25,6 +26,7 @@ class LeftOut {
 
     std::uint32_t m_logCode;
     char const* m_kind;
+    char const* m_fate;
     std::uint64_t m_count = 0;
 };
 

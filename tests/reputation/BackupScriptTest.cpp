@@ -111,7 +111,7 @@ TEST_F(BackupScriptTest, CounterBeyondAnIntIsItsEndAndIsLogged) {
         EXPECT_EQ(line.code, 0x3000185U);
         EXPECT_EQ(line.format, "%s");
     }
-    EXPECT_EQ(m_log.lines()[0].text, "not stored: counter 2147483648 in period 5 of address 192.0.2.25: it is beyond "
+    EXPECT_EQ(m_log.lines()[0].text, "cut: counter 2147483648 in period 5 of address 192.0.2.25: it is beyond "
                                      "the column's range, whose end is stored");
     EXPECT_EQ(m_rows.records, 1U);
     EXPECT_EQ(m_rows.leftOut, 0U);

@@ -1,5 +1,5 @@
-// Everything at once, for the thread sanitizer: increments, scores that drop old hours, lookups with evictions,
-// listings, and backups, beside reads that take no lock.
+// Everything at once, for the thread sanitizer: increments, scores that drop old hours, lookups, removals, listings,
+// and backups, beside reads that take no lock.
 #include "reputation/BackupScript.h"
 #include "reputation/ReputationDisplay.h"
 
@@ -58,11 +58,22 @@ void changeAtRandom(Cache& cache, std::uint64_t seed, Progress& progress) {
     }
 }
 
+// Of the entries that the others work on at that moment: entries are removed and made anew all the time.
 void readWithoutLocks(Cache& cache, Progress& progress) {
-    RefEntry const entry = cache.entry(ip(0));
-    while (!progress.done) {
+    for (unsigned int n = 0; !progress.done; n = (n + 1) % addresses) {
+        RefEntry const entry = cache.entry(ip(n));
         EXPECT_GE(entry->lastModified(), 0);
         static_cast<void>(entry->state());
+    }
+}
+
+// A loaded entry stores its last change when it is asked for the first time; listings ask at the same time.
+void askForTheLastChange(Cache& cache, Progress& progress) {
+    for (unsigned int n = 0; !progress.done; n = (n + 1) % addresses) {
+        RefEntry const entry = cache.entry(ip(addresses + n));
+        entry->add(begin / 3600, {1, 1, 0, 0, 0});
+        EXPECT_EQ(entry->lastModified(), begin / 3600 * 3600);
+        cache.remove(ip(addresses + n));
     }
 }
 
@@ -77,6 +88,7 @@ TEST(ReputationConcurrency, ListingsAndScriptsAreWholeWhileEverythingChanges) {
         threads.emplace_back(changeAtRandom, std::ref(cache), random.any(), std::ref(progress));
     }
     threads.emplace_back(readWithoutLocks, std::ref(cache), std::ref(progress));
+    threads.emplace_back(askForTheLastChange, std::ref(cache), std::ref(progress));
     for (int n = 0; n < 100 || progress.changes < 20000; ++n) {
         ScriptedClient client;
         ASSERT_EQ(EntryHandler().task(client.connection, IPC::Pdu(10, 0U)), 0);

@@ -247,12 +247,21 @@ TEST(EntryScore, DropsWhatIsTwelveHoursOldAndKeepsElevenHours) {
     EXPECT_EQ(recordsOf(entry).begin()->first, period - 10);
 }
 
-TEST(EntryScore, DropsAllWhenAllAreOldAndThenLastModifiedIsWhatItWas) {
+TEST(EntryScore, DropsAllWhenAllAreOldAndThenThereWasNoChange) {
     RefEntry const entry(true);
     entry->add(period, Record(5, 5, 0, 0, 5));
     EXPECT_EQ(entry->scoreAndDrop((period + 12) * hour), 0U);
     EXPECT_TRUE(recordsOf(entry).empty());
     EXPECT_EQ(entry->lastModified(), 0);
+}
+
+TEST(EntryScore, LastChangeThatWasAskedForOutlivesTheHoursItCameFrom) {
+    RefEntry const entry(true);
+    entry->add(period, Record(5, 5, 0, 0, 5));
+    EXPECT_EQ(entry->lastModified(), long{period} * hour);
+    entry->scoreAndDrop((period + 12) * hour);
+    ASSERT_TRUE(recordsOf(entry).empty());
+    EXPECT_EQ(entry->lastModified(), long{period} * hour);
 }
 
 TEST(EntryScore, ClockNearTheEpochTakesEveryRecordForOld) {
