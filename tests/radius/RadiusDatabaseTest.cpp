@@ -291,7 +291,7 @@ class RadiusPool : public Radius {
 
     // The server forgets a private connection a moment after it was closed. Waits at most half a minute, which only a
     // test that fails does.
-    static void awaitConnections(std::size_t expected) {
+    void awaitConnections(std::size_t expected) {
         auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (connections().size() != expected && std::chrono::steady_clock::now() < end) {
             std::this_thread::yield();
