@@ -3,8 +3,6 @@
 #include "foundation/Exception.h"
 #include "mmsreputation/LogCodes.h"
 
-#include <memory>
-
 namespace Vellum::MMSReputation {
 namespace {
 
@@ -27,10 +25,10 @@ Configuration* StubConfiguration::instance() {
     if (Configuration* const installed = s_instance) {
         return installed;
     }
-    auto stub = std::make_unique<StubConfiguration>();
+    static StubConfiguration& stub = *new StubConfiguration; // for the rest of the process, installed or not
     Configuration* installed = nullptr;
-    if (s_instance.compare_exchange_strong(installed, stub.get())) {
-        installed = stub.release(); // for the rest of the process
+    if (s_instance.compare_exchange_strong(installed, &stub)) {
+        installed = &stub;
     }
     return installed;
 }
