@@ -54,8 +54,10 @@ void compareByteWise(Connection& connection, std::string const& table, unsigned 
     char const* separator = " ";
     for (std::string const& column : folded) {
         std::string const name = quotedIdentifier(column);
-        toBytes += std::exchange(separator, ", ") + ("MODIFY " + name + " varbinary" + size + " not null");
-        toTexts += ", MODIFY " + name + " varchar" + size + ' ' + byteWiseCharacterSet + " not null";
+        toBytes.append(std::exchange(separator, ", ")).append("MODIFY ").append(name);
+        toBytes.append(" varbinary").append(size).append(" not null");
+        toTexts.append(", MODIFY ").append(name).append(" varchar").append(size);
+        toTexts.append(" ").append(byteWiseCharacterSet).append(" not null");
     }
     connection.run(toBytes, "repairTables");
     connection.run(toTexts, "repairTables");
