@@ -194,7 +194,7 @@ Settings Settings::parse(std::string const& text, std::string const& fileName) {
 GreylistSettings loadGreylistSettings(std::string const& path) {
     SettingsTable const file = SettingsTable::parseFile(path);
     SettingsTable const greylist = file.table("greylist");
-    GreylistSettings const settings = readGreylist(greylist);
+    GreylistSettings settings = readGreylist(greylist);
     greylist.refuseUnknownKeys();
     return settings;
 }

@@ -72,7 +72,7 @@ std::optional<SenderBlock> senderBlock(EmailAddress const& sender, long now) {
 }
 
 std::optional<Verdict> Standing::judge(Message const& message, StandingSettings const& settings, long now) const {
-    if (auto const found = endpoint(message, settings.endpoint, now)) {
+    if (auto found = endpoint(message, settings.endpoint, now)) {
         return found;
     }
     if (settings.senderBlocks()) {

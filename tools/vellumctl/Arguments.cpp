@@ -19,9 +19,10 @@ namespace {
 
 constexpr char const* version = "vellumctl " VELLUM_VERSION;
 constexpr unsigned int highestPort = 65535;
-constexpr std::uint64_t longestTimeout = 24 * 60 * 60;   // seconds
-constexpr std::uint64_t timeoutOfListings = 60;          // seconds
-constexpr std::uint64_t timeoutOfDatabaseWork = 10 * 60; // seconds; a load or a commit of a million rows says nothing
+constexpr std::uint64_t longestTimeout = std::uint64_t{24} * 60 * 60; // seconds
+constexpr std::uint64_t timeoutOfListings = 60;                       // seconds
+constexpr std::uint64_t timeoutOfDatabaseWork =
+    std::uint64_t{10} * 60; // seconds; a load or a commit of a million rows says nothing
 
 // What the command line says, as text; checked once it is whole.
 struct Words {
