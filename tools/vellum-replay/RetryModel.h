@@ -17,7 +17,7 @@ namespace Vellum::Tools {
 
 class RetryModel {
   public:
-    static constexpr long longestGap = 4 * 3600;
+    static constexpr long longestGap = 4L * 3600;
 
     RetryModel() = default;
     // Everyone waits these seconds (each above 0): after the first attempt the first of them, and so on; the last one
@@ -35,7 +35,7 @@ class RetryModel {
     long gap(IPAddressMask const& network, unsigned int attempt) const;
 
     std::vector<long> m_gaps;
-    long m_givesUpAfter = 5 * 86400; // RFC 5321, 4.5.4.1: at least 4 to 5 days
+    long m_givesUpAfter = 5L * 86400; // RFC 5321, 4.5.4.1: at least 4 to 5 days
 };
 
 } // namespace Vellum::Tools

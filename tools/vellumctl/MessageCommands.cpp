@@ -39,7 +39,7 @@ Json asJson(MessageRequest const& request) {
 
 // The daemon's answer, which is written when JSON is wanted. Throws Failure with its own words when it refused.
 Json ask(DaemonConnection& daemon, IPC::PduType type, Json const& question, bool json, Output& output) {
-    Json const answer = daemon.ask(type, question);
+    Json answer = daemon.ask(type, question);
     if (json) {
         output.write(answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n");
         output.flush();

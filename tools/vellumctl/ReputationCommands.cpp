@@ -164,6 +164,7 @@ std::vector<ReputationHour> shownHours(std::vector<ReputationHour> const& sent, 
         }
     }
     std::vector<ReputationHour> shown;
+    shown.reserve(hours.size());
     for (auto const& [period, hour] : hours) {
         shown.push_back(hour);
     }
