@@ -21,12 +21,14 @@ class PrivateMariaDb:
         self.port = free_port()
         self.directory = stage.make_directory("mariadb", 0o700)
         self.socket = self.directory / "socket"
+        # A server that starts removes every temporary table it finds in its tmpdir, those of a running one too.
+        self._temporary = stage.make_directory("mariadb/tmp", 0o700)
         self._user_option = f"--user={'root' if os.geteuid() == 0 else os.geteuid()}"
         self._make_data(stage.path("mariadb", "install.log"))
         self.process = Process(stage, "mariadbd", [
             "/usr/sbin/mariadbd", "--no-defaults", self._user_option, f"--datadir={self.directory}/data",
-            f"--socket={self.socket}", f"--pid-file={self.directory}/pid", "--bind-address=127.0.0.1",
-            f"--port={self.port}", "--skip-name-resolve", "--performance-schema=OFF",
+            f"--tmpdir={self._temporary}", f"--socket={self.socket}", f"--pid-file={self.directory}/pid",
+            "--bind-address=127.0.0.1", f"--port={self.port}", "--skip-name-resolve", "--performance-schema=OFF",
             "--innodb-buffer-pool-size=32M", *_SIZES], stage.path("mariadb", "server.log"))
         self.start()
         quoted = self.password.replace("'", "''")
@@ -37,7 +39,7 @@ class PrivateMariaDb:
         with open(log_path, "ab") as log:
             made = subprocess.run(["mariadb-install-db", "--no-defaults", self._user_option, "--skip-test-db",
                                    "--auth-root-authentication-method=normal", f"--datadir={self.directory}/data",
-                                   *_SIZES], stdout=log, stderr=log, check=False)
+                                   f"--tmpdir={self._temporary}", *_SIZES], stdout=log, stderr=log, check=False)
         if made.returncode != 0:
             raise StageError(f"mariadb-install-db failed:\n{log_path.read_text(errors='replace')[-4000:]}")
 

@@ -43,9 +43,15 @@ std::string dataTemplate() {
         std::string const unfinished = path + ".new";
         std::filesystem::remove_all(unfinished);
         std::string const log = path + ".log";
-        std::vector<std::string> command = {"mariadb-install-db",      "--no-defaults",
-                                            "--skip-test-db",          "--auth-root-authentication-method=normal",
-                                            "--datadir=" + unfinished, userOption()};
+        std::string const temporary = path + ".tmp";
+        std::filesystem::create_directory(temporary);
+        std::vector<std::string> command = {"mariadb-install-db",
+                                            "--no-defaults",
+                                            "--skip-test-db",
+                                            "--auth-root-authentication-method=normal",
+                                            "--datadir=" + unfinished,
+                                            "--tmpdir=" + temporary,
+                                            userOption()};
         command.insert(command.end(), std::begin(sizes), std::end(sizes));
         if (BackgroundProcess(command, log).wait() != 0) {
             throw std::runtime_error("mariadb-install-db failed, see " + log);
@@ -101,6 +107,7 @@ PrivateMariaDb::PrivateMariaDb(std::vector<std::string> options) : m_options(std
         throw std::runtime_error("no directory " + name);
     }
     std::filesystem::copy(dataTemplate(), m_directory + "/data", std::filesystem::copy_options::recursive);
+    std::filesystem::create_directory(m_directory + "/tmp");
     m_port = freePort();
     start();
     createAccount();
@@ -117,10 +124,13 @@ PrivateMariaDb::~PrivateMariaDb() {
 }
 
 void PrivateMariaDb::launch() {
+    // A server that starts removes every temporary table it finds in its tmpdir, so none is shared: a server that lost
+    // one under a running query fails or crashes.
     std::vector<std::string> command = {"/usr/sbin/mariadbd", // not in everybody's PATH
                                         "--no-defaults",
                                         userOption(),
                                         "--datadir=" + m_directory + "/data",
+                                        "--tmpdir=" + m_directory + "/tmp",
                                         "--socket=" + socket(),
                                         "--pid-file=" + m_directory + "/pid",
                                         "--bind-address=127.0.0.1",
