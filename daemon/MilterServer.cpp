@@ -122,7 +122,25 @@ sfsistat negotiate(SMFICTX* context, unsigned long, unsigned long offered, unsig
     return SMFIS_CONTINUE;
 }
 
+// Reports what was under way, and ends the session if there is one.
+void forgetSession(SMFICTX* context) {
+    MilterSession* const session = sessionOf(context);
+    if (session == nullptr) {
+        return;
+    }
+    inSession(context, [](MilterSession& ending) {
+        ending.abandoned();
+        return SMFIS_CONTINUE;
+    });
+    smfi_setpriv(context, nullptr);
+    MilterProcess& here = milterProcess();
+    Synchronized const hold(here.sessionsLock);
+    here.sessions.erase(session);
+    --here.connections;
+}
+
 sfsistat connected(SMFICTX* context, char* host, _SOCK_ADDR* address) {
+    forgetSession(context); // a mail server may tell of another client over the same connection
     return guarded([&](MilterFront& front) -> sfsistat {
         MilterProcess& here = milterProcess();
         ++here.accepted;
@@ -134,10 +152,11 @@ sfsistat connected(SMFICTX* context, char* host, _SOCK_ADDR* address) {
         }
         auto session = std::make_unique<MilterSession>(front);
         session->connected(host == nullptr ? "" : host, addressOf(reinterpret_cast<sockaddr const*>(address)));
-        smfi_setpriv(context, session.get());
+        MilterSession* const known = session.get();
         Synchronized const hold(here.sessionsLock);
-        here.sessions.emplace(session.get(), std::move(session));
+        here.sessions.emplace(known, std::move(session));
         ++here.connections;
+        smfi_setpriv(context, known);
         return SMFIS_CONTINUE;
     });
 }
@@ -202,15 +221,7 @@ sfsistat abandoned(SMFICTX* context) {
 
 // Also called for connections that never got a session.
 sfsistat closed(SMFICTX* context) {
-    abandoned(context);
-    MilterSession* const session = sessionOf(context);
-    smfi_setpriv(context, nullptr);
-    if (session != nullptr) {
-        MilterProcess& here = milterProcess();
-        Synchronized const hold(here.sessionsLock);
-        here.sessions.erase(session);
-        --here.connections;
-    }
+    forgetSession(context);
     return SMFIS_CONTINUE;
 }
 
