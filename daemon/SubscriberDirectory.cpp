@@ -47,8 +47,11 @@ MSISDN SubscriberDirectory::of(IPAddress const& address) {
 }
 
 void SubscriberDirectory::enqueue(IPAddress const& address) {
+    long const now = m_clock();
     std::lock_guard<std::mutex> const held(m_mutex);
-    if (m_queue.size() < m_options.mostQueued && m_underWay.insert(address).second) {
+    long const pause = m_pausedUntil - now;
+    bool const paused = pause > 0 && pause <= m_options.pauseSeconds; // a longer one: the clock was set back
+    if (!paused && m_queue.size() < m_options.mostQueued && m_underWay.insert(address).second) {
         m_queue.push_back(address);
         m_changed.notify_one();
     }
@@ -82,7 +85,19 @@ void SubscriberDirectory::lookUp(IPAddress const& address) {
         m_known.addNoLock(address, found);
     } catch (std::exception const& failed) {
         m_trouble.begins(std::string("subscribers cannot be looked up: ") + failed.what());
+        pause();
     }
+}
+
+// What is queued is dropped: it is asked for again with the next message.
+void SubscriberDirectory::pause() {
+    long const now = m_clock();
+    std::lock_guard<std::mutex> const held(m_mutex);
+    m_pausedUntil = now + m_options.pauseSeconds;
+    for (IPAddress const& address : m_queue) {
+        m_underWay.erase(address);
+    }
+    m_queue.clear();
 }
 
 void SubscriberDirectory::waitUntilIdle() {

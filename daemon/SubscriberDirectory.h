@@ -9,8 +9,9 @@
 //   older than `stale`             not answered any more (the address may have changed hands), and looked up again
 //
 // An address without a subscriber is remembered, too. While the database fails, what is known goes stale; the failure
-// is said once, and its end. Bounded: addresses known (the one unused for longest goes first) and addresses queued
-// (what comes beyond is not queued, and asks again with its next message).
+// is said once, and its end; and nothing is asked for some seconds after a failure, lest every message add to the
+// trouble. Bounded: addresses known (the one unused for longest goes first) and addresses queued (what comes beyond is
+// not queued, and asks again with its next message).
 //
 // Thread-safe. of() takes two short locks.
 #pragma once
@@ -43,6 +44,7 @@ class SubscriberDirectory {
         std::size_t mostQueued = 10'000;
         long freshSeconds = 60;
         long staleSeconds = 600;
+        long pauseSeconds = 5; // after a failure
         unsigned int threads = 4;
     };
 
@@ -67,6 +69,7 @@ class SubscriberDirectory {
     void enqueue(IPAddress const& address);
     void work();
     void lookUp(IPAddress const& address);
+    void pause();
 
     Lookup const m_lookup;
     Clock const m_clock;
@@ -79,6 +82,7 @@ class SubscriberDirectory {
     std::deque<IPAddress> m_queue;  // under m_mutex, as are the next three
     std::set<IPAddress> m_underWay; // queued or in hand
     unsigned int m_inHand = 0;
+    long m_pausedUntil = 0; // seconds since the epoch
     bool m_ending = false;
     std::vector<std::thread> m_threads; // last: they use everything above
 };

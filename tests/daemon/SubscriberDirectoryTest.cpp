@@ -85,7 +85,7 @@ TEST(SubscriberDirectory, StaleAnswerIsNotBelieved) {
 }
 
 TEST(SubscriberDirectory, TroubleAndItsEndAreSaidOnce) {
-    DirectoryFixture fixture;
+    DirectoryFixture fixture({.pauseSeconds = 0, .threads = 1});
     fixture.fails = true;
     fixture.ofLater("192.0.2.1");
     fixture.ofLater("192.0.2.2");
@@ -93,6 +93,58 @@ TEST(SubscriberDirectory, TroubleAndItsEndAreSaidOnce) {
     fixture.ofLater("192.0.2.1");
     EXPECT_EQ(fixture.log.notes(), (std::vector<std::string>{"subscribers cannot be looked up: no server",
                                                              "the accounting database answers again"}));
+}
+
+TEST(SubscriberDirectory, AfterAFailureNothingIsAskedForSomeSeconds) {
+    DirectoryFixture fixture({.pauseSeconds = 5, .threads = 1});
+    fixture.numbers[ip("192.0.2.1")] = "15555550100";
+    fixture.fails = true;
+    fixture.ofLater("192.0.2.1");
+    fixture.fails = false;
+    int const failed = fixture.lookups;
+    fixture.now = 1004;
+    EXPECT_EQ(fixture.ofLater("192.0.2.1"), "");
+    EXPECT_EQ(fixture.lookups, failed);
+    fixture.now = 1005;
+    EXPECT_EQ(fixture.ofLater("192.0.2.1"), "15555550100");
+    EXPECT_EQ(fixture.lookups, failed + 1);
+}
+
+TEST(SubscriberDirectory, PauseEndsWhereTheClockWasPutBack) {
+    DirectoryFixture fixture({.pauseSeconds = 5, .threads = 1});
+    fixture.numbers[ip("192.0.2.1")] = "15555550100";
+    fixture.fails = true;
+    fixture.ofLater("192.0.2.1");
+    fixture.fails = false;
+    fixture.now = 999;
+    EXPECT_EQ(fixture.ofLater("192.0.2.1"), "15555550100");
+}
+
+TEST(SubscriberDirectory, WhatIsQueuedAtAFailureIsDroppedAndAskedForAgain) {
+    std::promise<void> release;
+    std::shared_future<void> const released(release.get_future());
+    std::atomic<int> lookups{0};
+    std::atomic<long> now{1000};
+    SubscriberDirectory directory(
+        [&](IPAddress const&) -> std::string {
+            released.wait();
+            if (++lookups == 1) {
+                throw std::runtime_error("no server");
+            }
+            return "15555550100";
+        },
+        [&] { return now.load(); }, {.pauseSeconds = 5, .threads = 1});
+    CapturingLogger const log;
+    for (char const* address : {"192.0.2.1", "192.0.2.2", "192.0.2.3"}) {
+        directory.of(ip(address));
+    }
+    release.set_value();
+    directory.waitUntilIdle();
+    EXPECT_EQ(lookups, 1);
+    now = 1005;
+    directory.of(ip("192.0.2.3"));
+    directory.waitUntilIdle();
+    EXPECT_EQ(directory.of(ip("192.0.2.3")).asString(), "15555550100");
 }
 
 TEST(SubscriberDirectory, AddressIsQueuedOnceAndTheQueueIsBounded) {
