@@ -48,7 +48,11 @@ class ExplainHandler : public AdminHandler {
             message.recipient = mailbox(requiredText(request, "recipient"), "recipient");
         }
         long const now = m_clock();
-        return asJson(m_decision.explain(message, now), message, now);
+        Json json = asJson(m_decision.explain(message, now), message);
+        if (!request.contains("sender")) { // "<>" is one: that of a bounce
+            json["sender"] = nullptr;
+        }
+        return json;
     }
 
   private:

@@ -48,7 +48,7 @@ Json rateJson(Explanation const& all) {
             {"known", facts.rate.known},
             {"block", block},
             {"totals", countersJson(facts.rate.totals)},
-            {"limits", countersJson(all.limits.rate)}};
+            {"limits", countersJson(all.limits.rate.most)}};
 }
 
 Json reputationJson(Explanation const& all) {
@@ -97,7 +97,7 @@ Json tupleJson(GreyList::TupleDecision const& tuple) {
 
 } // namespace
 
-Json asJson(Explanation const& all, Message const& message, long) {
+Json asJson(Explanation const& all, Message const& message) {
     return {
         {"verdict", verdictJson(all.verdict)},
         {"client",

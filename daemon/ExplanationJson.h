@@ -1,7 +1,7 @@
 // What adminExplain answers.
 //
 //   {"verdict": {"action", "reason", "seconds_left"},
-//    "client": {"address", "name", "user", "network"}, "sender", "recipient",   sender and recipient folded
+//    "client": {"address", "name", "user", "network"}, "sender", "recipient",   both folded; null where none was given
 //    "endpoint": null where subscribers are not looked up, else
 //                {"subscriber": text or null, "exempt", "blacklisted", "blacklisted_until", "score", "block_score"}
 //    "rate": {"sender": text or null, "known", "block": null or {"until", "counter"},
@@ -20,6 +20,6 @@
 
 namespace Vellum::Daemon {
 
-Json asJson(Explanation const& explanation, Message const& message, long now);
+Json asJson(Explanation const& explanation, Message const& message);
 
 } // namespace Vellum::Daemon

@@ -34,9 +34,10 @@ std::string messageText(Json const& all) {
     Json const& client = all.at("client");
     std::string const name = text(client.at("name"));
     std::string const user = text(client.at("user"));
+    std::string const sender = text(all.at("sender"));
     std::string const recipient = text(all.at("recipient"));
     return text(client.at("address")) + (name.empty() ? "" : " (" + name + ")") +
-           (user.empty() ? "" : ", logged in as " + user) + ", from " + text(all.at("sender")) +
+           (user.empty() ? "" : ", logged in as " + user) + (sender.empty() ? "" : ", from " + sender) +
            (recipient.empty() ? "" : " to " + recipient);
 }
 
@@ -84,7 +85,7 @@ std::string totalsText(Json const& totals, Json const& limits) {
 std::string rateText(Json const& rate, std::int64_t now) {
     std::string const sender = text(rate.at("sender"));
     if (sender.empty()) {
-        return "a bounce counts for nobody";
+        return "nobody is held to account";
     }
     std::string all = sender + " in half an hour: " + totalsText(rate.at("totals"), rate.at("limits"));
     if (Json const& block = rate.at("block"); !block.is_null()) {
