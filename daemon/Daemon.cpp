@@ -195,7 +195,7 @@ DecisionSettings Daemon::decisionSettings() const {
             m_settings.greylist.folding,
             m_settings.greylist.autoExemptAfter,
             m_rules,
-            {m_settings.rateLimits.most, m_settings.reputationLimits, m_settings.endpointLimits}};
+            {m_settings.rateLimits, m_settings.reputationLimits, m_settings.endpointLimits}};
 }
 
 void Daemon::makeDecision() {

@@ -143,7 +143,7 @@ Explanation Decision::explain(Message const& message, long now) const {
     all.tuple = m_tuples.preview(folded.parts(), now);
     all.limits = settings->standing;
     if (m_standing != nullptr) {
-        all.standing = m_standing->facts(message, now);
+        all.standing = m_standing->facts(message, settings->standing, now);
     }
     all.verdict = preview(message, *settings, all, now);
     return all;

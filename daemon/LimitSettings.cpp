@@ -25,6 +25,7 @@ RateLimitSettings readRateLimits(SettingsTable const& rateControl) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
         settings.most[i] = readCount(rateControl, keys[i], highestLimit);
     }
+    settings.strangers = rateControl.boolean("strangers", settings.strangers);
     settings.blockSeconds =
         rateControl.integer("block_minutes", settings.blockSeconds / secondsPerMinute, 1, 10080) * secondsPerMinute;
     settings.deferText = rateControl.text("defer_text", settings.deferText);

@@ -15,6 +15,7 @@ struct RateLimitSettings {
     static constexpr std::size_t counters = 5;
 
     std::array<std::uint32_t, counters> most{}; // by counter (RateCounter), 0: no limit
+    bool strangers = false;                     // senders that have not logged in are counted, too
     long blockSeconds = 1800;
     std::string deferText = "Too much mail from this sender, please try again in %SECONDS% seconds";
 

@@ -136,7 +136,10 @@ void countRate(MessageSummary const& message, EmailAddress const& sender, RateLi
 
 } // namespace
 
-EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser) {
+EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser, bool strangers) {
+    if (authenticatedUser.empty() && !strangers) {
+        return {};
+    }
     if (authenticatedUser.find('@') == std::string_view::npos) {
         return sender;
     }
@@ -158,7 +161,7 @@ void MailCounts::messageEnded(MessageSummary const& message, long now) {
     if (!message.client.isNull() && message.authenticatedUser.empty()) {
         countReputation(message, now);
     }
-    EmailAddress const sender = accountableSender(message.sender, message.authenticatedUser);
+    EmailAddress const sender = accountableSender(message.sender, message.authenticatedUser, limits->rate.strangers);
     if (!sender.isNull()) {
         countRate(message, sender, limits->rate, now);
     }

@@ -5,7 +5,9 @@
 //                       Not for clients that have logged in: their addresses are those of people on the move
 //   rate control        of the sender, by five minutes: the counters of RateCounter. The sender is who has logged in,
 //                       where that name is a mailbox, since anybody who stole a password can write another sender into
-//                       each message; else the envelope's sender. A bounce has none
+//                       each message; else the envelope's sender. A bounce has none. Who has not logged in is only
+//                       counted where the settings say so: he can write anybody's address into a message, and would
+//                       have the owner blocked
 //   endpoint            of the subscriber whose address the client has, by slice: spam, infected
 //
 // A sender whose total of half an hour is above its limit is blocked for a while, by the first such counter; the entry
@@ -41,8 +43,8 @@ inline constexpr Attribute spam = SenderRateControl::Entry::Attribute4;
 inline constexpr Attribute infected = SenderRateControl::Entry::Attribute5;
 } // namespace RateCounter
 
-// Whom rate control holds to account; null for nobody.
-EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser);
+// Whom rate control holds to account; null for nobody. `strangers`: also senders that have not logged in.
+EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser, bool strangers);
 
 // "messages", "recipients", "invalid_recipients", "spam", "infected"; "" for any other number.
 std::string_view rateCounterName(std::uint32_t counter);

@@ -76,7 +76,8 @@ std::optional<Verdict> Standing::judge(Message const& message, StandingSettings 
         return found;
     }
     if (settings.senderBlocks()) {
-        EmailAddress const sender = accountableSender(message.sender, message.authenticatedUser);
+        EmailAddress const sender =
+            accountableSender(message.sender, message.authenticatedUser, settings.rate.strangers);
         if (auto const block = senderBlock(sender, now)) {
             Verdict blocked = verdict(Verdict::Action::defer, Verdict::Reason::senderBlocked);
             blocked.secondsLeft = block->until - now;
@@ -159,12 +160,12 @@ Standing::Facts::Rate rateFacts(EmailAddress const& sender, long now) {
 
 } // namespace
 
-Standing::Facts Standing::facts(Message const& message, long now) const {
+Standing::Facts Standing::facts(Message const& message, StandingSettings const& settings, long now) const {
     Facts all;
     all.subscribersKnown = m_subscribers != nullptr;
     all.subscriber = m_subscribers == nullptr ? MSISDN() : m_subscribers->of(message.client);
     all.endpoint = endpointFacts(all.subscriber, now);
-    all.accountable = accountableSender(message.sender, message.authenticatedUser);
+    all.accountable = accountableSender(message.sender, message.authenticatedUser, settings.rate.strangers);
     all.rate = rateFacts(all.accountable, now);
     all.block = senderBlock(all.accountable, now);
     all.score = reputationScore(message.client, now);

@@ -27,9 +27,9 @@ namespace Vellum::Daemon {
 class SubscriberDirectory;
 
 struct StandingSettings {
-    bool senderBlocks() const { return rate != decltype(rate){}; }
+    bool senderBlocks() const { return rate.most != RateLimitSettings().most; }
 
-    std::array<std::uint32_t, RateLimitSettings::counters> rate{}; // limits, only to be told; all 0: no sender blocks
+    RateLimitSettings rate{}; // with all limits 0 nobody is blocked
     ReputationLimitSettings reputation{};
     EndpointLimitSettings endpoint{};
 };
@@ -73,7 +73,7 @@ class Standing {
     // the epoch.
     std::optional<Verdict> judge(Message const& message, StandingSettings const& settings, long now) const;
 
-    Facts facts(Message const& message, long now) const;
+    Facts facts(Message const& message, StandingSettings const& settings, long now) const;
 
     // To be called as soon as a client is known, so that its subscriber is, too, when it matters. Does not wait.
     void expect(IPAddress const& client) const;

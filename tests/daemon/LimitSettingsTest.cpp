@@ -25,6 +25,7 @@ std::string errorOf(std::string const& text) {
 void expectDefaults(Settings const& settings) {
     EXPECT_EQ(settings.rateLimits, RateLimitSettings());
     EXPECT_EQ(settings.rateLimits.most, (std::array<std::uint32_t, 5>{}));
+    EXPECT_FALSE(settings.rateLimits.strangers);
     EXPECT_EQ(settings.rateLimits.blockSeconds, 1800);
     EXPECT_EQ(settings.reputationLimits.deferScore, 0U);
     EXPECT_EQ(settings.reputationLimits.rejectScore, 0U);
@@ -46,11 +47,13 @@ TEST(LimitSettings, ExampleMeansTheDefaults) {
 TEST(LimitSettings, EveryKeyIsRead) {
     Settings const settings = parse("[rate_control]\nmost_messages = 1\nmost_recipients = 2\n"
                                     "most_invalid_recipients = 3\nmost_spam = 4\nmost_infected = 5\nblock_minutes = 6\n"
+                                    "strangers = true\n"
                                     "defer_text = \"wait %SECONDS%\"\n"
                                     "[reputation]\ndefer_score = 40\nreject_score = 100\ntext = \"bad\"\n"
                                     "[endpoint]\nblacklisted = \"defer\"\nblock_score = 7\nblock_hours = 8\n"
                                     "text = \"no\"\n");
     EXPECT_EQ(settings.rateLimits.most, (std::array<std::uint32_t, 5>{1, 2, 3, 4, 5}));
+    EXPECT_TRUE(settings.rateLimits.strangers);
     EXPECT_EQ(settings.rateLimits.blockSeconds, 360);
     EXPECT_EQ(settings.rateLimits.deferText, "wait %SECONDS%");
     EXPECT_EQ(settings.reputationLimits.deferScore, 40U);

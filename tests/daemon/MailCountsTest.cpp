@@ -10,7 +10,8 @@ using Lines = std::vector<std::string>;
 using RateState = SenderRateControl::RateControlState;
 
 struct CountsFixture : FamiliesFixture {
-    explicit CountsFixture(MailLimits const& limits = {}) : counts(limits, &subscribers) {}
+    // Without limits, and everybody is counted.
+    explicit CountsFixture(MailLimits const& limits = {.rate = {.strangers = true}}) : counts(limits, &subscribers) {}
 
     // The counters of the hour of `start`: messages, recipients, invalid, spam, infected.
     static std::vector<std::uint32_t> hour(std::string const& client) {
@@ -71,7 +72,21 @@ TEST(MailCounts, LoggedInMailboxIsTheSenderWhateverTheEnvelopeSays) {
     families.counts.messageEnded(message, CountsFixture::start);
     EXPECT_EQ(CountsFixture::halfHour("jo@example.org"), (Counts{1, 1, 0, 0, 0}));
     EXPECT_EQ(CountsFixture::halfHour("forged@example.net"), (Counts{0, 0, 0, 0, 0}));
-    EXPECT_EQ(accountableSender(EmailAddress::fromAddress("a@b"), "no mailbox@").address(), "a@b");
+    EXPECT_EQ(accountableSender(EmailAddress::fromAddress("a@b"), "no mailbox@", false).address(), "a@b");
+}
+
+TEST(MailCounts, SenderThatHasNotLoggedInIsCountedOnlyOnDemandLestAnybodyHaveHimBlocked) {
+    CountsFixture families({.rate = {.most = {1, 0, 0, 0, 0}}});
+    for (int i = 0; i < 3; ++i) {
+        families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start);
+    }
+    EXPECT_EQ(CountsFixture::hour("192.0.2.1"), (Counts{3, 3, 0, 0, 0})) << "the address is, whoever it claims to be";
+    EXPECT_EQ(SenderRateControl::sizeOf(CountsFixture::rates()), 0U);
+    EXPECT_EQ(families.logged(), Lines{});
+    EmailAddress const sender = EmailAddress::fromAddress("jo@example.org");
+    EXPECT_TRUE(accountableSender(sender, "", false).isNull());
+    EXPECT_EQ(accountableSender(sender, "", true), sender);
+    EXPECT_EQ(accountableSender(sender, "jo", false), sender);
 }
 
 TEST(MailCounts, BounceAndMailWithoutAClientAreCountedWhereTheyCanBe) {
@@ -86,7 +101,7 @@ TEST(MailCounts, BounceAndMailWithoutAClientAreCountedWhereTheyCanBe) {
 }
 
 TEST(MailCounts, SenderAboveALimitIsBlockedAndAtTheLimitIsNot) {
-    CountsFixture families({.rate = {.most = {0, 10, 0, 0, 0}, .blockSeconds = 600}});
+    CountsFixture families({.rate = {.most = {0, 10, 0, 0, 0}, .strangers = true, .blockSeconds = 600}});
     families.counts.messageEnded(summary("192.0.2.1", "jo@example.org", 10), CountsFixture::start);
     EXPECT_EQ(CountsFixture::rateOf("jo@example.org")->state(), RateState::normal);
     families.counts.messageEnded(summary("192.0.2.1", "jo@example.org", 1), CountsFixture::start + 1);
@@ -101,13 +116,13 @@ TEST(MailCounts, SenderAboveALimitIsBlockedAndAtTheLimitIsNot) {
 }
 
 TEST(MailCounts, FirstCounterAboveItsLimitIsTheReason) {
-    CountsFixture families({.rate = {.most = {100, 100, 1, 100, 0}}});
+    CountsFixture families({.rate = {.most = {100, 100, 1, 100, 0}, .strangers = true}});
     families.counts.messageEnded(badMessage(), CountsFixture::start);
     EXPECT_EQ(CountsFixture::rateOf("jo@example.org")->blockedReason(), RateCounter::invalidRecipients);
 }
 
 TEST(MailCounts, BlockIsLiftedWhenItsTimeIsOver) {
-    CountsFixture families({.rate = {.most = {1, 0, 0, 0, 0}, .blockSeconds = 600}});
+    CountsFixture families({.rate = {.most = {1, 0, 0, 0, 0}, .strangers = true, .blockSeconds = 600}});
     for (int i = 0; i < 2; ++i) {
         families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start);
     }

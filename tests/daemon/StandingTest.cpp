@@ -16,7 +16,7 @@ struct StandingFixture : FamiliesFixture {
     // Everything on.
     static StandingSettings settings() {
         StandingSettings all;
-        all.rate = {1, 0, 0, 0, 0};
+        all.rate = {.most = {1, 0, 0, 0, 0}, .strangers = true};
         all.reputation.deferScore = 40;
         all.reputation.rejectScore = 80;
         return all;

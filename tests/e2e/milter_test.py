@@ -94,7 +94,7 @@ class Counting(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         world.vellum.settings["greylist"]["enabled"] = False
-        world.vellum.settings["rate_control"] = {"most_recipients": 5, "block_minutes": 10}
+        world.vellum.settings["rate_control"] = {"most_recipients": 5, "block_minutes": 10, "strangers": True}
         world.vellum.settings["reputation"] = {"reject_score": 60}
         world.vellum.write_settings()
         world.vellum.reload()
