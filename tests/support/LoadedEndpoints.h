@@ -31,6 +31,7 @@ class LoadedEndpoints {
     RefEntry add(unsigned int n) { return add(subscriber(n)); }
     RefEntry add(unsigned int n, std::uint32_t slice, std::uint32_t spam, std::uint32_t infected, long expiry = 0) {
         RefEntry const entry = add(n);
+        ExclusiveLock const hold(Entry::s_mutex);
         entry->add(Period(slice), Entry::Record(spam, infected));
         entry->blacklistExpiry(expiry);
         return entry;

@@ -26,6 +26,8 @@ json const restored = {
 
 class VellumctlAdmin : public VellumctlFixture {
   protected:
+    ~VellumctlAdmin() override { std::lock_guard<std::mutex> const hold(lock); } // what a worker kept is seen here
+
     // Answers restore requests as a daemon would, and keeps what was asked.
     void answerRestores(json const& outcome) {
         answer(IPC::PduType::adminRestore, [this, outcome](IPC::SocketIPC& client, IPC::Pdu const& request) {
