@@ -35,87 +35,6 @@ unsigned int freePort() {
     return ntohs(address.sin_port);
 }
 
-// Words between percent signs are filled in.
-constexpr char const* configuration = R"(
-prefix = /usr
-localstatedir = %DIRECTORY%
-logdir = %DIRECTORY%
-raddbdir = %DIRECTORY%
-run_dir = %DIRECTORY%
-pidfile = %DIRECTORY%/pid
-libdir = /usr/lib/freeradius
-proxy_requests = no
-hostname_lookups = no
-max_request_time = 30
-cleanup_delay = 1
-log {
-    destination = files
-    file = %DIRECTORY%/log
-}
-security {
-    allow_vulnerable_openssl = yes
-}
-thread pool {
-    start_servers = 2
-    max_servers = 4
-    min_spare_servers = 1
-    max_spare_servers = 4
-}
-client loopback {
-    ipaddr = 127.0.0.1
-    secret = %SECRET%
-}
-modules {
-    expr {
-    }
-    sql {
-        dialect = "mysql"
-        driver = "rlm_sql_mysql"
-        server = "127.0.0.1"
-        port = %DATABASE_PORT%
-        login = "%USER%"
-        password = "%PASSWORD%"
-        radius_db = "msisdn"
-        acct_table1 = "radacct"
-        acct_table2 = "radacct"
-        postauth_table = "radpostauth"
-        authcheck_table = "radcheck"
-        groupcheck_table = "radgroupcheck"
-        authreply_table = "radreply"
-        groupreply_table = "radgroupreply"
-        usergroup_table = "radusergroup"
-        client_table = "nas"
-        group_attribute = "SQL-Group"
-        read_clients = no
-        pool {
-            start = 1
-            min = 1
-            max = 4
-            spare = 1
-            uses = 0
-            lifetime = 0
-            idle_timeout = 60
-        }
-        $INCLUDE %INSTALLED%/mods-config/sql/main/mysql/queries.conf
-    }
-}
-server accounting {
-    listen {
-        type = acct
-        ipaddr = 127.0.0.1
-        port = %PORT%
-    }
-    preacct {
-        update request {
-            &Acct-Unique-Session-Id := "%{md5:%{User-Name},%{Acct-Session-ID},%{NAS-IP-Address}}"
-        }
-    }
-    accounting {
-        sql
-    }
-}
-)";
-
 void fill(std::string& text, std::string const& word, std::string const& value) {
     std::string const placeholder = "%" + word + "%";
     for (std::size_t at = 0; (at = text.find(placeholder, at)) != std::string::npos; at += value.size()) {
@@ -144,7 +63,7 @@ PrivateRadius::PrivateRadius(PrivateMariaDb& database) : m_port(freePort()) {
 }
 
 void PrivateRadius::writeConfiguration(PrivateMariaDb const& database) const {
-    std::string text = configuration;
+    std::string text = contentOf(VELLUM_SOURCE_DIR "/tests/data/radiusd.conf");
     fill(text, "DIRECTORY", m_directory.path());
     fill(text, "SECRET", secret);
     fill(text, "DATABASE_PORT", std::to_string(database.port()));
