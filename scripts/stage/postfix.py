@@ -36,6 +36,7 @@ virtual_mailbox_base = {mail}
 virtual_mailbox_maps = static:inbox/
 virtual_uid_maps = static:{uid}
 virtual_gid_maps = static:{gid}
+relay_domains = {thrown_away}
 default_transport = discard:
 relay_transport = discard:
 relayhost =
@@ -90,22 +91,25 @@ postlog   unix-dgram n - n - 1 postlogd
 
 
 class PrivatePostfix:
-    def __init__(self, stage, domains, policy=None, milter=None):
-        """`policy` and `milter` as main.cf writes them: "unix:/path" or "inet:127.0.0.1:port"; None is not asked."""
+    def __init__(self, stage, domains, policy=None, milter=None, name="postfix", thrown_away=()):
+        """`policy` and `milter` as main.cf writes them: "unix:/path" or "inet:127.0.0.1:port"; None is not asked.
+
+        `name` tells several on one stage apart; mail to the domains `thrown_away` is taken, and goes nowhere.
+        """
         self.nobody = f"nobody@{domains[0]}"  # the one mailbox that there is not
         self.port = free_port()
-        self.directory = stage.make_directory("postfix")
-        self.configuration = stage.make_directory("postfix/etc")
+        self.directory = stage.make_directory(name)
+        self.configuration = stage.make_directory(f"{name}/etc")
         self.log_path = self.directory / "mail.log"
-        self.mail = stage.make_directory("postfix/mail")
+        self.mail = stage.make_directory(f"{name}/mail")
         owner = pwd.getpwnam("nobody")
         os.chown(self.mail, owner.pw_uid, owner.pw_gid)
-        data = stage.make_directory("postfix/data")
+        data = stage.make_directory(f"{name}/data")
         os.chown(data, pwd.getpwnam("postfix").pw_uid, -1)
         self.main_cf = _MAIN.format(
-            queue=stage.make_directory("postfix/queue"), data=data, programs=PROGRAMS, log=self.log_path,
+            queue=stage.make_directory(f"{name}/queue"), data=data, programs=PROGRAMS, log=self.log_path,
             directory=self.directory, domains=" ".join(domains), mail=self.mail, uid=owner.pw_uid, gid=owner.pw_gid,
-            nobody=self.nobody)
+            nobody=self.nobody, thrown_away=" ".join(thrown_away))
         if policy:
             self.main_cf += _ASK_POLICY.format(policy=policy)
         if milter:
