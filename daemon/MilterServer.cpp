@@ -103,12 +103,13 @@ sfsistat inSession(SMFICTX* context, Work work) {
     });
 }
 
-// Bodies and hellos are not wanted, recipients that the mail server refuses are, and headers are not to be waited for.
-// Both Postfix and Sendmail have offered all of that for as long as they speak version 6.
+// Bodies and hellos are not wanted, recipients that the mail server refuses are. Only recipients and the end of a
+// message are to be waited for: each wait costs the mail server a change of process. Both Postfix and Sendmail have
+// offered all of that for as long as they speak version 6.
 sfsistat negotiate(SMFICTX* context, unsigned long, unsigned long offered, unsigned long, unsigned long,
                    unsigned long* actions, unsigned long* steps, unsigned long* reserved1, unsigned long* reserved2) {
-    constexpr unsigned long wanted =
-        SMFIP_NOHELO | SMFIP_NOBODY | SMFIP_NOEOH | SMFIP_NOUNKNOWN | SMFIP_NODATA | SMFIP_RCPT_REJ | SMFIP_NR_HDR;
+    constexpr unsigned long wanted = SMFIP_NOHELO | SMFIP_NOBODY | SMFIP_NOEOH | SMFIP_NOUNKNOWN | SMFIP_NODATA |
+                                     SMFIP_RCPT_REJ | SMFIP_NR_CONN | SMFIP_NR_MAIL | SMFIP_NR_HDR;
     if ((offered & wanted) != wanted) {
         milterProcess().notes.note(Logger::Severity::error,
                                    "milter: the mail server does not speak version 6 of the protocol");
@@ -141,14 +142,14 @@ void forgetSession(SMFICTX* context) {
 
 sfsistat connected(SMFICTX* context, char* host, _SOCK_ADDR* address) {
     forgetSession(context); // a mail server may tell of another client over the same connection
-    return guarded([&](MilterFront& front) -> sfsistat {
+    guarded([&](MilterFront& front) -> sfsistat {
         MilterProcess& here = milterProcess();
         ++here.accepted;
         if (here.connections >= here.maxConnections) {
             ++here.unseen;
             here.notes.note(Logger::Severity::warning,
                             "milter: " + std::to_string(here.maxConnections) + " connections, no more are looked at");
-            return SMFIS_ACCEPT;
+            return SMFIS_CONTINUE; // and there is no session
         }
         auto session = std::make_unique<MilterSession>(front);
         session->connected(host == nullptr ? "" : host, addressOf(reinterpret_cast<sockaddr const*>(address)));
@@ -159,13 +160,15 @@ sfsistat connected(SMFICTX* context, char* host, _SOCK_ADDR* address) {
         smfi_setpriv(context, known);
         return SMFIS_CONTINUE;
     });
+    return SMFIS_NOREPLY; // as negotiated
 }
 
 sfsistat sender(SMFICTX* context, char** arguments) {
-    return inSession(context, [&](MilterSession& session) {
+    inSession(context, [&](MilterSession& session) {
         session.sender(firstOf(arguments));
         return SMFIS_CONTINUE;
     });
+    return SMFIS_NOREPLY; // as negotiated
 }
 
 // "%" begins a format where the reply is put together.
