@@ -184,13 +184,15 @@ bool Connection::isAbandoned() const {
     return received == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
 }
 
-DatabaseException Connection::error(char const* where, std::string_view statement) const {
+DatabaseException Connection::error(char const* where, std::string_view statement) {
     unsigned int const number = mysql_errno(m_mysql);
     std::string text = "error " + std::to_string(number) + " from " + m_server + ": " + mysql_error(m_mysql);
     if (!statement.empty()) {
         text += "; statement: " + shortenedStatement(statement);
     }
-    return {where, number, text};
+    DatabaseException const failed(where, number, text);
+    m_hasBroken = m_hasBroken || failed.connectionLost();
+    return failed;
 }
 
 std::string quotedIdentifier(std::string const& name) {

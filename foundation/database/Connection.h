@@ -72,9 +72,13 @@ class Connection : public RefImpl {
     // that it has, false nothing. Costs a system call and does not wait.
     bool isAbandoned() const;
 
+    // Whether the session is over: an error() of it has said so, or isAbandoned(). An error that concerns the statement
+    // alone, such as a table that is not there, leaves it false.
+    bool isLost() const { return m_hasBroken || isAbandoned(); }
+
     st_mysql* native() { return m_mysql; }
     // The error that the client library reports now, for the operation `where`.
-    DatabaseException error(char const* where, std::string_view statement) const;
+    DatabaseException error(char const* where, std::string_view statement);
 
   private:
     void open(Server const& server, std::string const& database);
@@ -84,6 +88,7 @@ class Connection : public RefImpl {
     int m_socket = -1;    // the session's socket once more, for interrupt(); constant once connected
     std::string m_server; // for error texts
     bool m_multipleStatements = false;
+    bool m_hasBroken = false; // an error ended the session
 };
 
 using RefConnection = Ref<Connection>;

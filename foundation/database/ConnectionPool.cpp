@@ -99,10 +99,12 @@ void ConnectionPool::giveBack(RefConnection& connection) {
 void ConnectionPool::reset(RefConnection& connection) {
     RefConnection broken;
     std::swap(broken, connection);
+    bool const allAreLost = broken->isLost();
     std::vector<RefConnection> closed; // when the lock is free again
     Synchronized const hold(m_lock);
-    freePlace({});
-    if (static_cast<Pooled const&>(*broken).generation == m_generation) {
+    m_free.emplace_back(); // there is room; the next caller shall have a fresh one
+    m_freed.notify_one();
+    if (allAreLost && static_cast<Pooled const&>(*broken).generation == m_generation) {
         closed.reserve(m_free.size());
         ++m_generation;
         std::move(m_free.begin(), m_free.end(), std::back_inserter(closed)); // leaves empty handles behind

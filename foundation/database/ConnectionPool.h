@@ -5,9 +5,10 @@
 //       work with *lock.connection();
 //   }                                        // the lock's end gives the connection back
 //
-// A connection that failed goes to reset() instead. It is not opened again at once but by the next caller who gets its
-// place, and so are all others that were open by then: what ended one session has most likely ended them all. A
-// connection of which this end knows already that the server has left it is opened anew before it is handed out.
+// A connection that failed goes to reset() instead. It is not opened again at once but by the next caller. Where its
+// session is lost (Connection::isLost()), all others that were open by then are opened again too: what ended one
+// session has most likely ended them all. An error of a statement alone costs the others nothing. A connection of which
+// this end knows already that the server has left it is opened anew before it is handed out.
 //
 // Thread-safe. The pool's own lock is held for moments; no connection is opened or closed, and nobody asks the server
 // anything, while it is. The pool outlives its locks and connections.
@@ -43,7 +44,7 @@ class ConnectionPool {
     RefConnection growPool();
     // Gives a connection back that is in order.
     void giveBack(RefConnection& connection);
-    // Gives a broken one back: it is closed, and its place opened again by whoever gets it next.
+    // Gives one back that failed: it is closed, and its place opened again by the next caller.
     // Both leave `connection` empty.
     void reset(RefConnection& connection);
 
@@ -94,7 +95,8 @@ class ConnectionPool {
 
     mutable Mutex m_lock;
     std::condition_variable_any m_freed;
-    // Places that nobody has taken: empty ones in front, the one freed last at the end, which is the next to be taken.
+    // Places that nobody has taken. The one at the end is the next to be taken: the one freed last. One that could not
+    // be opened goes to the front, behind all that are open.
     std::vector<RefConnection> m_free VELLUM_GUARDED_BY(m_lock);
     unsigned int m_size VELLUM_GUARDED_BY(m_lock)
     = 0;

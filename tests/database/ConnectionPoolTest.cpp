@@ -38,6 +38,23 @@ class Pooling : public testing::Test {
         return one.value;
     }
 
+    // Ends a connection's session on the server, and waits until this end has heard of it.
+    void end(RefConnection const& connection) {
+        m_server.run({"kill " + numberOf(connection)});
+        while (!connection->isAbandoned()) {
+            std::this_thread::yield();
+        }
+    }
+    // What a statement fails with.
+    static unsigned int errorOf(RefConnection const& connection, std::string const& statement) {
+        try {
+            connection->run(statement, "test");
+        } catch (DatabaseException const& failed) {
+            return failed.serverError();
+        }
+        return 0;
+    }
+
     PrivateMariaDb& m_server = PrivateMariaDb::shared();
     std::optional<ConnectionPool> m_pool;
 };
@@ -146,7 +163,7 @@ TEST_F(Pooling, LockHoldsOneForItsLifeOrNone) {
     EXPECT_FALSE(connections.getConnection(false).isNull()) << "given back at the end of the lock's life";
 }
 
-TEST_F(Pooling, ResetOpensItAndAllThatWereOpenAgain) {
+TEST_F(Pooling, LostSessionHasItAndAllThatWereOpenOpenedAgain) {
     ConnectionPool& connections = pool(3);
     std::vector<RefConnection> taken;
     std::vector<std::string> before;
@@ -155,6 +172,7 @@ TEST_F(Pooling, ResetOpensItAndAllThatWereOpenAgain) {
         before.push_back(numberOf(taken.back()));
     }
     connections.giveBack(taken[0]); // free when one of the others breaks
+    end(taken[1]);
     connections.reset(taken[1]);
     EXPECT_TRUE(taken[1].isNull());
     connections.giveBack(taken[2]); // in use meanwhile
@@ -174,6 +192,8 @@ TEST_F(Pooling, ConnectionsThatBreakTogetherAreOpenedOnceEach) {
     ConnectionPool& connections = pool(2);
     RefConnection first = connections.getConnection(false);
     RefConnection second = connections.getConnection(false);
+    end(first);
+    end(second);
     connections.reset(first);
     RefConnection fresh = connections.getConnection(false);
     std::string const number = numberOf(fresh);
@@ -182,6 +202,72 @@ TEST_F(Pooling, ConnectionsThatBreakTogetherAreOpenedOnceEach) {
     RefConnection one = connections.getConnection(false);
     RefConnection other = connections.getConnection(false);
     EXPECT_TRUE(numberOf(one) == number || numberOf(other) == number);
+}
+
+TEST_F(Pooling, ErrorOfAStatementCostsThatConnectionAlone) {
+    constexpr unsigned int noSuchTable = 1146;
+    constexpr unsigned int parseError = 1064;
+    for (auto const& [statement, expected] :
+         {std::pair{"select * from nowhere", noSuchTable}, {"selec 1", parseError}}) {
+        ConnectionPool& connections = pool(3);
+        RefConnection failed = connections.getConnection(false);
+        RefConnection used = connections.getConnection(false);
+        RefConnection idle = connections.getConnection(false);
+        std::string const usedNumber = numberOf(used);
+        std::string const idleNumber = numberOf(idle);
+        std::string const failedNumber = numberOf(failed);
+        connections.giveBack(idle); // free meanwhile
+        EXPECT_EQ(errorOf(failed, statement), expected);
+        EXPECT_FALSE(failed->isLost());
+        connections.reset(failed);
+        EXPECT_TRUE(failed.isNull());
+        connections.giveBack(used);
+        std::vector<RefConnection> again;
+        std::vector<std::string> numbers;
+        for (int n = 0; n < 3; ++n) {
+            again.push_back(connections.getConnection(false));
+            numbers.push_back(numberOf(again.back()));
+        }
+        EXPECT_EQ(std::count(numbers.begin(), numbers.end(), usedNumber), 1) << statement;
+        EXPECT_EQ(std::count(numbers.begin(), numbers.end(), idleNumber), 1) << statement;
+        EXPECT_EQ(std::count(numbers.begin(), numbers.end(), failedNumber), 0) << statement;
+        EXPECT_EQ(connections.size(), 3U);
+    }
+}
+
+TEST_F(Pooling, NextCallerAfterAnErrorGetsAFreshConnection) {
+    ConnectionPool& connections = pool(3);
+    RefConnection failed = connections.getConnection(false);
+    RefConnection other = connections.getConnection(false);
+    std::vector<std::string> before{numberOf(failed), numberOf(other)};
+    RefConnection third = connections.getConnection(false);
+    before.push_back(numberOf(third));
+    connections.giveBack(other);
+    connections.giveBack(third);
+    EXPECT_EQ(errorOf(failed, "select * from nowhere"), 1146U);
+    connections.reset(failed);
+    RefConnection const fresh = connections.getConnection(false);
+    EXPECT_EQ(std::count(before.begin(), before.end(), numberOf(fresh)), 0);
+}
+
+TEST_F(Pooling, ErrorThatToldOfALostSessionHasAllOpenedAgain) {
+    ConnectionPool& connections = pool(2);
+    RefConnection failed = connections.getConnection(false);
+    RefConnection idle = connections.getConnection(false);
+    std::vector<std::string> const before{numberOf(failed), numberOf(idle)};
+    connections.giveBack(idle);
+    m_server.run({"kill " + before[0]});
+    unsigned int error = 0;
+    while (error == 0) { // the server ends it between two statements
+        error = errorOf(failed, "do 1");
+    }
+    EXPECT_TRUE(DatabaseException("test", error, "").connectionLost()) << error;
+    EXPECT_TRUE(failed->isLost());
+    connections.reset(failed);
+    for (int n = 0; n < 2; ++n) {
+        RefConnection const again = connections.getConnection(false);
+        EXPECT_EQ(std::count(before.begin(), before.end(), numberOf(again)), 0);
+    }
 }
 
 TEST_F(Pooling, PlaceThatCannotBeOpenedIsFreeForTheNextTry) {
