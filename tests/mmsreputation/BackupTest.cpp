@@ -12,11 +12,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
+#include <thread>
 
 namespace Vellum::MMSReputation {
 namespace {
@@ -121,6 +123,38 @@ TEST_F(EndpointBackup, IdleEntriesArePurgedFirst) {
     EXPECT_FALSE(holds(*m_cache, subscriber(1)));
     EXPECT_FALSE(holds(*m_cache, subscriber(2)));
     EXPECT_TRUE(holds(*m_cache, subscriber(3)));
+}
+
+TEST_F(EndpointBackup, CopyHoldsBothLocksExclusivelyWhileItPurges) {
+    int purges = 0;
+    m_configuration->onWindowSize = [&] { // the purge asks for the slice of now
+        ++purges;
+        EXPECT_TRUE(Entry::s_mutex.isClaimed());
+        EXPECT_TRUE(m_cache->lock.isClaimed());
+    };
+    BackupSnapshot const snapshot(*m_cache);
+    EXPECT_EQ(purges, 1);
+    EXPECT_FALSE(Entry::s_mutex.isClaimed());
+    EXPECT_FALSE(m_cache->lock.isClaimed());
+}
+
+TEST_F(EndpointBackup, CopyTakesTheEntryLockFirst) {
+    std::atomic<bool> done{false};
+    std::thread copying;
+    {
+        SharedLock const hold(m_cache->lock); // so it gets the one and waits for the other
+        copying = std::thread([&] {
+            BackupSnapshot const snapshot(*m_cache);
+            done = true;
+        });
+        while (!done && !m_cache->lock.isClaimed()) {
+            std::this_thread::yield();
+        }
+        EXPECT_FALSE(done);
+        EXPECT_TRUE(Entry::s_mutex.isClaimed());
+    }
+    copying.join();
+    EXPECT_TRUE(done);
 }
 
 TEST_F(EndpointBackup, RowsComeInStatementsOfAThousand) {

@@ -2,6 +2,7 @@
 #include "mmsreputation/MMSReputationDisplay.h"
 
 #include "foundation/ipc/Dispatcher.h"
+#include "tests/support/BesideAListing.h"
 #include "tests/support/LoadedEndpoints.h"
 #include "tests/support/OwnProcess.h"
 #include "tests/support/ScriptedSocket.h"
@@ -116,17 +117,37 @@ TEST_F(EndpointDisplay, AnyOtherUnitIsReadAndTheListingGoesOn) {
 }
 
 TEST_F(EndpointDisplay, ListingHoldsBothLocksSharedToTheEnd) {
-    add(1);
-    ScriptedClient client;
-    int units = 0;
-    client.socket.onSend = [&](std::uint32_t) {
-        ++units;
-        SharedLock const entries(Entry::s_mutex); // another reader may come in
-        SharedLock const hold(m_cache->lock);
-        EXPECT_FALSE(Entry::s_mutex.isClaimed());
+    std::uint32_t const slice = currentSlice();
+    RefEntry const entry = add(1, slice, 1, 0);
+    auto const waitsForEntries = [] {
+        return Entry::s_mutex.isClaimed();
     };
-    EXPECT_EQ(list(client), 0);
-    EXPECT_EQ(units, 3);
+    auto const waitsForCache = [this] {
+        return m_cache->lock.isClaimed();
+    };
+    auto const never = [] {
+        return false;
+    };
+    ScriptedClient newSlice;
+    EXPECT_FALSE(doneBeforeTheEnd(
+        newSlice, waitsForEntries, [&] { entry->increment(AttributeType::spam, slice + 1); }, list));
+    ScriptedClient adds;
+    EXPECT_FALSE(doneBeforeTheEnd(
+        adds, waitsForCache, [&] { add(2); }, list));
+    m_cache->remove(subscriber(2));
+    ScriptedClient reads;
+    EXPECT_TRUE(doneBeforeTheEnd(
+        reads, never,
+        [&] {
+            SharedLock const entries(Entry::s_mutex);
+            SharedLock const hold(m_cache->lock);
+        },
+        list))
+        << "other readers go beside a listing";
+    ScriptedClient counts;
+    EXPECT_TRUE(doneBeforeTheEnd(
+        counts, never, [&] { entry->increment(AttributeType::spam, slice + 1); }, list))
+        << "a message in a slice that is there goes beside a listing";
     ExclusiveLock const entries(Entry::s_mutex); // free again
     ExclusiveLock const hold(m_cache->lock);
 }

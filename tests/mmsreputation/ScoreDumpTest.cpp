@@ -7,10 +7,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace Vellum::MMSReputation {
@@ -24,6 +27,27 @@ class EndpointScoreDump : public testing::Test, public LoadedEndpoints {
         std::ostringstream out;
         ScoreSnapshot(*m_cache).write(out);
         return out.str();
+    }
+    // Runs `change` on a thread at the moment in which a copy holds its locks; answers whether it was done before the
+    // copy was. `waits` tells that it waits.
+    bool doneBeforeTheCopy(std::function<bool()> const& waits, std::function<void()> const& change) {
+        std::atomic<bool> done{false};
+        bool seen = false;
+        std::thread changing;
+        m_configuration->onWindowSize = [&] { // the copy asks for the slice of now
+            changing = std::thread([&] {
+                change();
+                done = true;
+            });
+            while (!done && !waits()) {
+                std::this_thread::yield();
+            }
+            seen = done;
+        };
+        ScoreSnapshot const copy(*m_cache);
+        m_configuration->onWindowSize = {};
+        changing.join();
+        return seen;
     }
     // What a dump in that directory is refused with.
     std::string refused(std::string const& directory) const {
@@ -63,6 +87,19 @@ TEST_F(EndpointScoreDump, WhatNoRowCouldHoldDoesNotSpoilTheOthers) {
     add(2, slice, 0x7FFFFFFF, 1, 0x80000000L);
     m_cache->add(MSISDN(), RefEntry(true));
     EXPECT_EQ(text(), "15555550001\t2147483647\t2147483647\n15555550002\t2147483647\t2147483647\n");
+}
+
+TEST_F(EndpointScoreDump, CopyHoldsBothLocksShared) {
+    EXPECT_FALSE(
+        doneBeforeTheCopy([] { return Entry::s_mutex.isClaimed(); }, [] { ExclusiveLock const hold(Entry::s_mutex); }));
+    EXPECT_FALSE(doneBeforeTheCopy([this] { return m_cache->lock.isClaimed(); },
+                                   [this] { ExclusiveLock const hold(m_cache->lock); }));
+    EXPECT_TRUE(doneBeforeTheCopy([] { return false; },
+                                  [this] {
+                                      SharedLock const entries(Entry::s_mutex);
+                                      SharedLock const hold(m_cache->lock);
+                                  }))
+        << "other readers go beside it";
 }
 
 TEST_F(EndpointScoreDump, FileIsThereForTheDumpsLife) {

@@ -1,6 +1,7 @@
 // Both handlers, called directly.
 #include "foundation/ipc/Dispatcher.h"
 #include "senderratecontrol/SenderRateControlDisplay.h"
+#include "tests/support/BesideAListing.h"
 #include "tests/support/CapturingLogger.h"
 #include "tests/support/OwnProcess.h"
 #include "tests/support/RateControl.h"
@@ -286,30 +287,6 @@ TEST(RateHandlersDeathTest, WithoutAConfigurationBothFailWithTheirRecord) {
         EXPECT_EQ(lines[0].fields[0], entrySignature);
         EXPECT_EQ(lines[1].fields[0], recordSignature);
     });
-}
-
-// Runs `change` on a thread while `listing` sends; answers whether it was done before the end marker was sent.
-bool doneBeforeTheEnd(ScriptedClient& client, std::function<bool()> const& waits, std::function<void()> const& change,
-                      std::function<int(ScriptedClient&)> const& listing) {
-    std::atomic<bool> done{false};
-    bool seen = false;
-    std::thread changing;
-    client.socket.onSend = [&](std::uint32_t) {
-        if (!changing.joinable()) {
-            changing = std::thread([&] {
-                change();
-                done = true;
-            });
-            while (!done && !waits()) {
-                std::this_thread::yield();
-            }
-        }
-        seen = done;
-    };
-    EXPECT_EQ(listing(client), 0);
-    changing.join();
-    EXPECT_TRUE(done);
-    return seen;
 }
 
 TEST_F(RateHandlers, BothHoldBothLocksSharedUntilTheEndMarker) {

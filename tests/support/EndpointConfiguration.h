@@ -8,6 +8,7 @@
 #include "mmsreputation/Configuration.h"
 
 #include <atomic>
+#include <functional>
 #include <string>
 
 namespace Vellum::MMSReputation {
@@ -28,7 +29,12 @@ class AdjustableConfiguration : public Configuration {
         return master;
     }
     unsigned int maxEntries() const override { return entries; }
-    unsigned int windowSize() const override { return window; }
+    unsigned int windowSize() const override {
+        if (onWindowSize) {
+            onWindowSize();
+        }
+        return window;
+    }
     bool enabled() const override { return isEnabled; }
 
     std::atomic<unsigned int> window{30};
@@ -37,7 +43,8 @@ class AdjustableConfiguration : public Configuration {
     std::atomic<bool> haMasterThrows{false};
     std::atomic<bool> isEnabled{true};
     mutable std::atomic<int> resyncs{0};
-    std::string path; // of the backup's script; set before anybody asks, empty: asking throws
+    std::function<void()> onWindowSize; // where a slice is reckoned; set before anybody asks
+    std::string path;                   // of the backup's script; set before anybody asks, empty: asking throws
 };
 
 // Makes a configuration the process's for its life, and puts the one before back.
