@@ -211,10 +211,11 @@ void Database::loadDataIntoTable(std::string const& table, std::string const& fi
     Vellum::Database::QueryLoadData(m_connection, m_databaseName, table, file);
 }
 
-void Database::read(RefCache& target, unsigned int what) {
+void Database::read(RefCache& target, unsigned int what, long now) {
+    long const time = now == 0 ? std::time(nullptr) : now;
     ReportedLoad load(what);
     try {
-        load.run(&LoadReport::entries, Select::entries, [&] { return readEntries(*target); });
+        load.run(&LoadReport::entries, Select::entries, [&] { return readEntries(*target, time); });
         load.run(&LoadReport::exemptList, Select::exemptList,
                  [&] { return readList(exemptTable, &Cache::exempt, *target); });
         load.run(&LoadReport::blacklist, Select::blacklist,
@@ -231,13 +232,12 @@ void Database::read(RefCache& target, unsigned int what) {
     LoadReport::set(load.report());
 }
 
-std::uint64_t Database::readEntries(Cache& cache) {
-    std::uint32_t const current = Period(0, 0, Period::slicesPerWindow).index;
+std::uint64_t Database::readEntries(Cache& cache, long now) {
+    std::uint32_t const current = Period(now, 0, Period::slicesPerWindow).index;
     std::uint32_t const lowest = current - Entry::scoredBefore;
     // Nobody counts ahead of time: such slices were counted when the configured window was another one, and would be
     // scored for ever. A clock that was set back a little costs nothing.
     std::uint32_t const highest = current + Period::slicesPerWindow;
-    long const now = std::time(nullptr);
     std::uint64_t rows = 0;
     std::uint64_t ahead = 0;
     forEachRow<EntryRow>(m_connection,

@@ -53,7 +53,9 @@ class Database : public EntrySource {
     // skipped, and so are slices more than a window ahead, which were counted under another window. Rows whose number
     // is none are skipped and logged (0x3000166). A failure is logged (0x300017D) and ends the load: what came before
     // stays in `target`, LoadReport (Reports.h) says that it is not all, and a target that misses entries knows it.
-    void read(RefCache& target, unsigned int what) override;
+    void read(RefCache& target, unsigned int what) override { read(target, what, 0); }
+    // The same as at `now`, seconds since the epoch; 0 for now.
+    void read(RefCache& target, unsigned int what, long now);
 
     // Purges the process's cache, writes its entries as a script to `file`, which appears whole or not at all, hands it
     // to the database daemon and calls Configuration::resyncIfMaster(). Entries without records are not written, so one
@@ -72,7 +74,7 @@ class Database : public EntrySource {
 
   private:
     // Answer how many rows went into the cache.
-    std::uint64_t readEntries(Cache& cache);
+    std::uint64_t readEntries(Cache& cache, long now);
     std::uint64_t readList(std::string const& table, void (Cache::*add)(MSISDN const&), Cache& cache);
 
     std::string const m_databaseName;

@@ -19,6 +19,8 @@ constexpr char const* entriesSql = "select mms_reputation.msisdn, Period, Spam, 
                                    "mms_reputation_expiry where (mms_reputation.msisdn = mms_reputation_expiry.msisdn "
                                    ")";
 constexpr char const* inTheYear2037 = "2114377200";
+constexpr long now = 1800000000; // the first second of a slice
+static_assert(now % 120 == 0);
 
 class EndpointLoad : public EndpointTables {
   protected:
@@ -31,6 +33,28 @@ class EndpointLoad : public EndpointTables {
         EXPECT_EQ(records[0].fields[1], "506");
         EXPECT_THAT(records[0].fields[2], HasSubstr(part));
     }
+    // What a load at `time` holds of rows that lie so many slices from the one of then, all with that expiry.
+    std::vector<std::int64_t> slicesLoadedAt(long time, std::vector<std::int64_t> const& away, long expiry) {
+        auto const slice = static_cast<std::int64_t>(Period(time, 30, 15).index);
+        run({"delete from mms_reputation", "delete from mms_reputation_expiry",
+             "insert into mms_reputation_expiry values ('1', " + std::to_string(expiry) + ")"});
+        for (std::int64_t const distance : away) {
+            run({"insert into mms_reputation values " +
+                 values("1", static_cast<std::uint32_t>(slice + distance), "1, 0")});
+        }
+        RefCache target(true);
+        Database(address()).read(target, Select::entries, time);
+        m_cache = target;
+        RefEntry const entry = target->entry(MSISDN("1"), 0, false);
+        std::vector<std::int64_t> loaded;
+        if (!entry.isNull()) {
+            for (std::uint32_t const held : slicesOf(*entry)) {
+                loaded.push_back(static_cast<std::int64_t>(held) - slice);
+            }
+        }
+        return loaded;
+    }
+
     // A slice that is scored for the length of this test, whatever the clock does.
     std::uint32_t const m_slice = currentSlice();
     std::string slice(std::uint32_t back) const { return std::to_string(m_slice - back); }
@@ -95,6 +119,36 @@ TEST_F(EndpointLoad, OldAndNotBlacklistedRowsAreSkipped) {
     EXPECT_THAT(held(),
                 ElementsAre("2 0 " + slice(0) + ":3:3", "3 " + std::string(inTheYear2037) + " " + slice(20) + ":4:4"))
         << "a blacklisted subscriber keeps his old records";
+}
+
+TEST_F(EndpointLoad, SliceFourteenBackIsLoadedAndFifteenBackIsNot) {
+    for (long const at : {now, now + 119}) { // from the first second of the slice to its last
+        EXPECT_THAT(slicesLoadedAt(at, {-16, -15, -14, 0}, 0), ElementsAre(-14, 0));
+    }
+    EXPECT_THAT(slicesLoadedAt(now + 120, {-16, -15, -14, 0}, now), ElementsAre(-14, 0)) << "of the next slice";
+}
+
+TEST_F(EndpointLoad, SliceFifteenAheadIsLoadedAndSixteenAheadIsNot) {
+    EXPECT_THAT(slicesLoadedAt(now, {0, 14, 15, 16}, 0), ElementsAre(0, 14, 15));
+    ASSERT_EQ(m_log.lines().size(), 1U);
+    EXPECT_EQ(m_log.lines()[0].text,
+              "1 rows of mms_reputation skipped: their slices lie ahead, they were counted in another window");
+}
+
+TEST_F(EndpointLoad, OldRowsAreLoadedUntilTheirExpiryIsNow) {
+    EXPECT_THAT(slicesLoadedAt(now, {-15}, now - 1), IsEmpty());
+    EXPECT_THAT(slicesLoadedAt(now, {-15}, now), IsEmpty());
+    EXPECT_THAT(held(), IsEmpty());
+    EXPECT_THAT(slicesLoadedAt(now, {-100, -15}, now + 1), ElementsAre(-100, -15));
+    EXPECT_THAT(held().size(), 1U);
+    EXPECT_EQ(m_cache->entry(MSISDN("1"), 0, false)->blacklistExpiry(), now + 1);
+}
+
+TEST_F(EndpointLoad, SliceTooFarAheadIsNotLoadedWhateverTheExpiry) {
+    EXPECT_THAT(slicesLoadedAt(now, {16}, now), IsEmpty());
+    EXPECT_THAT(held(), IsEmpty());
+    EXPECT_THAT(slicesLoadedAt(now, {16}, now + 1), IsEmpty());
+    EXPECT_THAT(held(), ElementsAre("1 " + std::to_string(now + 1))) << "he is blacklisted all the same";
 }
 
 TEST_F(EndpointLoad, SubscriberWithoutAnExpiryRowIsNotLoaded) {
