@@ -69,6 +69,79 @@ TEST_F(EndpointCInterface, UnfitTextsAreRefusedBeforeAnySql) {
     EXPECT_THAT(record.fields[1], HasSubstr("a quote, a backslash or a control character in \"1'\""));
 }
 
+TEST_F(EndpointCInterface, EveryQuoteBackslashAndControlCharacterIsRefusedAndNothingElseIs) {
+    EndpointDaemon const daemon;
+    std::string refusedOnes;
+    for (int byte = 1; byte < 256; ++byte) {
+        std::string const text = std::string("1") + static_cast<char>(byte) + "2";
+        int const added = vellum_mms_reputation_blacklist_add(text.c_str());
+        refusedOnes += added == 0 ? "" : std::string(1, static_cast<char>(byte));
+        EXPECT_EQ(vellum_mms_reputation_exempt_add(text.c_str()), added) << byte;
+        EXPECT_EQ(vellum_mms_reputation_blacklist_remove(text.c_str()), added) << byte;
+        EXPECT_EQ(vellum_mms_reputation_exempt_remove(text.c_str()), added) << byte;
+    }
+    std::string expected;
+    for (char byte = 1; byte < ' '; ++byte) {
+        expected += byte;
+    }
+    EXPECT_EQ(refusedOnes, expected + "\"'\\`\x7f");
+    EXPECT_THAT(blacklistRows(), IsEmpty());
+    EXPECT_THAT(exemptRows(), IsEmpty());
+}
+
+TEST_F(EndpointCInterface, LettersGoInAsGivenAndAreNobodyWhenTheyAreLoaded) {
+    EndpointDaemon const daemon;
+    EXPECT_EQ(vellum_mms_reputation_blacklist_add("1555x"), 0);
+    EXPECT_EQ(vellum_mms_reputation_blacklist_add("15555550100"), 0);
+    EXPECT_EQ(vellum_mms_reputation_exempt_add("abc"), 0);
+    EXPECT_THAT(blacklistRows(), ElementsAre("15555550100", "1555x"));
+    EXPECT_THAT(exemptRows(), ElementsAre("abc"));
+    EXPECT_THAT(blacklistHeld(), ElementsAre("15555550100"));
+    EXPECT_THAT(exemptHeld(), IsEmpty());
+    EXPECT_EQ(m_log.records(0x3000166).back().text,
+              "row of mms_exempt skipped: \"abc\" is no subscriber number, expected digits");
+    EXPECT_EQ(vellum_mms_reputation_blacklist_remove("1555x"), 0);
+    EXPECT_EQ(vellum_mms_reputation_exempt_remove("abc"), 0);
+    EXPECT_THAT(blacklistRows(), ElementsAre("15555550100"));
+    EXPECT_THAT(exemptRows(), IsEmpty());
+}
+
+TEST_F(EndpointCInterface, FortyDigitsCannotBeAddedAndAreNotThereToBeRemoved) {
+    EndpointDaemon const daemon;
+    std::string const forty(40, '7');
+    run({"insert into mms_blacklist values ('" + forty.substr(0, 36) + "')"});
+    EXPECT_EQ(vellum_mms_reputation_blacklist_add(forty.c_str()), -1);
+    EXPECT_EQ(vellum_mms_reputation_exempt_add(forty.c_str()), -1);
+    EXPECT_EQ(m_log.records(0x300016C).size(), 2U);
+    EXPECT_EQ(vellum_mms_reputation_blacklist_remove(forty.c_str()), 0);
+    EXPECT_EQ(vellum_mms_reputation_exempt_remove(forty.c_str()), 0);
+    EXPECT_THAT(blacklistRows(), ElementsAre(forty.substr(0, 36))) << "another number";
+    EXPECT_THAT(exemptRows(), IsEmpty());
+}
+
+TEST_F(EndpointCInterface, EmptyTextIsNotAddedButTakesAnEmptyRowOff) {
+    EndpointDaemon const daemon;
+    EXPECT_EQ(vellum_mms_reputation_blacklist_add(""), -1);
+    expectRecord(0x300016C, "vellum_mms_reputation_blacklist_add", "an empty number, expected digits");
+    run({"insert into mms_blacklist values (''), ('21')", "insert into mms_exempt values ('')"});
+    EXPECT_EQ(vellum_mms_reputation_blacklist_remove(""), 0);
+    EXPECT_EQ(vellum_mms_reputation_exempt_remove(""), 0);
+    EXPECT_THAT(blacklistRows(), ElementsAre("21"));
+    EXPECT_THAT(exemptRows(), IsEmpty());
+    EXPECT_THAT(blacklistHeld(), ElementsAre("21")) << "and the list can be read again";
+}
+
+TEST_F(EndpointCInterface, NullIsRefusedWithoutALogRecord) {
+    AbsentEndpointDaemon const nobody;
+    UnreachableServer const away;
+    EXPECT_EQ(vellum_mms_reputation_blacklist_add(nullptr), -1);
+    EXPECT_EQ(vellum_mms_reputation_blacklist_remove(nullptr), -1);
+    EXPECT_EQ(vellum_mms_reputation_exempt_add(nullptr), -1);
+    EXPECT_EQ(vellum_mms_reputation_exempt_remove(nullptr), -1);
+    EXPECT_EQ(vellum_mms_reputation_autoblacklist_remove(nullptr), 0);
+    EXPECT_TRUE(m_log.lines().empty());
+}
+
 TEST_F(EndpointCInterface, NumberThatTheColumnCannotHoldIsADatabaseError) {
     EndpointDaemon const daemon;
     EXPECT_EQ(vellum_mms_reputation_blacklist_add(std::string(36, '7').c_str()), 0);
@@ -187,6 +260,20 @@ TEST_F(EndpointCInterface, ClearsANumberAndSendsNothingForAnEmptyOne) {
     EXPECT_STREQ(c_caller_clears_a_number(), nullptr);
     EXPECT_THAT(held(), ElementsAre("15555550002 0"));
     EXPECT_TRUE(m_log.lines().empty());
+}
+
+TEST_F(EndpointCInterface, ClearingWhatIsNoNumberAnswersZeroAndDropsNobody) {
+    EndpointDaemon const daemon;
+    add(1);
+    for (std::string const& text :
+         {std::string("abc"), std::string("15555550001'"), std::string("15555550001\\"), std::string("\"15555550001\""),
+          std::string("15555550001\n"), std::string(" 15555550001"), std::string(40, '1')}) {
+        EXPECT_EQ(vellum_mms_reputation_autoblacklist_remove(text.c_str()), 0) << text;
+    }
+    EXPECT_EQ(vellum_mms_reputation_exempt_add("11"), 0); // waits for the daemon to be done with all of them
+    EXPECT_THAT(held(), ElementsAre("15555550001 0"));
+    EXPECT_TRUE(m_log.records(0x3000168).empty());
+    EXPECT_TRUE(m_log.records(0x300016F).empty());
 }
 
 TEST_F(EndpointCInterface, ClearingWithoutADaemonIsLoggedAndAnswersZero) {
