@@ -194,6 +194,30 @@ TEST_F(VellumctlEndpoint, ShowsScoresOfTheTable) {
         json({{{"number", "15555550001"}, {"score", 30}, {"expiry", until}}}));
 }
 
+TEST_F(VellumctlEndpoint, ScoreOfNoNumberIsSaidAndTheOthersAreShown) {
+    MMSReputation::ScoreTable::nextRefresh = now + 1000; // the table stays as it is
+    EndpointTables::run({"insert into mms_repuation_score values ('15555550001', 2, 0), ('1 2', 3, 0), "
+                         "('15555550003', 4, 0), (char(27), 5, 0)"});
+    ChildResult const result = runWithSettings({"scores", "--no-header"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, "15555550001  2  -\n15555550003  4  -\n");
+    EXPECT_EQ(result.err, "row of mms_repuation_score skipped: \"\\x1b\" is no subscriber number, expected digits\n"
+                          "row of mms_repuation_score skipped: \"1 2\" is no subscriber number, expected digits\n");
+    ChildResult const program = runWithSettings({"scores", "--json"});
+    EXPECT_EQ(program.exitCode, 0);
+    EXPECT_EQ(json::parse(program.out, nullptr, false).size(), 2U);
+}
+
+TEST_F(VellumctlEndpoint, ScoreRowThatCannotBeReadIsAFailureBehindTheOthers) {
+    MMSReputation::ScoreTable::nextRefresh = now + 1000;
+    EndpointTables::run({"alter table mms_repuation_score drop primary key",
+                         "insert into mms_repuation_score values ('15555550001', 2, 0), ('', 3, 0)"});
+    ChildResult const result = runWithSettings({"scores", "--no-header", "--sort", "score"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "15555550001  2  -\n");
+    EXPECT_THAT(result.err, HasSubstr("Invalid EndpointReputationScore Entry"));
+}
+
 TEST_F(VellumctlEndpoint, WrongWordsAreUsage) {
     expectFailed(runWithSettings({"scores", "--sort", "name"}), 2,
                  "--sort \"name\" is not known: expected score, expiry or number");

@@ -6,6 +6,7 @@
 #include "foundation/database/DatabaseSettings.h"
 #include "foundation/database/FetchRows.h"
 #include "foundation/ipc/Endpoint.h"
+#include "mmsreputation/LogCodes.h"
 #include "mmsreputation/MMSReputationDatabase.h"
 #include "mmsreputation/Rows.h"
 #include "tools/vellumctl/Failure.h"
@@ -19,7 +20,7 @@
 namespace Vellum::Tools {
 namespace {
 
-// Keeps what the C functions say to the log, which is all they say of a failure.
+// Keeps what the C functions say to the log, which is all they say of a failure. That a row was passed over is none.
 class KeptLog : public Logger {
   public:
     KeptLog() : m_previous(install(this)) {}
@@ -27,15 +28,24 @@ class KeptLog : public Logger {
     KeptLog(KeptLog const&) = delete;
     KeptLog& operator=(KeptLog const&) = delete;
 
-    std::string const& last() const { return m_last; } // empty: nothing was logged
+    std::string const& failure() const { return m_failure; } // the last one; empty: there was none
+    std::vector<std::string> const& passedOver() const { return m_passedOver; }
 
   protected:
-    void write(Severity, std::string_view line) override { m_last = line; }
-    void write(Record const& record) override { m_last = record.fields.empty() ? "" : record.fields.back(); }
+    void write(Severity, std::string_view line) override { m_failure = line; }
+    void write(Record const& record) override {
+        std::string const text = record.fields.empty() ? "" : record.fields.back();
+        if (record.code == MMSReputation::LogCode::passedOver) {
+            m_passedOver.push_back(text);
+        } else {
+            m_failure = text;
+        }
+    }
 
   private:
     Logger* m_previous;
-    std::string m_last;
+    std::string m_failure;
+    std::vector<std::string> m_passedOver;
 };
 
 // Keeps what is written to standard output meanwhile.
@@ -83,7 +93,7 @@ void change(EndpointPlaces const& places, int (*function)(char const*), std::vec
         KeptStandardOutput const said;
         if (function(number.c_str()) != 0) {
             output.flush();
-            throw Failure(ExitCode::failed, number + ": " + log.last());
+            throw Failure(ExitCode::failed, number + ": " + log.failure());
         }
         output.write(number + done);
         if (!said.text().empty()) {
@@ -158,10 +168,13 @@ void showEndpointScores(EndpointPlaces const& places, EndpointScoresRequest cons
     shown = records.get();
     shownOn = &output;
     vellum_mms_reputation_entries_show(show, request.sortBy, request.limit);
-    if (!log.last().empty()) {
+    for (std::string const& row : log.passedOver()) {
+        std::cerr << row << "\n";
+    }
+    if (!log.failure().empty()) {
         records->breakOff();
         output.flush();
-        throw Failure(ExitCode::failed, log.last() + "\nThe daemon's log may say more.");
+        throw Failure(ExitCode::failed, log.failure() + "\nThe daemon's log may say more.");
     }
     records->finish();
     output.flush();

@@ -35,7 +35,8 @@ struct EndpointScoresRequest {
     int sortBy = 0; // as the C interface has it
     int limit = 0;  // 0: all
 };
-// Has the daemon dump its scores into their table, and shows that.
+// Has the daemon dump its scores into their table, and shows that. A row whose number is none is said on standard error
+// and is no failure.
 void showEndpointScores(EndpointPlaces const& places, EndpointScoresRequest const& request, Output& output);
 
 } // namespace Vellum::Tools
