@@ -1,7 +1,7 @@
 #include "foundation/database/Query.h"
 
+#include "foundation/database/ServerResult.h"
 #include "foundation/database/StatementSplitter.h"
-#include "foundation/database/StoredResult.h"
 
 #include <string>
 #include <vector>
@@ -67,12 +67,12 @@ void Query::run(std::string const& statement) {
         if (stored == nullptr && mysql_errno(mysql) != 0) {
             throw m_connection.error("Query::execute", statement);
         }
-        StoredResult result(stored);
+        ServerResult result(stored);
         if (stored == nullptr) {
             m_affectedRows += mysql_affected_rows(mysql);
         }
         if (m_parser != nullptr) {
-            m_parser->parse(mysql, stored == nullptr ? nullptr : &result);
+            m_parser->parse(mysql, stored == nullptr ? nullptr : static_cast<StoredResult*>(&result));
         }
         next = mysql_next_result(mysql);
     } while (next == 0);

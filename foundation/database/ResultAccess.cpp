@@ -24,6 +24,6 @@ char const* db_result_get_value(void*, void* result, void* row, int column) {
     if (result == nullptr || row == nullptr || column < 0 || column >= static_cast<StoredResult*>(result)->columns()) {
         return nullptr;
     }
-    char const* const value = static_cast<MYSQL_ROW>(row)[column];
+    char const* const value = static_cast<char**>(row)[column];
     return value == nullptr ? "" : value;
 }

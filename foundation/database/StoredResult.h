@@ -1,43 +1,23 @@
 // A result fetched whole: what the functions of ResultAccess.h get as their result handle. Internal to this layer.
 #pragma once
 
-#include <mysql.h>
-
 namespace Vellum::Database {
 
-// Owns the client library's result and remembers which row is the current one: the library itself can only walk from
-// the first row to a given index, which over all rows of a large result would take for ever.
+// Rows of values, of which one is the current row. Rows are seldom anything but the server's; tests make up their own.
 class StoredResult {
   public:
-    explicit StoredResult(MYSQL_RES* result) : m_result(result) {}
-    ~StoredResult() { mysql_free_result(m_result); }
+    StoredResult() = default;
+    virtual ~StoredResult() = default;
     StoredResult(StoredResult const&) = delete;
     StoredResult& operator=(StoredResult const&) = delete;
 
-    long rows() const { return static_cast<long>(mysql_num_rows(m_result)); }
-    int columns() const { return static_cast<int>(mysql_num_fields(m_result)); }
-
-    // Makes the row at `index` the current one; null when there is none.
-    MYSQL_ROW row(long index) {
-        if (index < 0 || index >= rows()) {
-            return nullptr;
-        }
-        if (index != m_next) {
-            mysql_data_seek(m_result, static_cast<unsigned long long>(index));
-        }
-        m_next = index + 1;
-        MYSQL_ROW const fetched = mysql_fetch_row(m_result);
-        m_lengths = mysql_fetch_lengths(m_result); // once for each row: it walks all columns
-        return fetched;
-    }
-    unsigned long length(int column) const {
-        return m_lengths == nullptr || column < 0 || column >= columns() ? 0 : m_lengths[column];
-    }
-
-  private:
-    MYSQL_RES* m_result;
-    long m_next = 0;                    // index of the row that the library would fetch now
-    unsigned long* m_lengths = nullptr; // of the current row, null before the first
+    virtual long rows() const = 0;
+    virtual int columns() const = 0;
+    // Makes the row at `index` the current one, and answers its values; null when there is none. A value is text with a
+    // NUL behind it, or null for SQL NULL.
+    virtual char** row(long index) = 0;
+    // Bytes of the current row's value; 0 for SQL NULL, and where there is no such row or column.
+    virtual unsigned long length(int column) const = 0;
 };
 
 } // namespace Vellum::Database
