@@ -28,19 +28,19 @@ void ScriptRun::take(std::string_view statement) {
     case ScriptStatement::change:
         m_changed = true;
         m_closed = false;
-        m_affectedRows += m_transaction.run(statement);
+        m_affectedRows += m_session.run(statement);
         break;
     case ScriptStatement::look:
-        m_transaction.run(statement);
+        m_session.run(statement);
         break;
     case ScriptStatement::lockTables:
         refuseAfterChange(statement);
-        m_transaction.run(statement);
+        m_session.run(statement);
         m_locked = true;
         break;
     case ScriptStatement::create:
         refuseAfterChange(statement);
-        m_transaction.run(statement);
+        m_session.run(statement);
         break;
     case ScriptStatement::begin:
         refuseAfterChange(statement);
@@ -67,7 +67,7 @@ void ScriptRun::finish() {
     if (!m_closed) {
         refuse("is cut off: it does not end with COMMIT");
     }
-    m_transaction.commit();
+    m_session.commit();
 }
 
 void ScriptRun::refuseAfterChange(std::string_view statement) const {

@@ -12,7 +12,7 @@ namespace Vellum::Database {
 // DatabaseException for a statement that fails or that must not stand where it stands.
 class ScriptRun {
   public:
-    explicit ScriptRun(ScriptTransaction& transaction) : m_transaction(transaction) {}
+    explicit ScriptRun(ScriptSession& session) : m_session(session) {}
 
     void take(std::string_view statement);
     // The end of the script: commits, unless the script was cut off.
@@ -23,7 +23,7 @@ class ScriptRun {
   private:
     void refuseAfterChange(std::string_view statement) const;
 
-    ScriptTransaction& m_transaction; // borrowed
+    ScriptSession& m_session; // borrowed
     bool m_empty = true;
     bool m_changed = false; // a row may have changed
     bool m_closed = true;   // nothing but commits and unlocks since the last change
