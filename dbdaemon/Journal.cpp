@@ -1,16 +1,15 @@
 #include "dbdaemon/Journal.h"
 
 #include "dbdaemon/FileOperations.h"
+#include "dbdaemon/JournalName.h"
 #include "foundation/Exception.h"
 #include "foundation/Logger.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <optional>
 #include <set>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -22,35 +21,9 @@ namespace Vellum::DatabaseDaemon {
 namespace {
 
 constexpr std::string_view incoming = ".incoming-";
-constexpr std::string_view suffix = ".sql";
-constexpr std::size_t digits = 16;
 
 Exception failure(std::string const& what) {
     return Exception("Journal", Exception::failure).stringParameter(what);
-}
-
-std::string fileName(std::uint64_t number, std::int32_t code) {
-    std::string const text = std::to_string(number);
-    return std::string(digits - std::min(digits, text.size()), '0') + text + '-' + std::to_string(code) +
-           std::string(suffix);
-}
-
-template <class Number>
-std::optional<Number> number(std::string_view text) {
-    Number value = 0;
-    auto const [last, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc() && last == text.data() + text.size() ? std::optional(value) : std::nullopt;
-}
-
-// Number and code of an entry's file name; nothing for any other name.
-std::optional<std::pair<std::uint64_t, std::int32_t>> entryOf(std::string_view name) {
-    std::size_t const dash = name.find('-');
-    if (dash != digits || !name.ends_with(suffix)) {
-        return std::nullopt;
-    }
-    auto const serial = number<std::uint64_t>(name.substr(0, dash));
-    auto const code = number<std::int32_t>(name.substr(dash + 1, name.size() - suffix.size() - dash - 1));
-    return serial && code ? std::optional(std::pair(*serial, *code)) : std::nullopt;
 }
 
 std::set<std::string> namesIn(std::string const& directory) {
@@ -103,15 +76,15 @@ void Journal::readDirectory() {
     for (std::string const& name : namesIn(m_directory)) {
         if (name.starts_with(incoming)) {
             removeFile(m_directory + '/' + name);
-        } else if (auto const entry = entryOf(name)) {
-            m_entries[entry->first] = State{entry->second, false};
-            m_lastNumber = std::max(m_lastNumber, entry->first);
-            codes.insert(entry->second);
+        } else if (auto const entry = JournalName::parse(name)) {
+            m_entries[entry->number] = State{entry->code, false};
+            m_lastNumber = std::max(m_lastNumber, entry->number);
+            codes.insert(entry->code);
         }
     }
     for (std::string const& name : namesIn(m_directory + "/failed")) {
-        if (auto const entry = entryOf(name)) {
-            m_lastNumber = std::max(m_lastNumber, entry->first); // two failures never share a name
+        if (auto const entry = JournalName::parse(name)) {
+            m_lastNumber = std::max(m_lastNumber, entry->number); // two failures never share a name
         }
     }
     for (std::int32_t const code : codes) {
@@ -192,7 +165,7 @@ void Journal::finish(Entry const& entry) {
 void Journal::fail(Entry const& entry) {
     Synchronized const held(m_lock);
     m_entries.erase(entry.number);
-    renameFile(entry.path, m_directory + "/failed/" + fileName(entry.number, entry.code));
+    renameFile(entry.path, m_directory + "/failed/" + JournalName{entry.number, entry.code}.asString());
     syncDirectory(m_directory + "/failed");
     syncDirectory(m_directory);
     pruneFailures(entry.code);
@@ -224,7 +197,7 @@ void Journal::dropSuperseded(std::int32_t code) {
 void Journal::pruneFailures(std::int32_t code) const {
     std::vector<std::string> ofCode; // oldest first, because names sort by number
     for (std::string const& name : namesIn(m_directory + "/failed")) {
-        if (auto const entry = entryOf(name); entry && entry->second == code) {
+        if (auto const entry = JournalName::parse(name); entry && entry->code == code) {
             ofCode.push_back(name);
         }
     }
@@ -234,7 +207,7 @@ void Journal::pruneFailures(std::int32_t code) const {
 }
 
 std::string Journal::pathOf(std::uint64_t number, std::int32_t code) const {
-    return m_directory + '/' + fileName(number, code);
+    return m_directory + '/' + JournalName{number, code}.asString();
 }
 
 } // namespace Vellum::DatabaseDaemon

@@ -128,6 +128,18 @@ TEST_F(JournalTest, UnfinishedScriptsWaitAgainAfterARestartInOrder) {
     EXPECT_THAT(waiting(), ElementsAre(1, 2, 3));
 }
 
+// "-04" reads as code 4, whose file would be another one: it could neither be run nor put aside.
+TEST_F(JournalTest, NumberWrittenInAnotherWayIsNoEntry) {
+    for (char const* const name : {"0000000000000017-04.sql", "0000000000000018--0.sql", "0000000000000019--04.sql"}) {
+        writeFile(path() + "/" + name, "not ours");
+    }
+    writeFile(path() + "/0000000000000016--4.sql", "ours");
+    reopen();
+    EXPECT_THAT(waiting(), ElementsAre(16));
+    EXPECT_EQ(readFile(journal().waiting()[0].path), "ours");
+    EXPECT_EQ(namesIn(path()).size(), 4U);
+}
+
 TEST_F(JournalTest, NumbersGoOnBehindFailures) {
     Journal::Entry const entry = accept(4, "bad");
     journal().begin(entry);
