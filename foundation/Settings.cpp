@@ -95,7 +95,7 @@ std::string firstLine(char const* problem) {
             text.erase(0, std::strlen(decoration));
         }
     }
-    return text;
+    return escapeControls(text);
 }
 
 std::string range(std::int64_t lowest, std::int64_t highest) {
@@ -303,7 +303,7 @@ void SettingsTable::refuseUnknownKeys() const {
         }
     }
     if (!unknown.empty()) {
-        throw SettingsError(m_node->place(unknownLine) + "unknown key \"" + unknown + "\": expected " +
+        throw SettingsError(m_node->place(unknownLine) + "unknown key \"" + escapeControls(unknown) + "\": expected " +
                             listed(m_node->asked));
     }
     for (std::shared_ptr<Node> const& child : m_node->children) {

@@ -1,6 +1,8 @@
 #include "foundation/Settings.h"
+#include "foundation/Escape.h"
 
 #include "../support/TemporaryDirectory.h"
+#include "foundation/Escape.h"
 #include "foundation/database/DatabaseSettings.h"
 
 #include <fstream>
@@ -178,6 +180,16 @@ TEST(DatabaseSettings, EveryKeyIsTaken) {
     EXPECT_EQ(tcp.connectTimeoutSeconds, 7U);
     EXPECT_EQ(tcp.readTimeoutSeconds, 8U);
     EXPECT_EQ(server("socket = \"/run/mysqld/mysqld.sock\"").asString(), "vellum@/run/mysqld/mysqld.sock");
+}
+
+TEST(Settings, MistakeIsOneLineWhateverTheKeyHolds) {
+    SettingsTable const file = SettingsTable::parse("\"a\\nb\\u001b\" = 1\n", "v.toml");
+    EXPECT_EQ(refusal([&] { file.refuseUnknownKeys(); }), "v.toml:1: unknown key \"a\\nb\\x1b\": expected no key");
+    for (char const* const text : {"a\x01 = 1\n", "a = \x1b\n", "\xff = 1\n", "a = \"\x01\"\n"}) {
+        std::string const said = refusal([&] { SettingsTable::parse(text, "v.toml"); });
+        EXPECT_EQ(escapeControls(said), said);
+        EXPECT_THAT(said, HasSubstr("v.toml:1: "));
+    }
 }
 
 TEST(DatabaseSettings, PasswordFileGivesItsFirstLine) {
