@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 
 namespace Vellum::Tools {
 namespace {
@@ -199,6 +200,20 @@ TEST_F(StatusText, BackupAndRestoreTellOfSenderReputation) {
               "restored: 120 hours loaded in 7 ms\n");
     EXPECT_EQ(acceptedText({{"changed", true}, {"addresses", 1}}),
               "accepted: the next backup replaces the tables by 1 address\n");
+}
+
+TEST_F(StatusText, NumbersThatNoDaemonSendsAreNoUndefinedBehaviour) {
+    Json lies = status();
+    lies["pid"] = 1e300; // fits into no integer
+    lies["started"] = -1e300;
+    EXPECT_NE(statusText(lies, now).find("1.2.3, process 0, up 3 d 4 h (since 1970-01-01 00:00)"), std::string::npos)
+        << statusText(lies, now);
+    lies["greylist"]["tuples"]["size"] = std::numeric_limits<std::int64_t>::max();
+    lies["greylist"]["tuples"]["capacity"] = 1;
+    EXPECT_NE(statusText(lies, now).find("9223372036854775807 of 1 (100 %)"), std::string::npos)
+        << statusText(lies, now);
+    lies["greylist"]["tuples"]["size"] = -5;
+    EXPECT_NE(statusText(lies, now).find("-5 of 1 (0 %)"), std::string::npos) << statusText(lies, now);
 }
 
 } // namespace

@@ -20,6 +20,12 @@ std::string errorIn(Json const& answer) {
     return found->is_string() ? escapeForLog(found->get<std::string>()) : found->dump();
 }
 
+// A number of a progress unit; 0 for whatever else stands there.
+std::uint64_t countIn(Json const& progress, char const* key) {
+    auto const found = progress.find(key);
+    return found != progress.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
+}
+
 // Asks on standard error, so that standard output holds nothing but the result.
 bool confirmed() {
     std::cerr << "Restore it? [y/N] " << std::flush;
@@ -138,7 +144,7 @@ void AdminCommands::restore(RestoreRequest const& request, ProgressBar& bar) {
         throw Failure(ExitCode::failed, "not restored");
     }
     Json const outcome = daemon.ask(IPC::PduType::adminRestore, {{"path", request.path}}, [&](Json const& progress) {
-        bar.update(progress.value("done", std::uint64_t{0}), progress.value("total", std::uint64_t{0}));
+        bar.update(countIn(progress, "done"), countIn(progress, "total"));
     });
     bar.erase();
     settle(outcome);

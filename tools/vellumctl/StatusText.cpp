@@ -3,6 +3,8 @@
 #include "foundation/Escape.h"
 #include "tools/vellumctl/TimeText.h"
 
+#include <algorithm>
+
 namespace Vellum::Tools {
 namespace {
 
@@ -22,8 +24,9 @@ std::string text(Json const& json) {
     return json.is_null() ? "-" : escapeForLog(json.get<std::string>());
 }
 
+// A number with a fraction is none that a daemon sends, and most of them fit into no integer.
 std::int64_t whole(Json const& json) {
-    return json.is_null() ? 0 : json.get<std::int64_t>();
+    return json.is_null() || json.is_number_float() ? 0 : json.get<std::int64_t>();
 }
 
 bool flag(Json const& json) {
@@ -86,8 +89,8 @@ std::string loadText(Json const& load) {
 std::string cacheText(Json const& cache) {
     std::int64_t const size = whole(part(cache, "size"));
     std::int64_t const capacity = whole(part(cache, "capacity"));
-    std::string const share =
-        capacity > 0 ? " (" + std::to_string(static_cast<int>(100.0 * double(size) / double(capacity))) + " %)" : "";
+    double const percent = capacity > 0 ? std::clamp(100.0 * double(size) / double(capacity), 0.0, 100.0) : 0.0;
+    std::string const share = capacity > 0 ? " (" + std::to_string(static_cast<int>(percent)) + " %)" : "";
     return std::to_string(size) + " of " + std::to_string(capacity) + share + "; " + loadText(part(cache, "load"));
 }
 
