@@ -132,21 +132,28 @@ class LineCutter {
 ScriptFacts ScriptFacts::of(std::string const& path) {
     struct stat status {};
     FileDescriptor const file = openScript(path, status);
-    ScriptFacts facts;
-    facts.bytes = static_cast<std::uint64_t>(status.st_size);
-    facts.modified = status.st_mtime;
-    LineCounter counter(facts);
-    LineCutter cutter(counter);
     std::vector<char> piece(pieceBytes);
-    for (;;) {
-        ssize_t const length = ::read(file.get(), piece.data(), piece.size());
-        if (length < 0 && errno != EINTR) {
+    ScriptFacts facts = ofText([&] {
+        ssize_t length = 0;
+        do {
+            length = ::read(file.get(), piece.data(), piece.size());
+        } while (length < 0 && errno == EINTR);
+        if (length < 0) {
             fail(path, reasonOf(errno));
         }
-        if (length == 0) {
-            break;
-        }
-        cutter.take({piece.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))});
+        return std::string_view(piece.data(), static_cast<std::size_t>(length));
+    });
+    facts.bytes = static_cast<std::uint64_t>(status.st_size);
+    facts.modified = status.st_mtime;
+    return facts;
+}
+
+ScriptFacts ScriptFacts::ofText(std::function<std::string_view()> const& next) {
+    ScriptFacts facts;
+    LineCounter counter(facts);
+    LineCutter cutter(counter);
+    for (std::string_view piece = next(); !piece.empty(); piece = next()) {
+        cutter.take(piece);
     }
     cutter.finish();
     return facts;

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 
 namespace Vellum::Daemon {
 
@@ -21,6 +23,9 @@ struct ScriptFacts {
     // Reads the whole file: a tenth of a second for 100 MB that are in memory. Throws Exception, naming the path and
     // the reason, when it is not a regular file that this process may read.
     static ScriptFacts of(std::string const& path);
+    // The same of a script's text in pieces, without the file's size and time: `next` answers a piece that stays until
+    // the next call, and an empty one at the end. Passes on what it throws.
+    static ScriptFacts ofText(std::function<std::string_view()> const& next);
     // Only throws what of() would throw for such a file.
     static void requireReadable(std::string const& path);
 };

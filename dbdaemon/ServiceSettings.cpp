@@ -16,10 +16,7 @@ constexpr unsigned int defaultReadTimeoutSeconds = 600;
 // The journal holds mail addresses; nobody but users and the group named by the administrator comes near it.
 constexpr mode_t noWorld = S_IRWXU | S_IRWXG;
 
-} // namespace
-
-ServiceSettings ServiceSettings::load(std::string const& path) {
-    SettingsTable const file = SettingsTable::parseFile(path);
+ServiceSettings read(SettingsTable const& file) {
     ServiceSettings settings;
     settings.database = Database::readServer(file.table("database"), defaultReadTimeoutSeconds);
 
@@ -38,6 +35,16 @@ ServiceSettings ServiceSettings::load(std::string const& path) {
     settings.log = readLogTarget(file.table("log"), settings.log);
     file.refuseUnknownKeys();
     return settings;
+}
+
+} // namespace
+
+ServiceSettings ServiceSettings::load(std::string const& path) {
+    return read(SettingsTable::parseFile(path));
+}
+
+ServiceSettings ServiceSettings::parse(std::string const& text, std::string const& fileName) {
+    return read(SettingsTable::parse(text, fileName));
 }
 
 } // namespace Vellum::DatabaseDaemon

@@ -24,6 +24,7 @@ struct ServiceSettings {
     // Every mistake is a SettingsError that names file, line, key, value and what is allowed; an unknown key is one.
     // Relative paths are taken from the directory of the file.
     static ServiceSettings load(std::string const& path);
+    static ServiceSettings parse(std::string const& text, std::string const& fileName);
 };
 
 } // namespace Vellum::DatabaseDaemon

@@ -11,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <unistd.h>
+#include <utility>
 #include <zlib.h>
 
 namespace Vellum::Tools {
@@ -141,7 +142,9 @@ std::string readAll(std::string const& path) {
 } // namespace
 
 EnvelopeFile::EnvelopeFile(std::string const& path, Selection const& selection, SkippedRows& skipped)
-    : m_text(readAll(path)) {
+    : EnvelopeFile(Text{readAll(path)}, selection, skipped) {}
+
+EnvelopeFile::EnvelopeFile(Text text, Selection const& selection, SkippedRows& skipped) : m_text(std::move(text.text)) {
     m_envelopes.reserve(static_cast<std::size_t>(std::count(m_text.begin(), m_text.end(), '\n')) + 1);
     std::string_view left = m_text;
     for (std::size_t number = 1; !left.empty(); ++number) {

@@ -51,6 +51,11 @@ class EnvelopeFile {
     // Reads the file ("-" is standard input) whole. Throws Exception, naming path and reason, when that fails; a row
     // that cannot be read goes to `skipped`.
     EnvelopeFile(std::string const& path, Selection const& selection, SkippedRows& skipped);
+    // The same of a text that is in memory already.
+    struct Text {
+        std::string text;
+    };
+    EnvelopeFile(Text text, Selection const& selection, SkippedRows& skipped);
     EnvelopeFile(EnvelopeFile const&) = delete;
     EnvelopeFile& operator=(EnvelopeFile const&) = delete;
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <unistd.h>
+#include <utility>
 
 namespace Vellum::Tools {
 namespace {
@@ -43,6 +44,9 @@ DaemonConnection::DaemonConnection(DaemonPlace const& place)
         throw Failure(ExitCode::noDaemon, "no state daemon " + onPort(place) + ": " + reasonOf(failed));
     }
 }
+
+DaemonConnection::DaemonConnection(DaemonPlace const& place, std::unique_ptr<IPC::Socket> socket)
+    : m_place(place), m_socket(std::move(socket)), m_unit(IPC::PduType::receiveBuffer, receiveCapacity) {}
 
 void DaemonConnection::send(IPC::PduType type, std::string_view payload) {
     try {

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -28,6 +29,8 @@ class DaemonConnection {
   public:
     // Connects. The place holds for the whole process.
     explicit DaemonConnection(DaemonPlace const& place);
+    // Over a connection that somebody else has made; the place is for messages only.
+    DaemonConnection(DaemonPlace const& place, std::unique_ptr<IPC::Socket> socket);
 
     void send(IPC::PduType type, std::string_view payload = {});
     // Receives the next unit; it is valid until the next call.
