@@ -1,6 +1,7 @@
 # Compiler options and switches shared by every target, as one interface library.
 option(VELLUM_TESTS "Build the tests" ON)
 option(VELLUM_BENCH "Build the benchmarks" ON)
+option(VELLUM_FUZZ "Build the fuzz targets (clang only, with VELLUM_SANITIZE=fuzzer-no-link,...)" OFF)
 option(VELLUM_LOCK_ANALYSIS "Check lock annotations (clang only)" OFF)
 set(VELLUM_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
 
