@@ -17,11 +17,10 @@
 #pragma once
 
 #include "daemon/OngoingTrouble.h"
-#include "foundation/IPAddress.h"
+#include "foundation/IPAddressKeyOrder.h"
 #include "foundation/Locks.h"
 #include "foundation/MSISDN.h"
 #include "include2/LRUCache.h"
-#include "reputation/Cache.h" // the order of addresses
 
 #include <condition_variable>
 #include <deque>

@@ -31,4 +31,12 @@ class Latest {
     T m_value VELLUM_GUARDED_BY(m_lock);
 };
 
+// The process's latest T. Never destroyed: detached threads may outlive main(). To be called in one source file only,
+// behind a function of the T's own: a program and a library would each have one otherwise.
+template <class T>
+Latest<T>& latestOfProcess() {
+    static Latest<T>& latest = *new Latest<T>;
+    return latest;
+}
+
 } // namespace Vellum

@@ -25,4 +25,10 @@ bool doneOrLogged(std::uint32_t code, Work work) {
     }
 }
 
+// The same as a status: 0, or -1 after a logged failure.
+template <class Work>
+int statusOrLogged(std::uint32_t code, Work work) {
+    return doneOrLogged(code, work) ? 0 : -1;
+}
+
 } // namespace Vellum

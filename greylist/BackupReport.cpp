@@ -3,21 +3,13 @@
 #include "foundation/Latest.h"
 
 namespace Vellum::GreyList {
-namespace {
-
-Latest<BackupReport>& kept() {
-    static Latest<BackupReport>& theReport = *new Latest<BackupReport>; // detached threads may outlive main()
-    return theReport;
-}
-
-} // namespace
 
 BackupReport BackupReport::last() {
-    return kept().get();
+    return latestOfProcess<BackupReport>().get();
 }
 
 void BackupReport::set(BackupReport const& report) {
-    kept().set(report);
+    latestOfProcess<BackupReport>().set(report);
 }
 
 void BackupReport::setFailed(std::string const& problem) {

@@ -23,12 +23,11 @@ void backup() {
 } // namespace
 
 int CronJobBackup::task() const {
-    bool const done = doneOrLogged(LogCode::backupJobFailed, [] {
+    return statusOrLogged(LogCode::backupJobFailed, [] {
         if (RefConfiguration::instance(nullptr)->backupEnabled()) {
             backupEntries();
         }
     });
-    return done ? 0 : -1;
 }
 
 int backupEntries() {
@@ -37,11 +36,10 @@ int backupEntries() {
 }
 
 int restoreEntries(char const* path) {
-    bool const connected = doneOrLogged(LogCode::backupOrRestoreFailed, [path] {
+    return statusOrLogged(LogCode::backupOrRestoreFailed, [path] {
         GlRecordDatabase database(Database::Connection::defaultAddress());
         database.write(std::string(path));
     });
-    return connected ? 0 : -1;
 }
 
 } // namespace Vellum::GreyList

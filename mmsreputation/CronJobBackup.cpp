@@ -23,14 +23,11 @@ void backup() {
 } // namespace
 
 int CronJobBackup::task() const {
-    return doneOrLogged(LogCode::backupJobFailed,
-                        [] {
-                            if (Configuration::instance()->haMaster()) {
-                                backupEntries();
-                            }
-                        })
-               ? 0
-               : -1;
+    return statusOrLogged(LogCode::backupJobFailed, [] {
+        if (Configuration::instance()->haMaster()) {
+            backupEntries();
+        }
+    });
 }
 
 int backupEntries() {
@@ -39,13 +36,10 @@ int backupEntries() {
 }
 
 int restoreEntries(std::string const& file) {
-    return doneOrLogged(LogCode::backupOrRestoreFailed,
-                        [&] {
-                            Database database(Vellum::Database::Connection::defaultAddress());
-                            database.execute(file);
-                        })
-               ? 0
-               : -1;
+    return statusOrLogged(LogCode::backupOrRestoreFailed, [&] {
+        Database database(Vellum::Database::Connection::defaultAddress());
+        database.execute(file);
+    });
 }
 
 int restoreEntries(char const* file) {

@@ -26,12 +26,11 @@ void backup() {
 } // namespace
 
 int CronJobBackup::task() const {
-    bool const done = doneOrLogged(LogCode::backupJobFailed, [] {
+    return statusOrLogged(LogCode::backupJobFailed, [] {
         if (Configuration::instance()->backupEnabled()) {
             backupEntries();
         }
     });
-    return done ? 0 : -1;
 }
 
 int backupEntries() {
@@ -40,11 +39,10 @@ int backupEntries() {
 }
 
 int restoreEntries(char const* path) {
-    bool const connected = doneOrLogged(LogCode::backupOrRestoreFailed, [path] {
+    return statusOrLogged(LogCode::backupOrRestoreFailed, [path] {
         Database database(Vellum::Database::Connection::defaultAddress());
         database.execute(std::string(path));
     });
-    return connected ? 0 : -1;
 }
 
 } // namespace Vellum::Reputation

@@ -3,21 +3,13 @@
 #include "foundation/Latest.h"
 
 namespace Vellum::Reputation {
-namespace {
-
-Latest<LoadReport>& kept() {
-    static Latest<LoadReport>& theReport = *new Latest<LoadReport>; // detached threads may outlive main()
-    return theReport;
-}
-
-} // namespace
 
 LoadReport LoadReport::last() {
-    return kept().get();
+    return latestOfProcess<LoadReport>().get();
 }
 
 void LoadReport::set(LoadReport const& report) {
-    kept().set(report);
+    latestOfProcess<LoadReport>().set(report);
 }
 
 } // namespace Vellum::Reputation

@@ -76,7 +76,7 @@ TEST(RateRecordDecoding, WhatIsNoRecordIsRefused) {
     EXPECT_EQ(complaintOf<RateRecord>(payloadOf(packet)),
               "RateRecord::decode (code 4, RateRecord): an address of -1 bytes, expected 0 to 256");
     EXPECT_EQ(complaintOf<RatePeriod>(std::string(27, 'x')),
-              "RatePeriod::decode (code 4, RateRecord): a record of 27 bytes, expected 28");
+              "RatePeriod::decode (code 4, RatePeriod): a record of 27 bytes, expected 28");
     EXPECT_EQ(complaintOf<RatePeriod>(std::string(28, 'x')), "");
 }
 

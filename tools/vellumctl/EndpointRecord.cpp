@@ -1,6 +1,6 @@
 #include "tools/vellumctl/EndpointRecord.h"
 
-#include "foundation/Exception.h"
+#include "tools/vellumctl/Payload.h"
 
 #include <cstring>
 
@@ -11,14 +11,8 @@ EndpointRecord EndpointRecord::of(mms_reputation_display_packet const& packet) {
 }
 
 void EndpointRecord::decode(std::string_view payload) {
-    mms_reputation_display_packet packet;
-    if (payload.size() != sizeof packet) {
-        throw Exception("EndpointRecord::decode", Exception::failure, "EndpointRecord")
-            .stringParameter("a record of " + std::to_string(payload.size()) + " bytes, expected " +
-                             std::to_string(sizeof packet));
-    }
-    std::memcpy(&packet, payload.data(), sizeof packet);
-    *this = of(packet);
+    expectSize("EndpointRecord", payload, sizeof(mms_reputation_display_packet));
+    *this = of(at<mms_reputation_display_packet>(payload, 0));
 }
 
 } // namespace Vellum::Tools

@@ -2,6 +2,7 @@
 
 #include "foundation/Exception.h"
 #include "senderratecontrol/SenderRateControlDisplay.h"
+#include "tools/vellumctl/Payload.h"
 
 #include <cstddef>
 #include <cstring>
@@ -13,25 +14,10 @@ namespace {
 using SenderRateControl::Packet;
 using SenderRateControl::RecordPacket;
 
-template <class T>
-T at(std::string_view payload, std::size_t offset) {
-    T value;
-    std::memcpy(&value, payload.data() + offset, sizeof value);
-    return value;
-}
-
-void expectSize(char const* operation, std::string_view payload, std::size_t expected) {
-    if (payload.size() != expected) {
-        throw Exception(operation, Exception::failure, "RateRecord")
-            .stringParameter("a record of " + std::to_string(payload.size()) + " bytes, expected " +
-                             std::to_string(expected));
-    }
-}
-
 } // namespace
 
 void RateRecord::decode(std::string_view payload) {
-    expectSize("RateRecord::decode", payload, sizeof(Packet));
+    expectSize("RateRecord", payload, sizeof(Packet));
     auto const length = at<std::int32_t>(payload, offsetof(Packet, length));
     if (length < 0 || static_cast<std::size_t>(length) > Packet::addressSize) {
         throw Exception("RateRecord::decode", Exception::failure, "RateRecord")
@@ -46,7 +32,7 @@ void RateRecord::decode(std::string_view payload) {
 }
 
 void RatePeriod::decode(std::string_view payload) {
-    expectSize("RatePeriod::decode", payload, sizeof(RecordPacket));
+    expectSize("RatePeriod", payload, sizeof(RecordPacket));
     period = at<std::uint32_t>(payload, offsetof(RecordPacket, period));
     counts = at<RateCounts>(payload, offsetof(RecordPacket, record));
 }

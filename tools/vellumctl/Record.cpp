@@ -1,7 +1,7 @@
 #include "tools/vellumctl/Record.h"
 
-#include "foundation/Exception.h"
 #include "greylist/GlDisplay.h"
+#include "tools/vellumctl/Payload.h"
 
 #include <cstddef>
 #include <cstring>
@@ -10,13 +10,6 @@ namespace Vellum::Tools {
 namespace {
 
 using GreyList::Packet;
-
-template <class T>
-T at(std::string_view payload, std::size_t offset) {
-    T value;
-    std::memcpy(&value, payload.data() + offset, sizeof value);
-    return value;
-}
 
 // A field of text up to its NUL; the last byte is one in any record of a daemon.
 std::string_view textAt(std::string_view payload, std::size_t offset) {
@@ -41,11 +34,7 @@ std::string_view stateText(State state) {
 }
 
 void Record::decode(std::string_view payload) {
-    if (payload.size() != sizeof(Packet)) {
-        throw Exception("Record::decode", Exception::failure, "Record")
-            .stringParameter("a record of " + std::to_string(payload.size()) + " bytes, expected " +
-                             std::to_string(sizeof(Packet)));
-    }
+    expectSize("Record", payload, sizeof(Packet));
     network = IPAddressMask(at<ip_addr_t>(payload, offsetof(Packet, address)),
                             at<std::uint32_t>(payload, offsetof(Packet, prefixLength)));
     sender = textAt(payload, offsetof(Packet, sender));

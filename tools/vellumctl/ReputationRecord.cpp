@@ -1,8 +1,8 @@
 #include "tools/vellumctl/ReputationRecord.h"
 
-#include "foundation/Exception.h"
 #include "reputation/ReputationDisplay.h"
 #include "reputation/ScoreCalculator.h"
+#include "tools/vellumctl/Payload.h"
 
 #include <algorithm>
 #include <array>
@@ -17,25 +17,10 @@ using Reputation::RecordPacket;
 
 constexpr std::array<std::string_view, 4> stateNames{"unset", "trusted", "watched", "blocked"};
 
-template <class T>
-T at(std::string_view payload, std::size_t offset) {
-    T value;
-    std::memcpy(&value, payload.data() + offset, sizeof value);
-    return value;
-}
-
-void expectSize(char const* operation, std::string_view payload, std::size_t expected) {
-    if (payload.size() != expected) {
-        throw Exception(operation, Exception::failure, "ReputationRecord")
-            .stringParameter("a record of " + std::to_string(payload.size()) + " bytes, expected " +
-                             std::to_string(expected));
-    }
-}
-
 } // namespace
 
 void ReputationRecord::decode(std::string_view payload) {
-    expectSize("ReputationRecord::decode", payload, sizeof(Packet));
+    expectSize("ReputationRecord", payload, sizeof(Packet));
     address = IPAddress(at<ip_addr_t>(payload, offsetof(Packet, address)));
     score = at<std::uint32_t>(payload, offsetof(Packet, score));
     state = at<std::uint32_t>(payload, offsetof(Packet, state));
@@ -56,7 +41,7 @@ std::optional<std::uint32_t> parseReputationState(std::string_view text) {
 }
 
 void ReputationHour::decode(std::string_view payload) {
-    expectSize("ReputationHour::decode", payload, sizeof(RecordPacket));
+    expectSize("ReputationHour", payload, sizeof(RecordPacket));
     period = at<std::uint32_t>(payload, offsetof(RecordPacket, period));
     std::memcpy(&counters, payload.data() + offsetof(RecordPacket, counters), sizeof counters);
 }
