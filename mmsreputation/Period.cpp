@@ -24,9 +24,9 @@ Period::Period(long time, unsigned int windowSize, unsigned int numberRecords) {
         throw Exception("EndpointReputation::Period", Exception::failure, Source::reputation, badWindowLine)
             .stringParameter("WindowSize or Number records is zero");
     }
-    s_divisor = divisor;
     long const seconds = time == 0 ? std::time(nullptr) : time;
     index = static_cast<std::uint32_t>(seconds / 60 / static_cast<std::int64_t>(divisor));
+    s_divisor = divisor;
 }
 
 } // namespace Vellum::MMSReputation
