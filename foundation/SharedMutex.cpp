@@ -16,7 +16,7 @@ void relax() {
 void SharedMutex::lockSharedSlowly() {
     for (int spin = 0;; ++spin) {
         std::uint32_t seen = m_readers.load(std::memory_order_relaxed);
-        if ((seen & writer) == 0) {
+        if ((seen & claimed) == 0) {
             if (m_readers.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire)) {
                 return;
             }
@@ -26,7 +26,7 @@ void SharedMutex::lockSharedSlowly() {
             // Announce first, look again, then sleep: yieldClaim() clears the bit before it looks for sleepers.
             m_sleepingReaders.fetch_add(1, std::memory_order_seq_cst);
             seen = m_readers.load(std::memory_order_seq_cst);
-            if ((seen & writer) != 0) {
+            if ((seen & claimed) != 0) {
                 m_readers.wait(seen, std::memory_order_relaxed);
             }
             m_sleepingReaders.fetch_sub(1, std::memory_order_relaxed);
@@ -48,10 +48,31 @@ void SharedMutex::enterSlowly() {
     }
 }
 
+bool SharedMutex::readersGoSoon() {
+    for (int spin = 0; spin < spins; ++spin) {
+        if ((m_readers.load(std::memory_order_acquire) & ~claimed) == 0) {
+            return true;
+        }
+        relax();
+    }
+    yieldClaim();
+    return false;
+}
+
+// New readers wait from the start, upgraders only when the last reader has gone.
+void SharedMutex::lockBehindReaders() {
+    std::lock_guard<std::mutex> const turn(m_turn);
+    m_readers.fetch_or(pending, std::memory_order_acquire);
+    awaitReaders();
+    enter();
+    m_readers.fetch_or(writer, std::memory_order_acquire);
+    m_readers.fetch_and(~pending, std::memory_order_relaxed);
+}
+
 void SharedMutex::awaitReaders() {
     for (int spin = 0;; ++spin) {
         std::uint32_t const seen = m_readers.load(std::memory_order_acquire);
-        if (seen == writer) {
+        if ((seen & ~claimed) == 0) {
             return;
         }
         if (spin < spins) {

@@ -9,7 +9,8 @@
 // uncontended upgrade hold is two atomic operations.
 //
 // Fairness: from the moment a writer (or a promotion) waits for shared holders to go, new ones wait behind it, so
-// listings cannot starve decisions. A thread must not take the same lock twice, in any mode.
+// listings cannot starve decisions. Upgraders do not wait behind a waiting writer: they go on beside the shared holders
+// it waits for, which may be a listing to a slow client. A thread must not take the same lock twice, in any mode.
 // Waiting spins briefly and then sleeps in the kernel. Lock and unlock are acquire and release operations.
 #pragma once
 
@@ -17,6 +18,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 namespace Vellum {
 
@@ -28,12 +30,13 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
 
     void lockShared() VELLUM_ACQUIRE_SHARED() {
         std::uint32_t seen = m_readers.load(std::memory_order_relaxed);
-        if ((seen & writer) != 0 || !m_readers.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire)) {
+        if ((seen & claimed) != 0 || !m_readers.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire)) {
             lockSharedSlowly();
         }
     }
     void unlockShared() VELLUM_RELEASE_SHARED() {
-        if (m_readers.fetch_sub(1, std::memory_order_release) == (writer | 1)) {
+        std::uint32_t const left = m_readers.fetch_sub(1, std::memory_order_release) - 1;
+        if ((left & claimed) != 0 && (left & ~claimed) == 0) {
             m_readers.notify_all(); // the last reader before a waiting writer
         }
     }
@@ -42,13 +45,25 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
     void lockUpgrade() VELLUM_ACQUIRE_SHARED() { enter(); }
     void unlockUpgrade() VELLUM_RELEASE_SHARED() { leave(); }
 
-    // From upgrade to exclusive mode: waits for shared holders only, nobody can come between.
-    void promote() VELLUM_NO_THREAD_SAFETY_ANALYSIS { claim(); }
+    // From upgrade to exclusive mode: waits for shared holders only, nobody can come between. Other upgraders wait,
+    // too; where they must not, tryPromote().
+    void promote() VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+        if (m_readers.fetch_or(writer, std::memory_order_acquire) != 0) {
+            awaitReaders();
+        }
+    }
+    // The same, unless shared holders stay for longer than about a microsecond: then false, and still in upgrade mode.
+    bool tryPromote() VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+        return m_readers.fetch_or(writer, std::memory_order_acquire) == 0 || readersGoSoon();
+    }
     void demote() VELLUM_NO_THREAD_SAFETY_ANALYSIS { yieldClaim(); }
 
     void lock() VELLUM_ACQUIRE() {
         enter();
-        claim();
+        if (!tryPromote()) {
+            leave();
+            lockBehindReaders();
+        }
     }
     void unlock() VELLUM_RELEASE() {
         yieldClaim();
@@ -57,12 +72,14 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
 
     // Whether a writer or a promotion holds the lock, or waits for shared holders to go. True or not any more by the
     // time it is read: for tests and diagnostics.
-    bool isClaimed() const { return (m_readers.load(std::memory_order_relaxed) & writer) != 0; }
+    bool isClaimed() const { return (m_readers.load(std::memory_order_relaxed) & claimed) != 0; }
 
   private:
-    static constexpr std::uint32_t writer = 0x80000000U;
+    static constexpr std::uint32_t writer = 0x80000000U;  // set by who has the gate
+    static constexpr std::uint32_t pending = 0x40000000U; // set by who has the turn
+    static constexpr std::uint32_t claimed = writer | pending;
 
-    // The gate: held by the one upgrader or writer. 0 free, 1 held, 2 held and somebody sleeps.
+    // The gate: held by the one upgrader, or the writer that writes. 0 free, 1 held, 2 held and somebody sleeps.
     void enter() {
         std::uint32_t expected = 0;
         if (!m_gate.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
@@ -74,11 +91,6 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
             m_gate.notify_one();
         }
     }
-    void claim() {
-        if (m_readers.fetch_or(writer, std::memory_order_acquire) != 0) {
-            awaitReaders();
-        }
-    }
     void yieldClaim() {
         m_readers.fetch_and(~writer, std::memory_order_seq_cst);
         if (m_sleepingReaders.load(std::memory_order_seq_cst) != 0) {
@@ -87,11 +99,14 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
     }
     void lockSharedSlowly();
     void enterSlowly();
+    bool readersGoSoon();
     void awaitReaders();
+    void lockBehindReaders();
 
-    std::atomic<std::uint32_t> m_readers{0}; // shared holders, and the writer bit while one waits or holds
+    std::atomic<std::uint32_t> m_readers{0}; // shared holders, and a bit while a writer waits or holds
     std::atomic<std::uint32_t> m_gate{0};
-    std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until the writer bit is gone
+    std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until both bits are gone
+    std::mutex m_turn;                               // held by the one writer that waits for readers without the gate
 };
 
 // Holds a SharedMutex in shared mode for its life, or until release().
@@ -125,7 +140,7 @@ class VELLUM_SCOPED_CAPABILITY ExclusiveLock {
     SharedMutex& m_mutex;
 };
 
-// Holds a SharedMutex in upgrade mode; promote() turns that into exclusive mode for the rest of its life.
+// Holds a SharedMutex in upgrade mode; a promotion turns that into exclusive mode for the rest of its life.
 class VELLUM_SCOPED_CAPABILITY UpgradeLock {
   public:
     explicit UpgradeLock(SharedMutex& mutex) VELLUM_ACQUIRE_SHARED(mutex) : m_mutex(mutex) { mutex.lockUpgrade(); }
@@ -136,9 +151,13 @@ class VELLUM_SCOPED_CAPABILITY UpgradeLock {
         m_mutex.unlockUpgrade();
     }
     void promote() VELLUM_RELEASE_GENERIC() VELLUM_ACQUIRE() {
-        m_mutex.promote();
-        m_promoted = true;
+        if (!m_promoted) {
+            m_mutex.promote();
+            m_promoted = true;
+        }
     }
+    // Whether promote() may follow without waiting for shared holders; they are kept out from then on.
+    bool tryPromote() VELLUM_NO_THREAD_SAFETY_ANALYSIS { return m_promoted = m_mutex.tryPromote(); }
     UpgradeLock(UpgradeLock const&) = delete;
     UpgradeLock& operator=(UpgradeLock const&) = delete;
 

@@ -161,6 +161,68 @@ TEST(SharedMutex, NewSharedHoldersWaitBehindAWaitingWriter) {
     }
 }
 
+TEST(SharedMutex, UpgradersGoOnBesideAWriterThatWaits) {
+    SharedMutex mutex;
+    Holder reader(mutex, Mode::shared);
+    reader.awaitHold();
+    Holder first(mutex, Mode::exclusive);
+    awaitClaim(mutex);
+    Holder second(mutex, Mode::exclusive);
+    second.awaitStart();
+    for (int i = 0; i < 3; ++i) {
+        Holder const upgrader(mutex, Mode::upgrade);
+        upgrader.awaitHold(); // for ever, if it waited behind the writers
+        letOthersRun();
+        EXPECT_FALSE(first.holds());
+    }
+    reader.release();
+    first.release();
+    second.release();
+    Holder const late(mutex, Mode::shared);
+    late.awaitHold();
+}
+
+TEST(SharedMutex, PromotionIsGivenUpWhereReadersStay) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    SharedMutex mutex;
+    Holder reader(mutex, Mode::shared);
+    reader.awaitHold();
+    mutex.lockUpgrade();
+    EXPECT_FALSE(mutex.tryPromote());
+    EXPECT_FALSE(mutex.isClaimed());
+    {
+        Holder const other(mutex, Mode::shared);
+        other.awaitHold();
+    }
+    Holder writer(mutex, Mode::exclusive);
+    writer.awaitStart();
+    letOthersRun();
+    EXPECT_FALSE(writer.holds()) << "it is still in upgrade mode";
+    reader.release();
+    EXPECT_TRUE(mutex.tryPromote());
+    mutex.demote();
+    mutex.unlockUpgrade();
+    writer.awaitHold();
+}
+
+TEST(SharedMutex, PromotionAndAWaitingWriterDoNotMeet) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    SharedMutex mutex;
+    Holder reader(mutex, Mode::shared);
+    reader.awaitHold();
+    Holder writer(mutex, Mode::exclusive);
+    awaitClaim(mutex);
+    mutex.lockUpgrade();
+    reader.release();
+    mutex.promote(); // the writer waits without the gate
+    letOthersRun();
+    EXPECT_FALSE(writer.holds());
+    mutex.demote();
+    mutex.unlockUpgrade();
+    writer.awaitHold();
+    writer.release();
+    Holder const late(mutex, Mode::shared);
+    late.awaitHold();
+}
+
 TEST(SharedMutex, NobodyComesBetweenUpgradeAndItsPromotion) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
     SharedMutex mutex;
     int value = 0;
