@@ -79,6 +79,9 @@ bool AutoExemptions::countPass(IPAddressMask const& network, std::string_view do
         sayThereIsNoRoom(pair, room);
         return false;
     }
+    if (grant == Grant::busy) {
+        return false; // with the pass of the pair's next tuple
+    }
     m_counts.forget(pair);
     if (grant == Grant::added) {
         m_saidFull.store(false, std::memory_order_relaxed);
@@ -88,10 +91,16 @@ bool AutoExemptions::countPass(IPAddressMask const& network, std::string_view do
 }
 
 AutoExemptions::Grant AutoExemptions::add(DynamicExemptId const& pair, Status const& status, std::uint32_t room) {
-    ExclusiveLock const hold(m_exemptions.lock);
-    if (m_exemptions.lookup(pair) != m_exemptions.end()) {
+    UpgradeLock hold(m_exemptions.lock);
+    auto const found = m_exemptions.lookup(pair);
+    if (found != m_exemptions.end() && found->second.expiry > status.firstSeen) {
         return Grant::held;
     }
+    if (!hold.tryPromote()) {
+        return Grant::busy;
+    }
+    hold.promote();
+    m_exemptions.removeNoLock(pair); // a dead one
     if (m_exemptions.sizeNoLock() >= room) {
         return Grant::noRoom;
     }

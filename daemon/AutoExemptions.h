@@ -33,7 +33,7 @@ class AutoExemptions {
 
     // Whether the pair is exempt at `now` (seconds since the epoch); its exemption then lives on.
     bool isExempt(IPAddressMask const& network, std::string_view domain, long now) const {
-        return m_exemptions.exempt({network, domain}, now) != 0;
+        return m_exemptions.exemptAtOnce({network, domain}, now);
     }
     // Until when it is, without a change to it; 0 when it is not.
     long exemptUntil(IPAddressMask const& network, std::string_view domain, long now) const {
@@ -55,7 +55,8 @@ class AutoExemptions {
     std::size_t dropDead(long now);
 
   private:
-    enum class Grant { added, held, noRoom }; // held: another message of the pair was quicker
+    // held: another message of the pair was quicker; busy: somebody reads the exemptions
+    enum class Grant { added, held, noRoom, busy };
     Grant add(GreyList::DynamicExemptId const& pair, GreyList::Status const& status, std::uint32_t room);
     static void sayItIsEarned(GreyList::DynamicExemptId const& pair, unsigned int needed);
     bool isHeld(GreyList::DynamicExemptId const& pair) const;

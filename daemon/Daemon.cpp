@@ -348,6 +348,7 @@ void Daemon::stop() {
     m_policy->stop();
     m_milter.reset(); // from here on nothing changes in the caches
     dispatcher().stop();
+    m_decision->settle();
     Cron::Crontab::instance(true).stop();
     if (!DetachedBackup::waitForAll(patienceWithLastBackups)) {
         note(Logger::Severity::error, "a backup that was running did not end in time");

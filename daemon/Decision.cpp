@@ -52,7 +52,8 @@ Verdict ofTuple(GreyList::TupleDecision const& tuple, long now) {
 
 Decision::Decision(GreyList::_TupleCache& tuples, GreyList::_DynamicExemptCache& exemptions, DecisionSettings settings,
                    Standing const* standing)
-    : m_tuples(tuples), m_autoExemptions(tuples, exemptions), m_settings(std::move(settings)), m_standing(standing) {}
+    : m_tuples(tuples), m_late(tuples), m_autoExemptions(tuples, exemptions), m_settings(std::move(settings)),
+      m_standing(standing) {}
 
 Verdict Decision::at(Stage stage, Message const& message, long now) {
     switch (stage) {
@@ -116,7 +117,10 @@ Verdict Decision::greylist(Message const& message, DecisionSettings const& setti
         verdict.network = folded.network;
         return verdict;
     }
-    GreyList::TupleDecision const tuple = m_tuples.decide(folded.parts(), now);
+    GreyList::TupleDecision const tuple = m_tuples.decideAtOnce(folded.parts(), now);
+    if (tuple.isLate) {
+        m_late.add(folded.parts(), now);
+    }
     Verdict verdict = ofTuple(tuple, now);
     verdict.network = folded.network;
     if (folded.canEarn && tuple.firstPass) {

@@ -26,6 +26,7 @@
 
 #include "daemon/AddressFolding.h"
 #include "daemon/AutoExemptions.h"
+#include "daemon/LateTuples.h"
 #include "daemon/Message.h"
 #include "daemon/Replaceable.h"
 #include "daemon/Standing.h"
@@ -91,6 +92,8 @@ class Decision {
     void rebuildPassCounts(long now) { m_autoExemptions.rebuildPassCounts(m_settings.get()->autoExemptAfter, now); }
     // To be called now and then: see AutoExemptions::dropDead().
     std::size_t dropDeadExemptions(long now) { return m_autoExemptions.dropDead(now); }
+    // Waits until every tuple that was decided is in the cache: see LateTuples.
+    void settle() { m_late.waitUntilDone(); }
 
   private:
     Verdict preview(Message const& message, DecisionSettings const& settings, Explanation const& facts, long now) const;
@@ -111,6 +114,7 @@ class Decision {
     Verdict greylist(Message const& message, DecisionSettings const& settings, long now);
 
     GreyList::_TupleCache& m_tuples;
+    LateTuples m_late;
     AutoExemptions m_autoExemptions;
     Replaceable<DecisionSettings> m_settings;
     Standing const* m_standing;

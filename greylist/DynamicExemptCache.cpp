@@ -28,6 +28,16 @@ int _DynamicExemptCache::exempt(DynamicExemptParts const& pair, long now) const 
     return 0;
 }
 
+bool _DynamicExemptCache::exemptAtOnce(DynamicExemptParts const& pair, long now) const {
+    UpgradeLock const hold(lock);
+    iterator const found = lookup(pair);
+    if (found == end() || found->second.expiry <= now) {
+        return false;
+    }
+    found->second.expiry = now + RefConfiguration::instance(nullptr)->ttlDays() * 86400L;
+    return true;
+}
+
 long _DynamicExemptCache::exemptUntil(DynamicExemptParts const& pair, long now) const {
     SharedLock const hold(lock);
     iterator const found = lookup(pair);

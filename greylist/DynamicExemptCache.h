@@ -24,6 +24,8 @@ class _DynamicExemptCache : public LRUCache<DynamicExemptId, Status> {
     int exempt(IPAddressMask const& mask, std::string const& domain, long now) const;
     // The same, without a copy of the domain.
     int exempt(DynamicExemptParts const& pair, long now) const;
+    // The same for a decision that must not wait for readers: takes upgrade mode, and leaves a dead record where it is.
+    bool exemptAtOnce(DynamicExemptParts const& pair, long now) const;
     // Until when the pair is exempt (seconds since the epoch), 0 when it is not; changes nothing. Takes the lock
     // shared.
     long exemptUntil(DynamicExemptParts const& pair, long now) const;

@@ -58,52 +58,91 @@ TupleDecision _TupleCache::decide(TupleParts const& tuple, long now) const {
     return decideFor(tuple, now);
 }
 
-template <class Key>
-TupleDecision _TupleCache::decideFor(Key const& key, long now) const {
+TupleDecision _TupleCache::judge(iterator found, long now) const {
     using Situation = TupleDecision::Situation;
-    UpgradeLock hold(lock);
-    iterator const found = lookup(key);
+    if (found == end() || now > found->second.expiry) {
+        TupleDecision anew;
+        anew.situation = found == end() ? Situation::fresh : Situation::expired;
+        anew.firstSeen = now;
+        anew.passTime = now + delay();
+        anew.expiry = now + firstLife();
+        return anew;
+    }
+    Status const& status = found->second;
+    TupleDecision known;
+    known.firstSeen = status.firstSeen;
+    known.passTime = known.firstSeen + delay();
+    if (now < known.passTime) {
+        known.situation = Situation::early;
+        known.expiry = status.expiry;
+        return known;
+    }
+    known.situation = Situation::passes;
+    // Only a loaded record needs the setting, and reading it is half of the cost here.
+    known.firstPass = isWaiting(status, status.initialLifetime != 0 ? 0 : firstLife());
+    known.expiry = now + life();
+    return known;
+}
+
+void _TupleCache::begin(iterator found, TupleId const& id, TupleDecision const& judged) const {
+    Status const status(judged.firstSeen, judged.expiry, judged.expiry - judged.firstSeen);
     if (found == end()) {
-        long const lifetime = firstLife();
-        Status const status(now, now + lifetime, lifetime);
-        auto const& id = identityOf(key);
-        hold.promote();
         // The cache is the mutable state behind a const handle, as the recency order is behind find().
         const_cast<_TupleCache*>(this)->addNoLock(id, status);
-        return {Situation::fresh, false, now, now + delay(), status.expiry};
+    } else {
+        found->second = status;
     }
-    Status& status = found->second;
-    if (now > status.expiry) {
-        long const lifetime = firstLife();
-        hold.promote();
-        status.firstSeen = now;
-        status.initialLifetime = lifetime;
-        status.expiry = lifetime + status.firstSeen;
-        return {Situation::expired, false, now, now + delay(), status.expiry};
+}
+
+template <class Key>
+bool _TupleCache::tryDecide(Key const& key, long now, TupleDecision& decision) const {
+    UpgradeLock hold(lock);
+    iterator const found = lookup(key);
+    decision = judge(found, now);
+    if (decision.passed()) {
+        found->second.expiry = decision.expiry; // upgrade mode suffices: see Status::expiry
     }
-    long const passTime = status.firstSeen + delay();
-    if (now < passTime) {
-        return {Situation::early, false, status.firstSeen, passTime, status.expiry};
+    if (!decision.begins()) {
+        return true;
     }
-    // Only a loaded record needs the setting, and reading it is half of the cost here.
-    bool const firstPass = isWaiting(status, status.initialLifetime != 0 ? 0 : firstLife());
-    status.expiry = now + life(); // upgrade mode suffices: see Status::expiry
-    return {Situation::passes, firstPass, status.firstSeen, passTime, status.expiry};
+    auto const& id = identityOf(key); // made while others may still read
+    if (!hold.tryPromote()) {
+        return false;
+    }
+    hold.promote();
+    begin(found, id, decision);
+    return true;
+}
+
+template <class Key>
+TupleDecision _TupleCache::decideFor(Key const& key, long now) const {
+    TupleDecision decision;
+    if (tryDecide(key, now, decision)) {
+        return decision;
+    }
+    // Waits without keeping other decisions from the cache, so it may have changed meanwhile.
+    auto const& id = identityOf(key);
+    ExclusiveLock const hold(lock);
+    iterator const found = lookup(key);
+    decision = judge(found, now);
+    if (decision.passed()) {
+        found->second.expiry = decision.expiry;
+    }
+    if (decision.begins()) {
+        begin(found, id, decision);
+    }
+    return decision;
+}
+
+TupleDecision _TupleCache::decideAtOnce(TupleParts const& tuple, long now) const {
+    TupleDecision decision;
+    decision.isLate = !tryDecide(tuple, now, decision);
+    return decision;
 }
 
 TupleDecision _TupleCache::preview(TupleParts const& tuple, long now) const {
-    using Situation = TupleDecision::Situation;
     SharedLock const hold(lock);
-    iterator const found = lookup(tuple);
-    if (found == end() || now > found->second.expiry) {
-        return {found == end() ? Situation::fresh : Situation::expired, false, now, now + delay(), now + firstLife()};
-    }
-    Status const& status = found->second;
-    long const passTime = status.firstSeen + delay();
-    if (now < passTime) {
-        return {Situation::early, false, status.firstSeen, passTime, status.expiry};
-    }
-    return {Situation::passes, isWaiting(status, firstLife()), status.firstSeen, passTime, now + life()};
+    return judge(lookup(tuple), now);
 }
 
 bool _TupleCache::release(TupleParts const& tuple, long now) {

@@ -19,11 +19,13 @@ struct TupleDecision {
     };
     Situation situation = Situation::fresh;
     bool firstPass = false; // passes for the first time in this period: the message had to wait
+    bool isLate = false;    // not in the cache yet, because others were reading it; only of decideAtOnce()
     long firstSeen = 0;     // start of the period, seconds since the epoch
     long passTime = 0;      // from when on the tuple passes
     long expiry = 0;        // until when the record lives, after this decision
 
     bool passed() const { return situation == Situation::passes; }
+    bool begins() const { return situation == Situation::fresh || situation == Situation::expired; }
 };
 
 // Whether a record has not passed yet in its period. `firstLife`: seconds that a new tuple lives now. A loaded record
@@ -43,13 +45,18 @@ class _TupleCache : public LRUCache<TupleId, Status> {
     // Decides whether a message with this identity may pass at `now`. Answers 1 to let it pass, 0 to defer.
     // At exactly firstSeen + delay it passes; at exactly expiry the tuple still lives.
     // Throws std::bad_alloc when a new tuple finds no memory; the lock is free again by then.
-    // Thread-safe: upgrade mode, exclusive only for a new or restarted tuple; never waits for I/O.
+    // Thread-safe: upgrade mode, exclusive only for a new or restarted tuple; then it waits while somebody reads the
+    // whole cache, which a listing does for as long as its client takes.
     virtual int state(TupleId const& id, long now) const;
 
     // The same decision, with what it rests on.
     TupleDecision decide(TupleId const& id, long now) const;
     // The same; an identity is made only when the tuple is a new one.
     TupleDecision decide(TupleParts const& tuple, long now) const;
+
+    // The same without ever waiting for readers: a new or restarted tuple is then late, and for the caller to decide()
+    // again at another time, with the same `now`, so that its period begins when it did.
+    TupleDecision decideAtOnce(TupleParts const& tuple, long now) const;
 
     // What decide() would answer, without a change. Takes the lock shared.
     TupleDecision preview(TupleParts const& tuple, long now) const;
@@ -62,6 +69,13 @@ class _TupleCache : public LRUCache<TupleId, Status> {
   private:
     template <class Key>
     TupleDecision decideFor(Key const& key, long now) const;
+    // The answer; changes nothing.
+    TupleDecision judge(iterator found, long now) const VELLUM_REQUIRES_SHARED(lock);
+    // Adds or restarts a tuple as it was judged.
+    void begin(iterator found, TupleId const& id, TupleDecision const& judged) const VELLUM_REQUIRES(lock);
+    // False: it has to be added or restarted, and somebody reads the cache.
+    template <class Key>
+    bool tryDecide(Key const& key, long now, TupleDecision& decision) const;
 };
 
 // The process-wide handle.
