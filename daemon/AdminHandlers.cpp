@@ -6,6 +6,7 @@
 #include "foundation/Logger.h"
 #include "greylist/DynamicExemptCache.h"
 #include "greylist/TupleCache.h"
+#include "mmsreputation/RefCache.h"
 #include "reputation/Cache.h"
 
 #include <chrono>
@@ -30,12 +31,41 @@ CacheFill exemptionFill() {
     return fillOf(**GreyList::DynamicExemptCache::instance());
 }
 
+CacheFill endpointFill() {
+    using MMSReputation::RefCache;
+    RefCache const cache = RefCache::instance(nullptr, MMSReputation::Select::everything);
+    return cache.isNull() ? CacheFill{0, MMSReputation::Cache::mostEntries} : fillOf(*cache);
+}
+
 std::string recordsText(std::uint64_t tuples, std::uint64_t exemptions) {
     return std::to_string(tuples) + " tuples and " + std::to_string(exemptions) + " exemptions";
 }
 
 std::string hoursText(std::uint64_t hours) {
     return std::to_string(hours) + " hours of sender reputation";
+}
+
+std::string slicesText(std::uint64_t slices) {
+    return std::to_string(slices) + " slices of endpoints";
+}
+
+std::string contentOf(GreyList::BackupReport const& report) {
+    return recordsText(report.tuples, report.exemptions);
+}
+
+std::string contentOf(Reputation::BackupReport const& report) {
+    return hoursText(report.records) + " of " + std::to_string(report.addresses) + " addresses";
+}
+
+std::string contentOf(MMSReputation::BackupReport const& report) {
+    return slicesText(report.records) + " of " + std::to_string(report.subscribers) + " subscribers";
+}
+
+std::string loadedText(RestoreOutcome const& outcome) {
+    if (outcome.ofReputation) {
+        return hoursText(outcome.reputations);
+    }
+    return outcome.ofEndpoints ? slicesText(outcome.slices) : recordsText(outcome.tuples, outcome.exemptions);
 }
 
 // Tells a client how far its request is, now and then.
@@ -91,7 +121,17 @@ class StatusHandler : public ServiceHandler {
         status["reputation"] = {
             {"entries", asJson(fillOf(**Reputation::RefCache::instance()), Reputation::LoadReport::last())},
             {"backup", asJson(services().reputationGate(), Reputation::BackupReport::last())}};
+        status["endpoints"] = endpoints();
         return status;
+    }
+
+  private:
+    Json endpoints() const {
+        MMSReputation::LoadReport const loads = MMSReputation::LoadReport::last();
+        return {{"entries", asJson(endpointFill(), loads.entries)},
+                {"exempt_list", {{"load", asJson(loads.exemptList)}}},
+                {"blacklist", {{"load", asJson(loads.blacklist)}}},
+                {"backup", asJson(services().endpointGate(), MMSReputation::BackupReport::last())}};
     }
 };
 
@@ -105,36 +145,33 @@ class BackupHandler : public ServiceHandler {
         if (!gate.open) {
             throw AdminRefusal("backups are off: " + gate.reason);
         }
-        GreyList::BackupReport const report = services().backupNow();
-        Json json = asJson(report);
-        if (!report.accepted) {
-            json["error"] = report.problem;
-        }
-        say(report, recordsText(report.tuples, report.exemptions));
-        json["reputation"] = backUpReputations();
-        if (report.accepted && json["reputation"].contains("error")) {
-            json["error"] = "sender reputation: " + json["reputation"]["error"].get<std::string>();
+        Json json = backUp([this] { return services().backupNow(); });
+        json["reputation"] = backUp(services().reputationGate(), [this] { return services().backUpReputations(); });
+        json["endpoints"] = backUp(services().endpointGate(), [this] { return services().backUpEndpoints(); });
+        for (auto const& [key, name] : {std::pair{"reputation", "sender reputation"}, {"endpoints", "endpoints"}}) {
+            if (!json.contains("error") && json[key].contains("error")) {
+                json["error"] = std::string(name) + ": " + json[key]["error"].get<std::string>();
+            }
         }
         return json;
     }
 
   private:
-    Json backUpReputations() const {
-        BackupGate const gate = services().reputationGate();
-        if (!gate.open) {
-            return errorJson("backups are off: " + gate.reason);
-        }
-        Reputation::BackupReport const report = services().backUpReputations();
+    template <class Make>
+    static Json backUp(BackupGate const& gate, Make make) {
+        return gate.open ? backUp(make) : errorJson("backups are off: " + gate.reason);
+    }
+    template <class Make>
+    static Json backUp(Make make) {
+        auto const report = make();
         Json json = asJson(report);
         if (!report.accepted) {
             json["error"] = report.problem;
         }
-        say(report, hoursText(report.records) + " of " + std::to_string(report.addresses) + " addresses");
+        noteAdministration(
+            report.accepted ? Logger::Severity::info : Logger::Severity::warning,
+            "backup " + (report.accepted ? "of " + contentOf(report) + " handed over" : "failed: " + report.problem));
         return json;
-    }
-    static void say(Database::BackupReport const& report, std::string const& what) {
-        noteAdministration(report.accepted ? Logger::Severity::info : Logger::Severity::warning,
-                           "backup " + (report.accepted ? "of " + what + " handed over" : "failed: " + report.problem));
     }
 };
 
@@ -157,10 +194,7 @@ class RestoreHandler : public ServiceHandler {
         bool const loaded = outcome.loadProblem.empty();
         noteAdministration(loaded ? Logger::Severity::info : Logger::Severity::error,
                            "restore of " + escapeForLog(path) + " done, " +
-                               (loaded ? (outcome.ofReputation ? hoursText(outcome.reputations)
-                                                               : recordsText(outcome.tuples, outcome.exemptions)) +
-                                             " loaded"
-                                       : "but not loaded: " + outcome.loadProblem));
+                               (loaded ? loadedText(outcome) + " loaded" : "but not loaded: " + outcome.loadProblem));
         return asJson(path, outcome);
     }
 };
@@ -176,8 +210,11 @@ class AcceptEmptyHandler : public ServiceHandler {
         if (family == "reputation") {
             return acceptReputations();
         }
+        if (family == "endpoint") {
+            return acceptEndpoints();
+        }
         if (!family.empty() && family != "greylist") {
-            throw AdminRefusal("\"family\" must be \"greylist\" or \"reputation\"");
+            throw AdminRefusal("\"family\" must be \"greylist\", \"reputation\" or \"endpoint\"");
         }
         CacheFill const tuples = tupleFill();
         CacheFill const exemptions = exemptionFill();
@@ -199,6 +236,16 @@ class AcceptEmptyHandler : public ServiceHandler {
                                    " addresses, may now replace tables that could not be loaded");
         }
         return {{"changed", changed}, {"addresses", entries.size}};
+    }
+    Json acceptEndpoints() const {
+        CacheFill const entries = endpointFill();
+        bool const changed = services().acceptEmptyEndpoints();
+        if (changed) {
+            noteAdministration(Logger::Severity::warning,
+                               "backups of endpoints, " + std::to_string(entries.size) +
+                                   " subscribers, may now replace tables that could not be loaded");
+        }
+        return {{"changed", changed}, {"subscribers", entries.size}};
     }
 };
 

@@ -9,24 +9,27 @@
 //                      "backup": {"allowed", "reason", "last": BACKUP or null}, of the greylist,
 //                      "reputation": {"entries": CACHE, "backup": the same with "records" and "addresses" in place of
 //                      "tuples" and "exemptions"},
+//                      "endpoints": {"entries": CACHE, "exempt_list": {"load": LOAD}, "blacklist": {"load": LOAD},
+//                      "backup": the same with "slices" and "subscribers"},
 //                      "database": {"reachable": true, false or null, "as_of", "problem"},
 //                      "decisions": [{"action", "reason", "count"}]}
-//                     CACHE: {"size", "capacity", "load": {"attempted", "loaded", "rows", "problem"}}
+//                     CACHE: {"size", "capacity", "load": LOAD}; LOAD: {"attempted", "loaded", "rows", "problem"}
 //   adminBackup       BACKUP: {"accepted", "started", "milliseconds", "tuples", "exemptions", "left_out", "bytes",
-//                      "problem", "reputation": the same of sender reputation}; "accepted": the database daemon has
-//                      the script and will run it. An "error" of one family does not keep the other from its backup,
-//                      unless the greylist's is not allowed.
+//                      "problem", "reputation" and "endpoints": the same of these}; "accepted": the database daemon
+//                      has the script and will run it. An "error" of one family does not keep the others from their
+//                      backups, unless the greylist's is not allowed.
 //   adminRestore      request {"path": absolute, "dry_run": true or false}
 //                     dry run: {"path", "script": {"bytes", "modified", "tuples", "exemptions", "newest", "complete"},
 //                      "tables": {"tuples", "exemptions"}, "caches": {"tuples", "exemptions"}}; of a script of sender
-//                      reputation also "reputations" in "script" and "tables", and "addresses" in "caches"
+//                      reputation also "reputations" in "script" and "tables", and "addresses" in "caches"; of one of
+//                      endpoints "slices", and "subscribers"
 //                     otherwise adminProgress {"done", "total"} (bytes) at most every 100 ms, then
 //                      {"path", "restored": true, "loaded": {"tuples", "exemptions"}, "milliseconds"}; with "error"
 //                      beside them when the tables were restored but could not be loaded. A client that goes away
 //                      meanwhile abandons the restore, and the tables stay as they were.
-//   adminAcceptEmpty  request {"family": "greylist" (unless told otherwise) or "reputation"}
-//                     {"changed", "tuples", "exemptions"} or {"changed", "addresses"}: backups are allowed from now on,
-//                      of so many records
+//   adminAcceptEmpty  request {"family": "greylist" (unless told otherwise), "reputation" or "endpoint"}
+//                     {"changed", "tuples", "exemptions"}, {"changed", "addresses"} or {"changed", "subscribers"}:
+//                      backups are allowed from now on, of so many records
 //
 // All of them run on workers. Each but adminStatus leaves a line in the log.
 #pragma once

@@ -23,11 +23,12 @@ Json counts(std::uint64_t tuples, std::uint64_t exemptions) {
 
 } // namespace
 
+Json asJson(Database::LoadReport const& load) {
+    return {{"attempted", load.attempted}, {"loaded", load.loaded}, {"rows", load.rows}, {"problem", load.problem}};
+}
+
 Json asJson(CacheFill const& fill, Database::LoadReport const& load) {
-    return {{"size", fill.size},
-            {"capacity", fill.capacity},
-            {"load",
-             {{"attempted", load.attempted}, {"loaded", load.loaded}, {"rows", load.rows}, {"problem", load.problem}}}};
+    return {{"size", fill.size}, {"capacity", fill.capacity}, {"load", asJson(load)}};
 }
 
 Json asJson(GreyList::BackupReport const& report) {
@@ -41,6 +42,13 @@ Json asJson(Reputation::BackupReport const& report) {
     Json json = common(report);
     json["records"] = report.records;
     json["addresses"] = report.addresses;
+    return json;
+}
+
+Json asJson(MMSReputation::BackupReport const& report) {
+    Json json = common(report);
+    json["slices"] = report.records;
+    json["subscribers"] = report.subscribers;
     return json;
 }
 
@@ -71,6 +79,11 @@ Json asJson(std::string const& path, RestorePreview const& preview) {
         json["tables"]["reputations"] = preview.tableReputations;
         json["caches"]["addresses"] = preview.cachedAddresses;
     }
+    if (preview.ofEndpoints) {
+        json["script"]["slices"] = preview.scriptSlices;
+        json["tables"]["slices"] = preview.tableSlices;
+        json["caches"]["subscribers"] = preview.cachedSubscribers;
+    }
     return json;
 }
 
@@ -81,6 +94,9 @@ Json asJson(std::string const& path, RestoreOutcome const& outcome) {
                  {"milliseconds", outcome.milliseconds}};
     if (outcome.ofReputation) {
         json["loaded"]["reputations"] = outcome.reputations;
+    }
+    if (outcome.ofEndpoints) {
+        json["loaded"]["slices"] = outcome.slices;
     }
     if (!outcome.loadProblem.empty()) {
         json["error"] = "the tables were restored, but could not be loaded: " + outcome.loadProblem;

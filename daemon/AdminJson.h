@@ -21,15 +21,17 @@ struct CacheFill {
     std::uint32_t capacity = 0;
 };
 
+Json asJson(Database::LoadReport const& load);
 Json asJson(CacheFill const& fill, Database::LoadReport const& load);
 Json asJson(GreyList::BackupReport const& report);
 Json asJson(Reputation::BackupReport const& report);
+Json asJson(MMSReputation::BackupReport const& report);
 // Of a gate and a family's last backup.
 template <class Report>
 Json asJson(BackupGate const& gate, Report const& last) {
     return {{"allowed", gate.open}, {"reason", gate.reason}, {"last", last.attempted ? asJson(last) : Json()}};
 }
-Json asJson(DaemonStatus const& status, long now); // all but "greylist", "reputation" and "backup"
+Json asJson(DaemonStatus const& status, long now); // all but "backup" and the families
 Json asJson(std::string const& path, RestorePreview const& preview);
 Json asJson(std::string const& path, RestoreOutcome const& outcome);
 Json errorJson(std::string_view text);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "greylist/BackupReport.h"
+#include "mmsreputation/Reports.h"
 #include "reputation/BackupReport.h"
 
 #include <cstdint>
@@ -65,6 +66,11 @@ struct RestorePreview {
     std::uint64_t scriptReputations = 0; // hours of addresses, as in the table
     std::uint64_t tableReputations = 0;
     std::uint64_t cachedAddresses = 0;
+    // A script that replaces the endpoint tables.
+    bool ofEndpoints = false;
+    std::uint64_t scriptSlices = 0; // of subscribers, as in the table
+    std::uint64_t tableSlices = 0;
+    std::uint64_t cachedSubscribers = 0;
 };
 
 struct RestoreOutcome {
@@ -75,6 +81,9 @@ struct RestoreOutcome {
     // Of a script that replaced sender reputation's tables, not the greylist's.
     bool ofReputation = false;
     std::uint64_t reputations = 0; // hours of addresses loaded
+    // Of a script that replaced the endpoint tables.
+    bool ofEndpoints = false;
+    std::uint64_t slices = 0; // of subscribers, loaded
 };
 
 // Bytes of the script done, and in all; false abandons the restore, and the tables stay as they were.
@@ -89,10 +98,12 @@ class AdminServices {
     virtual DaemonStatus status() const = 0;
     virtual BackupGate backupGate() const = 0;     // of the greylist
     virtual BackupGate reputationGate() const = 0; // of sender reputation
+    virtual BackupGate endpointGate() const = 0;
 
     // Make a backup on this thread and tell how it went. Not asked while the gate is shut.
     virtual GreyList::BackupReport backupNow() = 0;
     virtual Reputation::BackupReport backUpReputations() = 0;
+    virtual MMSReputation::BackupReport backUpEndpoints() = 0;
 
     // `path` is absolute.
     virtual RestorePreview previewRestore(std::string const& path) = 0;
@@ -101,6 +112,7 @@ class AdminServices {
     // Open a gate although the tables could not be loaded. False when it was open.
     virtual bool acceptEmpty() = 0;
     virtual bool acceptEmptyReputations() = 0;
+    virtual bool acceptEmptyEndpoints() = 0;
 };
 
 } // namespace Vellum::Daemon

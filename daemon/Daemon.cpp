@@ -92,7 +92,8 @@ int Daemon::run() {
             m_settings.reputation, m_settings.state.reputationScript(),
             [this] { return m_reputationLoads.mayBackUp() && !restoreRunning(); });
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
-        m_endpoints = std::make_unique<EndpointConfiguration>(m_settings.endpoint, m_settings.state.endpointScript());
+        m_endpoints = std::make_unique<EndpointConfiguration>(m_settings.endpoint, m_settings.state.endpointScript(),
+                                                              [this] { return !restoreRunning(); });
         m_rules = loadRules(m_settings);
         bringUpState();
         serve();
@@ -185,8 +186,11 @@ void Daemon::sayWhatCouldNotBeLoaded() const {
     say(m_loads.problem(), "greylist");
     say(m_reputationLoads.problem(), "reputation");
     if (std::string const problem = m_endpointLoads.problem(); !problem.empty()) {
-        note(Logger::Severity::error, problem + "; loading is tried every minute, and entries that could not be loaded "
-                                                "are not backed up until then");
+        note(Logger::Severity::error,
+             problem + "; loading is tried every minute" +
+                 (endpointGate().open ? ""
+                                      : ", and backups of endpoints are off until a load succeeds or \"vellumctl "
+                                        "endpoint accept-empty\""));
     }
 }
 
@@ -411,12 +415,21 @@ BackupGate Daemon::reputationGate() const {
     return {problem.empty(), problem};
 }
 
+BackupGate Daemon::endpointGate() const {
+    std::string const why = whyEndpointsAreNotBackedUp();
+    return {why.empty(), why.empty() ? why : "the endpoint tables could not be loaded: " + why};
+}
+
 bool Daemon::acceptEmpty() {
     return m_loads.accept();
 }
 
 bool Daemon::acceptEmptyReputations() {
     return m_reputationLoads.accept();
+}
+
+bool Daemon::acceptEmptyEndpoints() {
+    return acceptEndpoints();
 }
 
 void Daemon::cachesLoaded() {

@@ -65,8 +65,10 @@ class Daemon : private GreylistAdministration {
     DaemonStatus status() const override;
     BackupGate backupGate() const override;
     BackupGate reputationGate() const override;
+    BackupGate endpointGate() const override;
     bool acceptEmpty() override;
     bool acceptEmptyReputations() override;
+    bool acceptEmptyEndpoints() override;
     void cachesLoaded() override;
 
     std::string const m_settingsPath;

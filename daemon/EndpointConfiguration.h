@@ -6,6 +6,7 @@
 #include "mmsreputation/Configuration.h"
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -15,9 +16,11 @@ namespace Vellum::Daemon {
 // cache that it writes.
 class EndpointConfiguration final : public MMSReputation::Configuration {
   public:
-    EndpointConfiguration(EndpointSettings const& settings, std::string backupFile)
-        : m_backupFile(std::move(backupFile)), m_windowMinutes(settings.windowMinutes), m_enabled(settings.enabled),
-          m_backup(settings.backup) {
+    // `mayBackUp` is asked at each hourly backup, by a thread of its own; empty: it may.
+    EndpointConfiguration(EndpointSettings const& settings, std::string backupFile,
+                          std::function<bool()> mayBackUp = {})
+        : m_backupFile(std::move(backupFile)), m_mayBackUp(std::move(mayBackUp)),
+          m_windowMinutes(settings.windowMinutes), m_enabled(settings.enabled), m_backup(settings.backup) {
         s_instance = this;
     }
     ~EndpointConfiguration() override { s_instance = nullptr; }
@@ -31,13 +34,15 @@ class EndpointConfiguration final : public MMSReputation::Configuration {
 
     std::string const& fnameBackup() const override { return m_backupFile; }
     void resyncIfMaster() const override {}
-    bool haMaster() const override { return m_backup; } // a unit without a partner is always the master
+    // A unit without a partner is always the master.
+    bool haMaster() const override { return m_backup && (!m_mayBackUp || m_mayBackUp()); }
     unsigned int maxEntries() const override { return MMSReputation::Cache::mostEntries; }
     unsigned int windowSize() const override { return m_windowMinutes; }
     bool enabled() const override { return m_enabled; }
 
   private:
     std::string const m_backupFile;
+    std::function<bool()> const m_mayBackUp;
     unsigned int const m_windowMinutes;
     std::atomic<bool> m_enabled;
     std::atomic<bool> m_backup;

@@ -58,24 +58,33 @@ class KeptEndpoints {
     std::vector<Endpoint> m_endpoints;
 };
 
-std::string problem() {
-    LoadReport const report = LoadReport::last();
-    for (LoadReport::Part const* part : {&report.entries, &report.exemptList, &report.blacklist}) {
-        if (!part->loaded) {
-            return "the endpoint tables could not be loaded: " +
-                   (part->problem.empty() ? "no load was tried yet" : part->problem);
-        }
+RefCache current() {
+    return RefCache::instance(nullptr, Select::everything);
+}
+
+// Of the last load. Entries that an administrator has given up are not missed any more; the lists, of which there is no
+// backup, still are.
+LoadReport missed() {
+    LoadReport report = LoadReport::last();
+    if (!report.entries.loaded) {
+        RefCache const cache = current();
+        report.entries.loaded = !cache.isNull() && cache->whyNotWhole().empty();
     }
-    return {};
+    return report;
+}
+
+std::string problem() {
+    std::string const why = missed().problem();
+    return why.empty() ? why : "the endpoint tables could not be loaded: " + why;
 }
 
 void loadAgain() {
     MMSReputation::Database database(Database::Connection::defaultAddress());
-    if (LoadReport::last().entries.loaded) { // and counted into since: only the lists are read again
+    if (missed().entries.loaded) { // and counted into since: only the lists are read again
         RefCache::instance(&database, Select::exemptList | Select::blacklist);
         return;
     }
-    RefCache const before = RefCache::instance(nullptr, Select::everything);
+    RefCache const before = current();
     RefCache const now = RefCache::instance(&database, Select::everything);
     if (!before.isNull()) {
         KeptEndpoints(*before).putBackInto(*now);
@@ -86,6 +95,16 @@ void loadAgain() {
 
 KeptTables endpointTables() {
     return {"the endpoint tables", problem, loadAgain};
+}
+
+std::string whyEndpointsAreNotBackedUp() {
+    RefCache const cache = current();
+    return cache.isNull() ? "nothing was loaded" : cache->whyNotWhole();
+}
+
+bool acceptEndpoints() {
+    RefCache const cache = current();
+    return !cache.isNull() && cache->takeAsWhole();
 }
 
 } // namespace Vellum::Daemon

@@ -11,6 +11,8 @@
 #include "greylist/GlRecordDatabase.h"
 #include "greylist/LoadReport.h"
 #include "greylist/TupleCache.h"
+#include "mmsreputation/Configuration.h"
+#include "mmsreputation/MMSReputationDatabase.h"
 #include "reputation/Cache.h"
 #include "reputation/Configuration.h"
 #include "reputation/LoadReport.h"
@@ -97,6 +99,24 @@ RestoreOutcome loadReputations() {
     return outcome;
 }
 
+// The fresh cache takes the place of the one before.
+RestoreOutcome loadEndpoints() {
+    MMSReputation::Database database(Database::Connection::defaultAddress());
+    MMSReputation::RefCache::instance(&database, MMSReputation::Select::everything);
+    MMSReputation::LoadReport const load = MMSReputation::LoadReport::last();
+    RestoreOutcome outcome;
+    outcome.ofEndpoints = true;
+    outcome.slices = load.entries.rows;
+    outcome.loadProblem = load.problem();
+    return outcome;
+}
+
+std::uint64_t cachedSubscribers() {
+    using MMSReputation::RefCache;
+    RefCache const cache = RefCache::instance(nullptr, MMSReputation::Select::everything);
+    return cache.isNull() ? 0 : sizeOf(*cache);
+}
+
 // What is not loaded again after a restore would be overwritten by its next backup.
 void refuseOtherTables(std::string const& path, ScriptFacts const& script) {
     if (!script.otherTable.empty()) {
@@ -108,31 +128,35 @@ void refuseOtherTables(std::string const& path, ScriptFacts const& script) {
 
 } // namespace
 
-GreyList::BackupReport GreylistAdministration::backupNow() {
+template <class Report, class Make>
+Report GreylistAdministration::backUp(Make make) {
     if (restoreRunning()) {
         throw AdminRefusal("a restore is running");
     }
     Synchronized const hold(m_inHand);
     try {
-        GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write();
+        make();
     } catch (Exception const& failed) {
-        GreyList::BackupReport::setFailed(failed.asString());
+        Report::setFailed(failed.asString());
     }
-    return GreyList::BackupReport::last();
+    return Report::last();
+}
+
+GreyList::BackupReport GreylistAdministration::backupNow() {
+    return backUp<GreyList::BackupReport>(
+        [] { GreyList::GlRecordDatabase(Database::Connection::defaultAddress()).write(); });
 }
 
 Reputation::BackupReport GreylistAdministration::backUpReputations() {
-    if (restoreRunning()) {
-        throw AdminRefusal("a restore is running");
-    }
-    Synchronized const hold(m_inHand);
-    try {
+    return backUp<Reputation::BackupReport>([] {
         std::string const path = Reputation::Configuration::instance()->backupPath();
         Reputation::Database(Database::Connection::defaultAddress()).write(path);
-    } catch (Exception const& failed) {
-        Reputation::BackupReport::setFailed(failed.asString());
-    }
-    return Reputation::BackupReport::last();
+    });
+}
+
+MMSReputation::BackupReport GreylistAdministration::backUpEndpoints() {
+    return backUp<MMSReputation::BackupReport>(
+        [] { MMSReputation::Database::write(MMSReputation::Configuration::instance()->fnameBackup()); });
 }
 
 RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
@@ -154,6 +178,12 @@ RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
     if (preview.ofReputation) {
         preview.tableReputations = rowsIn(connection, Reputation::recordsTable);
         preview.cachedAddresses = sizeOf(**Reputation::RefCache::instance());
+    }
+    preview.ofEndpoints = script.ofEndpoints;
+    if (preview.ofEndpoints) {
+        preview.scriptSlices = script.slices;
+        preview.tableSlices = rowsIn(connection, MMSReputation::recordTable);
+        preview.cachedSubscribers = cachedSubscribers();
     }
     preview.cachedTuples = sizeOf(**GreyList::TupleCache::instance());
     preview.cachedExemptions = sizeOf(**GreyList::DynamicExemptCache::instance());
@@ -179,7 +209,9 @@ RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreP
     auto const start = std::chrono::steady_clock::now();
     GreyList::GlRecordDatabase database(Database::Connection::defaultAddress());
     database.runScript(path, progress);
-    RestoreOutcome outcome = script.ofReputation ? loadReputations() : loadGreylist(database);
+    RestoreOutcome outcome = script.ofReputation  ? loadReputations()
+                             : script.ofEndpoints ? loadEndpoints()
+                                                  : loadGreylist(database);
     cachesLoaded();
     outcome.milliseconds = static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());

@@ -1,4 +1,4 @@
-// Backup and restore on an administrator's request: of the greylist and of sender reputation.
+// Backup and restore on an administrator's request: of the greylist, of sender reputation and of endpoints.
 #pragma once
 
 #include "daemon/AdminServices.h"
@@ -18,6 +18,7 @@ class GreylistAdministration : public AdminServices {
     // Waits until the database daemon has the script, at most some minutes.
     GreyList::BackupReport backupNow() override;
     Reputation::BackupReport backUpReputations() override;
+    MMSReputation::BackupReport backUpEndpoints() override;
 
     // Throws Exception when the file cannot be read or the database cannot be asked.
     RestorePreview previewRestore(std::string const& path) override;
@@ -32,6 +33,10 @@ class GreylistAdministration : public AdminServices {
     virtual void cachesLoaded() = 0;
 
   private:
+    // Runs `make`, which leaves a report; one at a time, and none beside a restore.
+    template <class Report, class Make>
+    Report backUp(Make make);
+
     Mutex m_inHand; // held by an operation that makes or replaces the tables' rows
     std::atomic<bool> m_restoring{false};
 };

@@ -1,5 +1,6 @@
 #include "daemon/LastBackup.h"
 
+#include "daemon/LoadKeeper.h"
 #include "foundation/Logger.h"
 #include "greylist/BackupReport.h"
 #include "greylist/GlRecordDatabase.h"
@@ -91,8 +92,7 @@ LastBackup lastReputationBackup(std::string const& path) {
 LastBackup lastEndpointBackup(std::string const& path) {
     LastBackup backup;
     backup.of = " of endpoints";
-    MMSReputation::RefCache const cache = MMSReputation::RefCache::instance(nullptr, MMSReputation::Select::everything);
-    backup.problem = cache.isNull() ? "nothing was loaded" : cache->whyNotWhole();
+    backup.problem = whyEndpointsAreNotBackedUp();
     backup.take = backup.takeWithoutServer = [path] {
         MMSReputation::Database::write(path);
     };

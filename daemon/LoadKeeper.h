@@ -27,6 +27,12 @@ KeptTables reputationTables();
 // Of endpoint reputation, both lists included: of a slice, the larger counts stay. Where only a list was missed, only
 // the lists are read again. What the entries miss keeps the library itself from backing them up.
 KeptTables endpointTables();
+// Why no backup may replace the endpoint tables; empty when it may. Missed lists do not matter here: no backup writes
+// them.
+std::string whyEndpointsAreNotBackedUp();
+// The administrator's word that the endpoint cache may replace its tables as it is, until it is loaded again. False
+// when it might already.
+bool acceptEndpoints();
 
 class LoadKeeper {
   public:

@@ -3,6 +3,7 @@
 #include "foundation/Exception.h"
 #include "foundation/FileDescriptor.h"
 #include "greylist/GlRecordDatabase.h"
+#include "mmsreputation/MMSReputationDatabase.h"
 #include "reputation/ReputationDatabase.h"
 
 #include <algorithm>
@@ -53,7 +54,9 @@ class LineCounter {
             std::string_view const rest = line.substr(lockTables.size());
             std::string_view const first = rest.substr(0, rest.find(' '));
             m_facts.ofReputation = first == Reputation::recordsTable;
-            m_facts.otherTable = m_facts.ofReputation || first == GreyList::greyListTable ? "" : first;
+            m_facts.ofEndpoints = first == MMSReputation::recordTable;
+            bool const isKnown = m_facts.ofReputation || m_facts.ofEndpoints || first == GreyList::greyListTable;
+            m_facts.otherTable = isKnown ? "" : first;
         }
         m_facts.complete = line == "UNLOCK TABLES;" || (line == "commit;" && !m_locked);
         if (line.substr(0, 2) == "('") {
@@ -75,6 +78,9 @@ class LineCounter {
         if (table == Reputation::recordsTable) {
             return &m_facts.reputations;
         }
+        if (table == MMSReputation::recordTable) {
+            return &m_facts.slices;
+        }
         return table == GreyList::autoExemptTable ? &m_facts.exemptions : nullptr;
     }
     // "('192.0.2.0/24', ..., 'x@example.org', 1700000000,1700014400),": the first number is the creation time.
@@ -85,8 +91,8 @@ class LineCounter {
             return;
         }
         ++*m_rows;
-        if (m_rows == &m_facts.reputations) {
-            return; // their number behind the texts is an hour
+        if (m_rows == &m_facts.reputations || m_rows == &m_facts.slices) {
+            return; // their number behind the texts is an hour, or a slice
         }
         long created = 0;
         std::from_chars(line.data() + texts + endOfTexts.size(), line.data() + line.size(), created);

@@ -16,6 +16,8 @@ struct ScriptFacts {
     std::uint64_t exemptions = 0;
     std::uint64_t reputations = 0; // rows of "sender_reputation"
     bool ofReputation = false;     // it locks sender reputation's tables
+    std::uint64_t slices = 0;      // rows of "mms_reputation"
+    bool ofEndpoints = false;      // it locks the endpoint tables
     std::string otherTable;        // the first table that it locks, where a restore does not know that one
     long newest = 0;               // the latest creation time of a tuple or exemption, seconds since the epoch; 0: none
     bool complete = false;         // the last line unlocks the tables, or commits where none were locked

@@ -32,8 +32,10 @@ class QuietServices : public Daemon::AdminServices {
     Daemon::DaemonStatus status() const override { return {}; }
     Daemon::BackupGate backupGate() const override { return {}; }
     Daemon::BackupGate reputationGate() const override { return {}; }
+    Daemon::BackupGate endpointGate() const override { return {}; }
     GreyList::BackupReport backupNow() override { return {}; }
     Reputation::BackupReport backUpReputations() override { return {}; }
+    MMSReputation::BackupReport backUpEndpoints() override { return {}; }
     Daemon::RestorePreview previewRestore(std::string const& path) override {
         checkPath(path);
         return {};
@@ -45,6 +47,7 @@ class QuietServices : public Daemon::AdminServices {
     }
     bool acceptEmpty() override { return false; }
     bool acceptEmptyReputations() override { return false; }
+    bool acceptEmptyEndpoints() override { return false; }
 
   private:
     static void checkPath(std::string const& path) {

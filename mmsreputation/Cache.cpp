@@ -121,9 +121,9 @@ void Cache::missesEntries(std::string const& why) {
     m_whyNotWhole = why;
 }
 
-void Cache::isTakenAsWhole() {
+bool Cache::takeAsWhole() {
     ExclusiveLock const hold(lock);
-    m_whyNotWhole.clear();
+    return !std::exchange(m_whyNotWhole, {}).empty();
 }
 
 std::string Cache::whyNotWhole() const {

@@ -70,10 +70,10 @@ class Cache : public LRUCache<MSISDN, RefEntry> {
     void purge(bool lock, long now = 0);
 
     // A cache that does not hold all entries of the tables must never be written over them. Its loader says so, with
-    // the reason; an administrator may take it as it is. A new cache is whole. Exclusive; shared.
+    // the reason; an administrator may take it as it is: true when it was not whole. A new cache is. Exclusive.
     void missesEntries(std::string const& why);
-    void isTakenAsWhole();
-    // Empty for a whole cache.
+    bool takeAsWhole();
+    // Empty for a whole cache. Shared.
     std::string whyNotWhole() const;
 
   private:
@@ -84,9 +84,9 @@ class Cache : public LRUCache<MSISDN, RefEntry> {
     VELLUM_REQUIRES_SHARED(Entry::s_mutex);
     void purgeUnlocked(long now, std::uint32_t slice);
 
-    std::string m_whyNotWhole VELLUM_GUARDED_BY(lock);
     Numbers m_exempt VELLUM_GUARDED_BY(lock);
     Numbers m_blacklist VELLUM_GUARDED_BY(lock);
+    std::string m_whyNotWhole VELLUM_GUARDED_BY(lock); // empty: it is
 };
 
 } // namespace Vellum::MMSReputation

@@ -3,34 +3,30 @@
 #include "foundation/Latest.h"
 
 namespace Vellum::MMSReputation {
-namespace {
 
-Latest<LoadReport>& lastLoad() {
-    static Latest<LoadReport>& latest = *new Latest<LoadReport>; // detached threads may outlive main()
-    return latest;
+std::string LoadReport::problem() const {
+    for (Part const* part : {&entries, &exemptList, &blacklist}) {
+        if (!part->loaded) {
+            return part->problem.empty() ? "no load was tried yet" : part->problem;
+        }
+    }
+    return {};
 }
-
-Latest<BackupReport>& lastBackup() {
-    static Latest<BackupReport>& latest = *new Latest<BackupReport>;
-    return latest;
-}
-
-} // namespace
 
 LoadReport LoadReport::last() {
-    return lastLoad().get();
+    return latestOfProcess<LoadReport>().get();
 }
 
 void LoadReport::set(LoadReport const& report) {
-    lastLoad().set(report);
+    latestOfProcess<LoadReport>().set(report);
 }
 
 BackupReport BackupReport::last() {
-    return lastBackup().get();
+    return latestOfProcess<BackupReport>().get();
 }
 
 void BackupReport::set(BackupReport const& report) {
-    lastBackup().set(report);
+    latestOfProcess<BackupReport>().set(report);
 }
 
 void BackupReport::setFailed(std::string const& problem) {

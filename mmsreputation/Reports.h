@@ -17,6 +17,8 @@ struct LoadReport {
     // The cache holds all that the tables held. A reload that replaces the cache and does not ask for a part leaves
     // that part empty, and not loaded.
     bool complete() const { return entries.loaded && exemptList.loaded && blacklist.loaded; }
+    // What the first part that is not loaded was missed for; empty when all are.
+    std::string problem() const;
 
     // The process's report. Thread-safe.
     static LoadReport last();

@@ -7,9 +7,9 @@
 #include "greylist/TupleCache.h"
 #include "reputation/Cache.h"
 #include "reputation/LoadReport.h"
-#include "tests/support/CapturingLogger.h"
 #include "tests/support/GreylistConfiguration.h"
 #include "tests/support/GreylistIdentities.h"
+#include "tests/support/LoadedEndpoints.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -29,6 +29,12 @@ struct FakeServices : public AdminServices {
     DaemonStatus status() const override { return answeredStatus; }
     BackupGate backupGate() const override { return gate; }
     BackupGate reputationGate() const override { return reputationsGate; }
+    BackupGate endpointGate() const override { return endpointsGate; }
+    MMSReputation::BackupReport backUpEndpoints() override {
+        ++endpointBackups;
+        return endpointReport;
+    }
+    bool acceptEmptyEndpoints() override { return endpointChanges; }
     GreyList::BackupReport backupNow() override {
         ++backups;
         return report;
@@ -55,6 +61,10 @@ struct FakeServices : public AdminServices {
     Reputation::BackupReport reputationReport;
     std::atomic<int> reputationBackups{0};
     bool reputationChanges = false;
+    BackupGate endpointsGate;
+    MMSReputation::BackupReport endpointReport{{true, true, 1002, 42, 4, 1900, ""}, 20, 300};
+    std::atomic<int> endpointBackups{0};
+    bool endpointChanges = false;
     RestorePreview preview;
     std::function<RestoreOutcome(RestoreProgress const&)> restoring = [](RestoreProgress const&) {
         return RestoreOutcome{};
@@ -64,9 +74,11 @@ struct FakeServices : public AdminServices {
     std::vector<std::string> paths; // of restores and their previews
 };
 
-class AdminHandlers : public testing::Test {
+class AdminHandlers : public testing::Test, public MMSReputation::LoadedEndpoints {
   protected:
     AdminHandlers() {
+        MMSReputation::LoadReport::set({});
+        MMSReputation::BackupReport::set({});
         GreyList::LoadReport::setTuples({});
         GreyList::LoadReport::setExemptions({});
         GreyList::BackupReport::set({});
@@ -105,8 +117,7 @@ class AdminHandlers : public testing::Test {
     json ask(IPC::PduType request) { return askText(request, {}); }
     json ask(IPC::PduType request, json const& content) { return askText(request, content.dump()); }
 
-    CapturingLogger m_log;
-    GreyList::InstalledConfiguration m_configuration;
+    GreyList::InstalledConfiguration m_greylistConfiguration;
     FakeServices m_services;
     IPC::Dispatcher m_dispatcher{IPC::stateDaemonPort};
     IPC::SocketIPC m_client;
@@ -127,7 +138,8 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
     (**GreyList::TupleCache::instance()).add(GreyList::tuple(1), GreyList::Status(0, 0, 0));
 
     json status = ask(IPC::PduType::adminStatus);
-    EXPECT_EQ(status.erase("reputation"), 1U); // has a test of its own
+    EXPECT_EQ(status.erase("reputation"), 1U); // have tests of their own
+    EXPECT_EQ(status.erase("endpoints"), 1U);
     EXPECT_GE(status["uptime_seconds"], 100);
     EXPECT_LE(status["uptime_seconds"], 160);
     status.erase("uptime_seconds");
@@ -197,9 +209,20 @@ TEST_F(AdminHandlers, ABackupAnswersItsNumbers) {
                                                       {"addresses", 10},
                                                       {"left_out", 3},
                                                       {"bytes", 1700},
+                                                      {"problem", ""}}},
+                                                    {"endpoints",
+                                                     {{"accepted", true},
+                                                      {"started", 1002},
+                                                      {"milliseconds", 42},
+                                                      {"slices", 300},
+                                                      {"subscribers", 20},
+                                                      {"left_out", 4},
+                                                      {"bytes", 1900},
                                                       {"problem", ""}}}}));
     EXPECT_EQ(m_services.backups, 1);
     EXPECT_EQ(m_services.reputationBackups, 1);
+    EXPECT_EQ(m_services.endpointBackups, 1);
+    EXPECT_TRUE(m_log.waitForNote("administration: backup of 300 slices of endpoints of 20 subscribers handed over"));
     EXPECT_TRUE(m_log.waitForNote("administration: backup of 120 hours of sender reputation of 10 addresses handed "
                                   "over"));
     EXPECT_TRUE(m_log.waitForNote("administration: backup of 16 tuples and 2 exemptions handed over"));
@@ -228,6 +251,93 @@ TEST_F(AdminHandlers, GateOfSenderReputationHoldsUpOnlyItsOwnBackup) {
     EXPECT_EQ(answer.at("error"), "sender reputation: backups are off: row 3 of sender_reputation");
     EXPECT_EQ(m_services.backups, 1);
     EXPECT_EQ(m_services.reputationBackups, 0);
+    EXPECT_EQ(m_services.endpointBackups, 1);
+}
+
+TEST_F(AdminHandlers, GateOfEndpointsHoldsUpOnlyTheirOwnBackup) {
+    m_services.report = {{true, true, 1000, 40, 1, 1500, ""}, 16, 2};
+    m_services.reputationReport.accepted = true;
+    m_services.endpointsGate = {false, "row 3 of mms_reputation"};
+    json const answer = ask(IPC::PduType::adminBackup);
+    EXPECT_EQ(answer.at("accepted"), true);
+    EXPECT_FALSE(answer.at("reputation").contains("error"));
+    EXPECT_EQ(answer.at("endpoints"), json({{"error", "backups are off: row 3 of mms_reputation"}}));
+    EXPECT_EQ(answer.at("error"), "endpoints: backups are off: row 3 of mms_reputation");
+    EXPECT_EQ(m_services.backups, 1);
+    EXPECT_EQ(m_services.reputationBackups, 1);
+    EXPECT_EQ(m_services.endpointBackups, 0);
+}
+
+TEST_F(AdminHandlers, FirstFamilyThatFailedIsTheError) {
+    m_services.report = {{true, true, 1000, 40, 1, 1500, ""}, 16, 2};
+    m_services.reputationReport.problem = "one";
+    m_services.endpointReport = {};
+    m_services.endpointReport.problem = "two";
+    json const answer = ask(IPC::PduType::adminBackup);
+    EXPECT_EQ(answer.at("error"), "sender reputation: one");
+    EXPECT_EQ(answer.at("endpoints").at("error"), "two");
+}
+
+TEST_F(AdminHandlers, StatusTellsOfEndpoints) {
+    MMSReputation::LoadReport loads;
+    loads.entries = {true, true, 120, ""};
+    loads.exemptList = {true, true, 3, ""};
+    loads.blacklist = {true, false, 0, "row 2 of mms_blacklist"};
+    MMSReputation::LoadReport::set(loads);
+    MMSReputation::BackupReport::set({{true, false, 1000, 40, 1, 1500, "no answer"}, 10, 110});
+    m_services.endpointsGate = {false, "row 3 of mms_reputation"};
+    add(1);
+    EXPECT_EQ(ask(IPC::PduType::adminStatus).at("endpoints"),
+              json({{"entries",
+                     {{"size", 1},
+                      {"capacity", 10000},
+                      {"load", {{"attempted", true}, {"loaded", true}, {"rows", 120}, {"problem", ""}}}}},
+                    {"exempt_list", {{"load", {{"attempted", true}, {"loaded", true}, {"rows", 3}, {"problem", ""}}}}},
+                    {"blacklist",
+                     {{"load",
+                       {{"attempted", true}, {"loaded", false}, {"rows", 0}, {"problem", "row 2 of mms_blacklist"}}}}},
+                    {"backup",
+                     {{"allowed", false},
+                      {"reason", "row 3 of mms_reputation"},
+                      {"last",
+                       {{"accepted", false},
+                        {"started", 1000},
+                        {"milliseconds", 40},
+                        {"slices", 110},
+                        {"subscribers", 10},
+                        {"left_out", 1},
+                        {"bytes", 1500},
+                        {"problem", "no answer"}}}}}}));
+}
+
+TEST_F(AdminHandlers, AcceptEmptyOfEndpointsIsItsOwn) {
+    add(1);
+    m_services.endpointChanges = true;
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty, {{"family", "endpoint"}}),
+              json({{"changed", true}, {"subscribers", 1}}));
+    EXPECT_TRUE(m_log.waitForNote("backups of endpoints, 1 subscribers, may now replace tables"));
+    m_services.endpointChanges = false;
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty, {{"family", "endpoint"}}).at("changed"), false);
+    EXPECT_EQ(ask(IPC::PduType::adminAcceptEmpty, {{"family", "greylist"}}).at("changed"), false);
+}
+
+TEST_F(AdminHandlers, ScriptOfEndpointsIsTold) {
+    m_services.preview.ofEndpoints = true;
+    m_services.preview.scriptSlices = 120;
+    m_services.preview.tableSlices = 130;
+    m_services.preview.cachedSubscribers = 14;
+    json const preview = ask(IPC::PduType::adminRestore, {{"path", "/e.sql"}, {"dry_run", true}});
+    EXPECT_EQ(preview.at("script").at("slices"), 120);
+    EXPECT_EQ(preview.at("tables").at("slices"), 130);
+    EXPECT_EQ(preview.at("caches").at("subscribers"), 14);
+    m_services.restoring = [](RestoreProgress const&) {
+        RestoreOutcome outcome;
+        outcome.ofEndpoints = true;
+        outcome.slices = 120;
+        return outcome;
+    };
+    EXPECT_EQ(ask(IPC::PduType::adminRestore, {{"path", "/e.sql"}}).at("loaded").at("slices"), 120);
+    EXPECT_TRUE(m_log.waitForNote("restore of /e.sql done, 120 slices of endpoints loaded"));
 }
 
 TEST_F(AdminHandlers, BackupOfSenderReputationThatWasRefusedIsAnError) {

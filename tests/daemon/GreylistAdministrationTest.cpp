@@ -34,7 +34,9 @@ struct TestAdministration : public GreylistAdministration {
     DaemonStatus status() const override { return {}; }
     BackupGate backupGate() const override { return {}; }
     BackupGate reputationGate() const override { return {}; }
+    BackupGate endpointGate() const override { return {}; }
     bool acceptEmpty() override { return false; }
+    bool acceptEmptyEndpoints() override { return false; }
     bool acceptEmptyReputations() override { return false; }
     void cachesLoaded() override { ++loads; }
 

@@ -73,12 +73,30 @@ TEST_F(ScriptFactsOf, AScriptThatWasCutOffIsNotComplete) {
 }
 
 TEST_F(ScriptFactsOf, TablesThatARestoreDoesNotKnowAreNamed) {
-    EXPECT_EQ(of("LOCK TABLES mms_reputation WRITE, mms_reputation_expiry WRITE;\nUNLOCK TABLES;\n").otherTable,
-              "mms_reputation");
+    EXPECT_EQ(of("LOCK TABLES mms_blacklist WRITE, mms_exempt WRITE;\nUNLOCK TABLES;\n").otherTable, "mms_blacklist");
+    EXPECT_EQ(of("LOCK TABLES mms_reputation WRITE,mms_reputation_expiry WRITE;\nUNLOCK TABLES;\n").otherTable, "");
     EXPECT_EQ(of("LOCK TABLES grey_list WRITE,autoexempt WRITE;\nUNLOCK TABLES;\n").otherTable, "");
     EXPECT_EQ(of("LOCK TABLES sender_reputation WRITE,sender_reputation_state WRITE;\nUNLOCK TABLES;\n").otherTable,
               "");
     EXPECT_EQ(of("insert into x values (1);\ncommit;\n").otherTable, "") << "locks nothing";
+}
+
+TEST_F(ScriptFactsOf, ScriptOfEndpointsTellsItsSlices) {
+    ScriptFacts const facts = of("LOCK TABLES mms_reputation WRITE,mms_reputation_expiry WRITE;\n"
+                                 "delete from mms_reputation;\n"
+                                 "delete from mms_reputation_expiry;\n"
+                                 "\nINSERT INTO mms_reputation VALUES"
+                                 "\n('1', 15, 0, 2),\n('1', 16, 1, 0),\n('2', 16, 3, 4);\ncommit;\n"
+                                 "\nINSERT INTO mms_reputation_expiry VALUES"
+                                 "\n('1', 0),\n('2', 1700000000);\ncommit;\n"
+                                 "\nUNLOCK TABLES;\n");
+    EXPECT_TRUE(facts.ofEndpoints);
+    EXPECT_FALSE(facts.ofReputation);
+    EXPECT_EQ(facts.slices, 3U);
+    EXPECT_EQ(facts.tuples + facts.exemptions + facts.reputations, 0U);
+    EXPECT_EQ(facts.newest, 0) << "a slice is no time";
+    EXPECT_TRUE(facts.complete);
+    EXPECT_FALSE(of("LOCK TABLES grey_list WRITE,autoexempt WRITE;\nUNLOCK TABLES;\n").ofEndpoints);
 }
 
 TEST_F(ScriptFactsOf, OtherFilesHaveNoRows) {

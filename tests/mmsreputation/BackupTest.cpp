@@ -287,7 +287,8 @@ TEST_F(EndpointBackup, CacheThatMissesEntriesIsNotWritten) {
         "entries of the tables and must not replace them: row 3 was refused");
     EXPECT_FALSE(std::filesystem::exists(path()));
     EXPECT_THAT(daemon.requests(), IsEmpty());
-    m_cache->isTakenAsWhole();
+    EXPECT_TRUE(m_cache->takeAsWhole());
+    EXPECT_FALSE(m_cache->takeAsWhole()) << "it is already";
     EXPECT_EQ(m_cache->whyNotWhole(), "");
     EXPECT_TRUE(Database::write(path()));
 }

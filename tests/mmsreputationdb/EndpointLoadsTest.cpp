@@ -122,6 +122,57 @@ TEST_F(EndpointInDaemon, MissedListsAreReadAgainWithoutTheEntries) {
     EXPECT_THAT(blacklistHeld(), ElementsAre("21"));
 }
 
+TEST_F(EndpointInDaemon, MissedEntriesThatAreAcceptedAreBackedUpAndTheListsAreStillTried) {
+    run({"insert into mms_reputation values ('1', " + m_at + ", 5, 0), ('', 1, 1, 1)",
+         "insert into mms_reputation_expiry values ('1', 0), ('', 0)", "insert into mms_exempt values ('11')",
+         "insert into mms_blacklist values ('21'), ('')"});
+    load();
+    EXPECT_THAT(whyEndpointsAreNotBackedUp(), HasSubstr("Invalid EndpointReputation Entry"));
+    EXPECT_TRUE(acceptEndpoints());
+    EXPECT_FALSE(acceptEndpoints()) << "there is nothing more to accept";
+    EXPECT_EQ(whyEndpointsAreNotBackedUp(), "");
+    EXPECT_NE(m_loads.problem(), "") << "the lists were not read either";
+    m_loads.tryAgain();
+    lookAtTheCache();
+    EXPECT_THAT(exemptHeld(), ElementsAre("11"));
+    EXPECT_THAT(m_loads.problem(), HasSubstr("row 1 of mms_blacklist"));
+    EXPECT_THAT(held(), IsEmpty()) << "what was given up, behind the refused row, is not loaded again";
+    run({"delete from mms_blacklist where msisdn = ''"});
+    m_loads.tryAgain();
+    EXPECT_EQ(m_loads.problem(), "");
+    EXPECT_THAT(blacklistHeld(), ElementsAre("21"));
+    FakeDatabaseDaemon const daemon;
+    takeLastBackup();
+    EXPECT_EQ(daemon.requests().size(), 1U);
+}
+
+TEST_F(EndpointInDaemon, LoadThatFailsAfterAnAcceptedOneShutsTheGateAgain) {
+    run({"insert into mms_reputation values ('', 1, 1, 1)", "insert into mms_reputation_expiry values ('', 0)"});
+    load();
+    EXPECT_TRUE(acceptEndpoints());
+    load();
+    EXPECT_THAT(whyEndpointsAreNotBackedUp(), HasSubstr("Invalid EndpointReputation Entry"));
+    EXPECT_TRUE(acceptEndpoints());
+}
+
+TEST_F(EndpointInDaemon, MissedListsHoldUpNoBackup) {
+    run({"insert into mms_blacklist values ('')"});
+    load();
+    EXPECT_NE(m_loads.problem(), "");
+    EXPECT_EQ(whyEndpointsAreNotBackedUp(), "");
+    EXPECT_FALSE(acceptEndpoints());
+}
+
+TEST_F(EndpointInDaemon, HourlyBackupAsksWhetherItMay) {
+    bool may = false;
+    EndpointConfiguration const state({}, scriptPath(), [&] { return may; });
+    EXPECT_FALSE(state.haMaster());
+    may = true;
+    EXPECT_TRUE(state.haMaster());
+    EndpointConfiguration const off({.backup = false}, scriptPath(), [&] { return may; });
+    EXPECT_FALSE(off.haMaster());
+}
+
 TEST_F(EndpointInDaemon, TryingWhileTheServerIsAwayThrowsAndKeepsTheCache) {
     LoadReport::set({});
     UnreachableServer const away;

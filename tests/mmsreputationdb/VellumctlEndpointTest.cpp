@@ -1,7 +1,6 @@
 // The endpoint commands, as the built program runs them, with the daemon's handlers and a real database behind it.
 #include "tests/support/EndpointDaemon.h"
 #include "tests/support/EndpointTables.h"
-#include "tests/support/UnreachableServer.h"
 #include "tests/tools/ChildProgram.h"
 #include "tools/vellumctl/TimeText.h"
 
@@ -124,16 +123,6 @@ TEST_F(VellumctlEndpoint, RemovesOne) {
     expectDone(run({"remove", "15555550001"}), "15555550001 is removed from the daemon's memory\n");
     expectDone(run({"remove", "15555550001"}), "15555550001 was not in the daemon's memory\n");
     EXPECT_EQ(held().size(), 2U);
-}
-
-TEST_F(VellumctlEndpoint, Reloads) {
-    run({"list"});
-    server().run({"insert into mms_blacklist values ('21')"}, databaseName);
-    expectDone(run({"reload"}), "loaded: 0 subscribers, and both lists\n");
-    m_cache = MMSReputation::RefCache::instance(nullptr, 255);
-    EXPECT_THAT(blacklistHeld(), ElementsAre("21"));
-    UnreachableServer const away;
-    expectFailed(run({"reload"}), 1, "the daemon could not reload, its log says why");
 }
 
 TEST_F(VellumctlEndpoint, EditsTheBlacklistAndShowsItWhateverTheCFunctionAnswers) {

@@ -54,6 +54,8 @@ TEST(Arguments, CommandsAreKnownByTheirNames) {
         {{"reputation", "set-state", "192.0.2.1", "3"}, Command::reputationSetState, "reputation set-state"},
         {{"reputation", "reload"}, Command::reputationReload, "reputation reload"},
         {{"reputation", "accept-empty"}, Command::reputationAcceptEmpty, "reputation accept-empty"},
+        {{"endpoint", "reload"}, Command::endpointReload, "endpoint reload"},
+        {{"endpoint", "accept-empty"}, Command::endpointAcceptEmpty, "endpoint accept-empty"},
         {{"rate", "list"}, Command::rateList, "rate list"},
         {{"rate", "show", "a@b"}, Command::rateShow, "rate show"}};
     for (auto const& expected : cases) {

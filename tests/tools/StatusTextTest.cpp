@@ -179,6 +179,65 @@ TEST_F(StatusText, SenderReputationHasLinesOfItsOwn) {
     EXPECT_EQ(reputationLoadProblem(all), "sender reputation could not be loaded: row 3");
 }
 
+TEST_F(StatusText, EndpointsHaveLinesOfTheirOwn) {
+    Json all = status();
+    Json const last = {{"accepted", true}, {"started", now - 180}, {"milliseconds", 40}, {"slices", 1},
+                       {"subscribers", 1}, {"left_out", 0},        {"bytes", 1500},      {"problem", ""}};
+    all["endpoints"] = {{"entries", {{"size", 10}, {"capacity", 10000}, {"load", load(120)}}},
+                        {"exempt_list", {{"load", load(3)}}},
+                        {"blacklist", {{"load", load(1)}}},
+                        {"backup", {{"allowed", true}, {"reason", ""}, {"last", last}}}};
+    EXPECT_NE(statusText(all, now).find("Endpoints    10 of 10000 (0 %); 120 rows loaded\n"
+                                        "             exempt list: 3 rows loaded\n"
+                                        "             blacklist: 1 row loaded\n"
+                                        "             backups on\n"
+                                        "             last backup 2026-11-21 10:01 (3 min ago): 1 slice of 1 "
+                                        "subscriber, 1.5 kB in 40 ms\n"),
+              std::string::npos)
+        << statusText(all, now);
+    EXPECT_EQ(endpointLoadProblem(all), "");
+    EXPECT_EQ(endpointLoadedText(all), "120 slices, 3 exempt and 1 blacklisted number loaded");
+    all["endpoints"]["blacklist"]["load"] = {{"attempted", true}, {"loaded", false}, {"problem", "row 3"}};
+    EXPECT_EQ(endpointLoadProblem(all), "the blacklist could not be loaded: row 3");
+    all["endpoints"]["exempt_list"]["load"] = {{"attempted", false}, {"loaded", false}, {"problem", ""}};
+    EXPECT_EQ(endpointLoadProblem(all),
+              "the exempt list could not be loaded: not tried; the blacklist could not be loaded: row 3");
+    for (char const* part : {"entries", "exempt_list", "blacklist"}) {
+        all["endpoints"][part]["load"] = {{"attempted", true}, {"loaded", false}, {"problem", "row 3"}};
+    }
+    all["endpoints"]["backup"] = {{"allowed", false}, {"reason", "row 3"}, {"last", nullptr}};
+    EXPECT_EQ(endpointLoadProblem(all), "the endpoint entries could not be loaded: row 3")
+        << "what comes behind is missed for the same reason";
+    EXPECT_NE(statusText(all, now).find("THE LAST LOAD FAILED: row 3\n"
+                                        "             BACKUPS OFF: row 3\n"
+                                        "             last backup none since the start\n"),
+              std::string::npos)
+        << statusText(all, now);
+}
+
+TEST_F(StatusText, BackupAndRestoreTellOfEndpoints) {
+    Json answer = status()["backup"]["last"];
+    answer["endpoints"] = {{"accepted", true}, {"slices", 2}, {"subscribers", 1}, {"bytes", 300}, {"milliseconds", 4}};
+    EXPECT_EQ(acceptedBackupText(answer),
+              "accepted by the database daemon: 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
+              "accepted by the database daemon: 2 slices of 1 subscriber, 300 bytes in 4 ms\n");
+    Json const preview = {{"path", "/e.sql"},
+                          {"script", {{"slices", 120}, {"tuples", 0}, {"complete", true}}},
+                          {"tables", {{"slices", 130}}},
+                          {"caches", {{"subscribers", 14}}}};
+    std::string const text = previewText(preview, now);
+    EXPECT_NE(text.find("             120 slices of endpoints\n"
+                        "Replaces     130 slices in the tables\n"
+                        "             14 subscribers in the daemon's memory\n"),
+              std::string::npos)
+        << text;
+    EXPECT_EQ(text.find("tuples"), std::string::npos) << text;
+    EXPECT_EQ(restoredText({{"loaded", {{"tuples", 0}, {"exemptions", 0}, {"slices", 120}}}, {"milliseconds", 7}}),
+              "restored: 120 slices loaded in 7 ms\n");
+    EXPECT_EQ(acceptedText({{"changed", true}, {"subscribers", 1}}),
+              "accepted: the next backup replaces the tables by 1 subscriber\n");
+}
+
 TEST_F(StatusText, BackupAndRestoreTellOfSenderReputation) {
     Json answer = status()["backup"]["last"];
     answer["reputation"] = {{"accepted", true}, {"records", 2}, {"addresses", 1}, {"bytes", 300}, {"milliseconds", 4}};

@@ -26,6 +26,8 @@ std::uint64_t countIn(Json const& progress, char const* key) {
     return found != progress.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
 }
 
+constexpr char const* untouched = "What could not be loaded is as it was before, and backups stay off.";
+
 // Asks on standard error, so that standard output holds nothing but the result.
 bool confirmed() {
     std::cerr << "Restore it? [y/N] " << std::flush;
@@ -99,11 +101,18 @@ Json AdminCommands::statusAfterReload(DaemonConnection& daemon) {
 }
 
 void AdminCommands::reload() {
-    reload({IPC::PduType::reloadGreylist, "greylist", loadProblem, loadedText});
+    reload({IPC::PduType::reloadGreylist, "greylist", untouched, loadProblem, loadedText});
 }
 
 void AdminCommands::reloadReputation() {
-    reload({IPC::PduType::reloadReputations, "reputation", reputationLoadProblem, reputationLoadedText});
+    reload({IPC::PduType::reloadReputations, "reputation", untouched, reputationLoadProblem, reputationLoadedText});
+}
+
+void AdminCommands::reloadEndpoints() {
+    reload({IPC::PduType::reloadEndpoints, "endpoint",
+            "What comes behind it is not in memory, and loading is tried again every minute; while entries are missed, "
+            "backups of endpoints stay off.",
+            endpointLoadProblem, endpointLoadedText});
 }
 
 void AdminCommands::reload(Reload const& which) {
@@ -114,9 +123,8 @@ void AdminCommands::reload(Reload const& which) {
     settle(status);
     std::string const problem = which.problem(status);
     if (!problem.empty()) {
-        throw Failure(ExitCode::failed, problem +
-                                            "\nWhat could not be loaded is as it was before, and backups stay off. "
-                                            "Correct the row and reload, or give the table's rows up with "
+        throw Failure(ExitCode::failed, problem + "\n" + which.missed +
+                                            " Correct the row and reload, or give the table's rows up with "
                                             "\"vellumctl " +
                                             which.family + " accept-empty\".");
     }

@@ -26,7 +26,8 @@ class AdminCommands {
     // The request has no answer of its own, so the status before and after tells how it went.
     void reload(); // the greylist
     void reloadReputation();
-    // Of "greylist" or "reputation".
+    void reloadEndpoints();
+    // Of "greylist", "reputation" or "endpoint".
     void acceptEmpty(std::string const& family);
     // Tells what would be lost and, unless told otherwise, asks on the terminal first.
     void restore(RestoreRequest const& request, ProgressBar& bar);
@@ -39,6 +40,7 @@ class AdminCommands {
     struct Reload {
         IPC::PduType request;
         std::string family;
+        std::string missed;                         // what has become of what could not be loaded
         std::string (*problem)(Json const& status); // of the load; empty when there was none
         std::string (*loaded)(Json const& status);  // what was loaded
     };

@@ -254,6 +254,8 @@ class Parser {
         addPlaceOptions(remove);
         addPlaceOptions(*addLeaf(endpoint, "reload", "Load the cache and both lists from the tables again",
                                  Command::endpointReload, HelpText::endpointReload));
+        addPlaceOptions(*addLeaf(endpoint, "accept-empty", "Give up tables that could not be loaded",
+                                 Command::endpointAcceptEmpty, HelpText::acceptEmpty));
         addEndpointList(endpoint, "blacklist", "Numbers that are always treated as bad", EndpointList::blacklist);
         addEndpointList(endpoint, "exempt", "Numbers that are never scored", EndpointList::exempt);
         CLI::App& scores = *addLeaf(endpoint, "scores", "Have the daemon dump its scores into their table, and show it",

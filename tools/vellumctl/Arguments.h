@@ -29,6 +29,7 @@ enum class Command {
     endpointShow,
     endpointRemove,
     endpointReload,
+    endpointAcceptEmpty,
     endpointScores,
     endpointListAdd,
     endpointListRemove,

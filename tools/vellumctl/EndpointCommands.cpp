@@ -116,18 +116,4 @@ void removeEndpoint(DaemonConnection& daemon, std::string const& number, Output&
     output.flush();
 }
 
-void reloadEndpoints(DaemonConnection& daemon, Output& output) {
-    countOf(daemon); // a daemon that does not serve us says so now, not after the reload
-    daemon.send(IPC::PduType::reloadEndpoints);
-    std::uint64_t count = 0;
-    try {
-        count = countOf(daemon);
-    } catch (Failure const&) {
-        throw Failure(ExitCode::failed, "the daemon could not reload, its log says why; most likely the database "
-                                        "cannot be reached");
-    }
-    output.write("loaded: " + std::to_string(count) + " subscribers, and both lists\n");
-    output.flush();
-}
-
 } // namespace Vellum::Tools

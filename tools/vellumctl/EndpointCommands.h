@@ -33,7 +33,5 @@ void listEndpoints(DaemonConnection& daemon, EndpointListRequest const& request,
 void showEndpoint(DaemonConnection& daemon, std::string const& number, EndpointStyle const& style, Output& output);
 // Drops a subscriber's counts and automatic blacklisting. One who is not there is no failure.
 void removeEndpoint(DaemonConnection& daemon, std::string const& number, Output& output);
-// Loads the cache and both lists from the tables again.
-void reloadEndpoints(DaemonConnection& daemon, Output& output);
 
 } // namespace Vellum::Tools

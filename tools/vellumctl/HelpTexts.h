@@ -81,9 +81,10 @@ inline constexpr char const* endpointRemove =
     "follow with the next backup.";
 
 inline constexpr char const* endpointReload =
-    "For tables that were changed by somebody else. What was counted since the last backup is lost. A table\n"
-    "that cannot be read is named in the daemon's log; backups of endpoints then stay off, and loading is tried\n"
-    "again every minute.";
+    "For tables that were changed by somebody else. What was counted since the last backup is lost. A row that\n"
+    "cannot be read is named, and what comes behind it is not in memory; loading is tried again every minute.\n"
+    "While entries are missed, backups of endpoints stay off, until a load succeeds or\n"
+    "\"vellumctl endpoint accept-empty\".";
 
 inline constexpr char const* endpointLists =
     "The lists stand in the database, and the daemon is told to read them again. The account of the database is\n"

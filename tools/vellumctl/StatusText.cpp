@@ -37,8 +37,13 @@ std::string count(std::int64_t number, char const* one, char const* many) {
     return std::to_string(number) + " " + (number == 1 ? one : many);
 }
 
-// Of an object with "records" and "addresses" of sender reputation, or with "tuples" and "exemptions".
+// Of an object with "records" and "addresses" of sender reputation, with "slices" and "subscribers" of endpoints, or
+// with "tuples" and "exemptions".
 std::string recordsText(Json const& json) {
+    if (!part(json, "slices").is_null()) {
+        return count(whole(part(json, "slices")), "slice", "slices") + " of " +
+               count(whole(part(json, "subscribers")), "subscriber", "subscribers");
+    }
     if (!part(json, "records").is_null()) {
         return count(whole(part(json, "records")), "hour", "hours") + " of " +
                count(whole(part(json, "addresses")), "address", "addresses");
@@ -108,6 +113,11 @@ std::string databaseText(Json const& database, std::int64_t now) {
     return flag(reachable) ? "reachable" + when : "NOT REACHABLE" + when + ": " + text(part(database, "problem"));
 }
 
+void addBackup(Lines& lines, std::string const& label, Json const& backup, std::int64_t now) {
+    lines.add(label, flag(part(backup, "allowed")) ? "backups on" : "BACKUPS OFF: " + text(part(backup, "reason")));
+    lines.add(label, "last backup " + lastBackupText(part(backup, "last"), now));
+}
+
 void addDecisions(Lines& lines, Json const& decisions) {
     for (Json const& decision : decisions) {
         std::string what = text(part(decision, "action")) + " " + text(part(decision, "reason"));
@@ -131,11 +141,14 @@ std::string statusText(Json const& status, std::int64_t now) {
     lines.add("Backups", flag(part(backup, "allowed")) ? "on" : "OFF: " + text(part(backup, "reason")));
     lines.add("Last backup", lastBackupText(part(backup, "last"), now));
     if (Json const& reputation = part(status, "reputation"); !reputation.is_null()) {
-        Json const& saved = part(reputation, "backup");
         lines.add("Reputation", cacheText(part(reputation, "entries")));
-        lines.add("Reputation",
-                  flag(part(saved, "allowed")) ? "backups on" : "BACKUPS OFF: " + text(part(saved, "reason")));
-        lines.add("Reputation", "last backup " + lastBackupText(part(saved, "last"), now));
+        addBackup(lines, "Reputation", part(reputation, "backup"), now);
+    }
+    if (Json const& endpoints = part(status, "endpoints"); !endpoints.is_null()) {
+        lines.add("Endpoints", cacheText(part(endpoints, "entries")));
+        lines.add("Endpoints", "exempt list: " + loadText(part(part(endpoints, "exempt_list"), "load")));
+        lines.add("Endpoints", "blacklist: " + loadText(part(part(endpoints, "blacklist"), "load")));
+        addBackup(lines, "Endpoints", part(endpoints, "backup"), now);
     }
     lines.add("Database", databaseText(part(status, "database"), now));
     addDecisions(lines, part(status, "decisions"));
@@ -176,11 +189,39 @@ std::string reputationLoadedText(Json const& status) {
     return count(whole(part(load, "rows")), "hour", "hours") + " loaded";
 }
 
+std::string endpointLoadProblem(Json const& status) {
+    // A load ends at the first part that fails, and what comes behind it is missed for the same reason.
+    std::string problems;
+    std::string told;
+    for (auto const& [key, name] : {std::pair{"entries", "the endpoint entries"},
+                                    {"exempt_list", "the exempt list"},
+                                    {"blacklist", "the blacklist"}}) {
+        Json const& load = part(part(part(status, "endpoints"), key), "load");
+        std::string const why = flag(part(load, "attempted")) ? text(part(load, "problem")) : "not tried";
+        if (!flag(part(load, "loaded")) && why != told) {
+            problems += (problems.empty() ? "" : "; ") + std::string(name) + " could not be loaded: " + why;
+            told = why;
+        }
+    }
+    return problems;
+}
+
+std::string endpointLoadedText(Json const& status) {
+    Json const& endpoints = part(status, "endpoints");
+    auto const rows = [&](char const* key) {
+        return whole(part(part(part(endpoints, key), "load"), "rows"));
+    };
+    return count(rows("entries"), "slice", "slices") + ", " + std::to_string(rows("exempt_list")) + " exempt and " +
+           count(rows("blacklist"), "blacklisted number", "blacklisted numbers") + " loaded";
+}
+
 std::string acceptedBackupText(Json const& answer) {
     std::string const accepted = "accepted by the database daemon: ";
     std::string all = accepted + backupText(answer) + "\n";
-    if (Json const& reputation = part(answer, "reputation"); !reputation.is_null()) {
-        all += accepted + backupText(reputation) + "\n";
+    for (char const* family : {"reputation", "endpoints"}) {
+        if (Json const& report = part(answer, family); !report.is_null()) {
+            all += accepted + backupText(report) + "\n";
+        }
     }
     return all;
 }
@@ -203,10 +244,13 @@ std::string previewText(Json const& preview, std::int64_t now) {
     lines.add("Script", "written " + timeText(whole(part(script, "modified")), now) + ", " +
                             bytesText(static_cast<std::uint64_t>(whole(part(script, "bytes")))));
     Json const& hours = part(script, "reputations");
-    if (hours.is_null()) {
-        lines.add("Script", recordsText(script) + (newest == 0 ? "" : ", the newest of " + timeText(newest, now)));
-    } else {
+    Json const& slices = part(script, "slices");
+    if (!hours.is_null()) {
         lines.add("Script", count(whole(hours), "hour", "hours") + " of sender reputation");
+    } else if (!slices.is_null()) {
+        lines.add("Script", count(whole(slices), "slice", "slices") + " of endpoints");
+    } else {
+        lines.add("Script", recordsText(script) + (newest == 0 ? "" : ", the newest of " + timeText(newest, now)));
     }
     if (!flag(part(script, "complete"))) {
         lines.add("Script", "IT DOES NOT END AS A BACKUP DOES, and will be refused");
@@ -218,6 +262,13 @@ std::string previewText(Json const& preview, std::int64_t now) {
                                   " in the daemon's memory");
         return lines.all() + "Whatever is newer than the script is lost.\n";
     }
+    if (!slices.is_null()) {
+        Json const& replaced = part(part(preview, "tables"), "slices");
+        Json const& held = part(part(preview, "caches"), "subscribers");
+        lines.add("Replaces", count(whole(replaced), "slice", "slices") + " in the tables");
+        lines.add("Replaces", count(whole(held), "subscriber", "subscribers") + " in the daemon's memory");
+        return lines.all() + "Whatever is newer than the script is lost.\n";
+    }
     lines.add("Replaces", recordsText(part(preview, "tables")) + " in the tables");
     lines.add("Replaces", recordsText(part(preview, "caches")) + " in the daemon's memory");
     return lines.all() + "Whatever is newer than the script is lost.\n";
@@ -226,17 +277,24 @@ std::string previewText(Json const& preview, std::int64_t now) {
 std::string restoredText(Json const& outcome) {
     Json const& loaded = part(outcome, "loaded");
     Json const& hours = part(loaded, "reputations");
-    return "restored: " + (hours.is_null() ? recordsText(loaded) : count(whole(hours), "hour", "hours")) +
-           " loaded in " + millisecondsText(static_cast<std::uint64_t>(whole(part(outcome, "milliseconds")))) + "\n";
+    Json const& slices = part(loaded, "slices");
+    std::string const what = !hours.is_null()    ? count(whole(hours), "hour", "hours")
+                             : !slices.is_null() ? count(whole(slices), "slice", "slices")
+                                                 : recordsText(loaded);
+    return "restored: " + what + " loaded in " +
+           millisecondsText(static_cast<std::uint64_t>(whole(part(outcome, "milliseconds")))) + "\n";
 }
 
 std::string acceptedText(Json const& answer) {
-    return flag(part(answer, "changed")) ? "accepted: the next backup replaces the tables by " +
-                                               (part(answer, "addresses").is_null()
-                                                    ? recordsText(answer)
-                                                    : count(whole(part(answer, "addresses")), "address", "addresses")) +
-                                               "\n"
-                                         : "nothing to accept: backups are on\n";
+    if (!flag(part(answer, "changed"))) {
+        return "nothing to accept: backups are on\n";
+    }
+    Json const& addresses = part(answer, "addresses");
+    Json const& subscribers = part(answer, "subscribers");
+    std::string const what = !addresses.is_null()     ? count(whole(addresses), "address", "addresses")
+                             : !subscribers.is_null() ? count(whole(subscribers), "subscriber", "subscribers")
+                                                      : recordsText(answer);
+    return "accepted: the next backup replaces the tables by " + what + "\n";
 }
 
 } // namespace Vellum::Tools

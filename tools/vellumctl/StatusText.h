@@ -22,6 +22,9 @@ std::string loadedText(Json const& status);
 // The same of sender reputation: "120 hours loaded".
 std::string reputationLoadProblem(Json const& status);
 std::string reputationLoadedText(Json const& status);
+// The same of endpoints: "12 slices, 3 exempt and 4 blacklisted numbers loaded".
+std::string endpointLoadProblem(Json const& status);
+std::string endpointLoadedText(Json const& status);
 // What the answer to adminBackup says of one family's backup.
 std::string backupText(Json const& report);
 // The whole answer, of backups that were accepted.

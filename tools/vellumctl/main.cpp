@@ -20,11 +20,8 @@ void runEndpoint(DaemonConnection& daemon, Arguments const& arguments, Output& o
     case Command::endpointShow:
         showEndpoint(daemon, arguments.endpoints.front(), arguments.endpointStyle, output);
         break;
-    case Command::endpointRemove:
-        removeEndpoint(daemon, arguments.endpoints.front(), output);
-        break;
     default:
-        reloadEndpoints(daemon, output);
+        removeEndpoint(daemon, arguments.endpoints.front(), output);
     }
 }
 
@@ -110,6 +107,12 @@ void run(Arguments const& arguments) {
         break;
     case Command::reputationAcceptEmpty:
         commands.acceptEmpty("reputation");
+        break;
+    case Command::endpointReload:
+        commands.reloadEndpoints();
+        break;
+    case Command::endpointAcceptEmpty:
+        commands.acceptEmpty("endpoint");
         break;
     case Command::status:
         commands.status();
