@@ -56,6 +56,7 @@ IPC::Dispatcher& dispatcher() {
 
 Daemon::Daemon(std::string settingsPath)
     : m_settingsPath(std::move(settingsPath)), m_startedAt(clockNow()), m_settings(Settings::load(m_settingsPath)),
+      m_highAvailability(std::make_shared<HighAvailability>(m_settings.highAvailability)),
       m_loads(greylistTables(), [this] { cachesLoaded(); }) {}
 
 // Whatever may still log is gone before the loggers are.
@@ -87,13 +88,16 @@ int Daemon::run() {
     try {
         m_instanceLock = std::make_unique<InstanceLock>(m_settings.state.lockFile());
         useDatabase();
+        m_highAvailability->isActive();
         useGreylistConfiguration();
         m_reputation = std::make_unique<ReputationConfiguration>(
             m_settings.reputation, m_settings.state.reputationScript(),
-            [this] { return m_reputationLoads.mayBackUp() && !restoreRunning(); });
+            [this] { return m_reputationLoads.mayBackUp() && !restoreRunning() && m_highAvailability->isActive(); },
+            [pair = m_highAvailability] { pair->resync("reputation"); });
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
-        m_endpoints = std::make_unique<EndpointConfiguration>(m_settings.endpoint, m_settings.state.endpointScript(),
-                                                              [this] { return !restoreRunning(); });
+        m_endpoints = std::make_unique<EndpointConfiguration>(
+            m_settings.endpoint, m_settings.state.endpointScript(), [this] { return !restoreRunning(); },
+            m_highAvailability);
         m_rules = loadRules(m_settings);
         bringUpState();
         serve();
@@ -127,10 +131,13 @@ void Daemon::useDatabase() {
 
 void Daemon::useGreylistConfiguration() {
     auto const mayBackUp = [this] {
-        return m_loads.mayBackUp() && !restoreRunning();
+        return m_loads.mayBackUp() && !restoreRunning() && m_highAvailability->isActive();
+    };
+    auto const backupDone = [pair = m_highAvailability] {
+        pair->resync("greylist");
     };
     GreyList::RefConfiguration::instance(
-        new GreylistConfiguration(m_settings.greylist, m_settings.state.greylistScript(), mayBackUp));
+        new GreylistConfiguration(m_settings.greylist, m_settings.state.greylistScript(), mayBackUp, backupDone));
 }
 
 // A backup that was accepted before this start may not be in the tables yet. Loading them now would bring back what was
@@ -301,6 +308,7 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
 }
 
 void Daemon::keepHouse() {
+    m_highAvailability->isActive(); // so that a change is said, and trouble found, before the next backup is due
     m_databaseWatch.look(clockNow());
     if (m_databaseWatch.state().reachable.value_or(false)) {
         m_loads.tryAgain();
@@ -327,6 +335,7 @@ void Daemon::reload() {
         }
         m_settings = changed;
         useDatabase();
+        m_highAvailability->install(m_settings.highAvailability);
         useGreylistConfiguration();
         m_endpoints->change(m_settings.endpoint);
         m_reputation->change(m_settings.reputation);
@@ -363,16 +372,18 @@ void Daemon::stop() {
 }
 
 void Daemon::takeLastBackups() {
+    std::string const standby = m_highAvailability->isActive() ? "" : "this unit is not the active one";
     LastBackup greylist = lastGreylistBackup();
     greylist.enabled = m_settings.greylist.backup;
-    greylist.problem = m_loads.problem();
+    greylist.problem = standby.empty() ? m_loads.problem() : standby;
     takeLastBackup(greylist);
     LastBackup reputation = lastReputationBackup(m_reputation->backupPath());
     reputation.enabled = m_settings.reputation.backup;
-    reputation.problem = m_reputationLoads.problem();
+    reputation.problem = standby.empty() ? m_reputationLoads.problem() : standby;
     takeLastBackup(reputation);
     LastBackup endpoints = lastEndpointBackup(m_endpoints->fnameBackup());
     endpoints.enabled = m_settings.endpoint.backup;
+    endpoints.problem = standby.empty() ? endpoints.problem : standby;
     takeLastBackup(endpoints);
 }
 

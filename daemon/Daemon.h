@@ -10,6 +10,7 @@
 #include "daemon/Decision.h"
 #include "daemon/EndpointConfiguration.h"
 #include "daemon/GreylistAdministration.h"
+#include "daemon/HighAvailability.h"
 #include "daemon/Housekeeping.h"
 #include "daemon/InstanceLock.h"
 #include "daemon/LoadKeeper.h"
@@ -73,7 +74,9 @@ class Daemon : private GreylistAdministration {
 
     std::string const m_settingsPath;
     long const m_startedAt;
-    Settings m_settings;                            // as last read; main thread only
+    Settings m_settings; // as last read; main thread only
+    // Shared with the families' configurations, which a backup at the end may outlive this object with.
+    std::shared_ptr<HighAvailability> const m_highAvailability;
     GreyList::RefExemptRuleSet m_rules;             // as last read without a mistake; main thread only
     std::vector<std::unique_ptr<Logger>> m_loggers; // the last one is installed; older ones may still be in use
     std::unique_ptr<InstanceLock> m_instanceLock;

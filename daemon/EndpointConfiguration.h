@@ -2,11 +2,13 @@
 #pragma once
 
 #include "daemon/EndpointSettings.h"
+#include "daemon/HighAvailability.h"
 #include "mmsreputation/Cache.h"
 #include "mmsreputation/Configuration.h"
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -16,10 +18,11 @@ namespace Vellum::Daemon {
 // cache that it writes.
 class EndpointConfiguration final : public MMSReputation::Configuration {
   public:
-    // `mayBackUp` is asked at each hourly backup, by a thread of its own; empty: it may.
+    // `mayBackUp` is asked at each hourly backup, by a thread of its own; empty: it may. Without a pair this unit is
+    // always the master.
     EndpointConfiguration(EndpointSettings const& settings, std::string backupFile,
-                          std::function<bool()> mayBackUp = {})
-        : m_backupFile(std::move(backupFile)), m_mayBackUp(std::move(mayBackUp)),
+                          std::function<bool()> mayBackUp = {}, std::shared_ptr<HighAvailability> pair = nullptr)
+        : m_backupFile(std::move(backupFile)), m_mayBackUp(std::move(mayBackUp)), m_pair(std::move(pair)),
           m_windowMinutes(settings.windowMinutes), m_enabled(settings.enabled), m_backup(settings.backup) {
         s_instance = this;
     }
@@ -33,9 +36,14 @@ class EndpointConfiguration final : public MMSReputation::Configuration {
     }
 
     std::string const& fnameBackup() const override { return m_backupFile; }
-    void resyncIfMaster() const override {}
-    // A unit without a partner is always the master.
-    bool haMaster() const override { return m_backup && (!m_mayBackUp || m_mayBackUp()); }
+    void resyncIfMaster() const override {
+        if (m_pair) {
+            m_pair->resync("endpoint");
+        }
+    }
+    bool haMaster() const override {
+        return m_backup && (!m_mayBackUp || m_mayBackUp()) && (!m_pair || m_pair->isActive());
+    }
     unsigned int maxEntries() const override { return MMSReputation::Cache::mostEntries; }
     unsigned int windowSize() const override { return m_windowMinutes; }
     bool enabled() const override { return m_enabled; }
@@ -43,6 +51,7 @@ class EndpointConfiguration final : public MMSReputation::Configuration {
   private:
     std::string const m_backupFile;
     std::function<bool()> const m_mayBackUp;
+    std::shared_ptr<HighAvailability> const m_pair;
     unsigned int const m_windowMinutes;
     std::atomic<bool> m_enabled;
     std::atomic<bool> m_backup;

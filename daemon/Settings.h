@@ -7,6 +7,7 @@
 
 #include "daemon/AddressFolding.h"
 #include "daemon/EndpointSettings.h"
+#include "daemon/HighAvailabilitySettings.h"
 #include "daemon/LimitSettings.h"
 #include "daemon/ListeningSocket.h"
 #include "daemon/MilterSettings.h"
@@ -92,6 +93,7 @@ struct Settings {
     IpcSettings ipc;
     PolicySettings policy;
     MilterSettings milter;
+    HighAvailabilitySettings highAvailability;
     GreylistSettings greylist;
     ReputationSettings reputation;
     RateControlSettings rateControl;

@@ -1,0 +1,125 @@
+#include "daemon/Command.h"
+
+#include "foundation/FileDescriptor.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Vellum::Daemon {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+std::vector<char*> pointers(std::vector<std::string> const& texts) {
+    std::vector<char*> all;
+    for (std::string const& text : texts) {
+        all.push_back(const_cast<char*>(text.c_str()));
+    }
+    all.push_back(nullptr);
+    return all;
+}
+
+// What becomes of descriptors and signals in the new process.
+class SpawnPlan {
+  public:
+    SpawnPlan() {
+        posix_spawn_file_actions_init(&files);
+        posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_adddup2(&files, STDOUT_FILENO, STDERR_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        posix_spawnattr_setpgroup(&attributes, 0);
+        sigset_t set;
+        sigemptyset(&set);
+        posix_spawnattr_setsigmask(&attributes, &set);
+        sigfillset(&set);
+        posix_spawnattr_setsigdefault(&attributes, &set);
+    }
+    ~SpawnPlan() {
+        posix_spawn_file_actions_destroy(&files);
+        posix_spawnattr_destroy(&attributes);
+    }
+    SpawnPlan(SpawnPlan const&) = delete;
+    SpawnPlan& operator=(SpawnPlan const&) = delete;
+
+    posix_spawn_file_actions_t files{};
+    posix_spawnattr_t attributes{};
+};
+
+// False when the limit is over before the process has ended, or nothing tells whether it has.
+bool waitUntilEnded(pid_t process, milliseconds limit) {
+    // Not every version of the C library declares the function for C++.
+    FileDescriptor const handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
+    auto const end = Clock::now() + limit;
+    for (;;) {
+        auto const left = std::chrono::ceil<milliseconds>(end - Clock::now());
+        if (!handle || left <= milliseconds(0)) {
+            return false;
+        }
+        pollfd waiting{handle.get(), POLLIN, 0};
+        int const found = poll(&waiting, 1, static_cast<int>(left.count()));
+        if (found != 0 && (found > 0 || errno != EINTR)) {
+            return found > 0;
+        }
+    }
+}
+
+CommandOutcome outcomeOf(pid_t process) {
+    siginfo_t info{};
+    while (waitid(P_PID, static_cast<id_t>(process), &info, WEXITED) != 0 && errno == EINTR) {
+    }
+    return {info.si_code == CLD_EXITED ? CommandOutcome::End::exited : CommandOutcome::End::signalled, info.si_status};
+}
+
+} // namespace
+
+std::string CommandOutcome::asString(milliseconds limit) const {
+    switch (end) {
+    case End::exited:
+        return "ended with status " + std::to_string(number);
+    case End::signalled:
+        return "was ended by signal " + std::to_string(number) + " (" + strsignal(number) + ")";
+    case End::tooLong:
+        return "took longer than " + std::to_string(std::chrono::duration_cast<std::chrono::seconds>(limit).count()) +
+               " s and was killed";
+    case End::notStarted:
+        break;
+    }
+    return std::string("cannot be started: ") + std::strerror(number);
+}
+
+CommandOutcome runCommand(std::vector<std::string> const& words, milliseconds limit,
+                          std::vector<std::string> const& environment) {
+    std::vector<char*> const arguments = pointers(words);
+    std::vector<char*> variables = pointers(environment);
+    variables.pop_back();
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        variables.push_back(*variable);
+    }
+    variables.push_back(nullptr);
+    SpawnPlan const plan;
+    pid_t process = 0;
+    int const problem =
+        posix_spawn(&process, words.front().c_str(), &plan.files, &plan.attributes, arguments.data(), variables.data());
+    if (problem != 0) {
+        return {CommandOutcome::End::notStarted, problem};
+    }
+    bool const inTime = waitUntilEnded(process, limit);
+    if (!inTime) {
+        kill(-process, SIGKILL);
+    }
+    CommandOutcome const outcome = outcomeOf(process);
+    return inTime ? outcome : CommandOutcome{CommandOutcome::End::tooLong, 0};
+}
+
+} // namespace Vellum::Daemon
