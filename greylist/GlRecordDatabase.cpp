@@ -2,6 +2,7 @@
 
 #include "foundation/Locks.h"
 #include "foundation/LoggedFailure.h"
+#include "foundation/OperationTally.h"
 #include "foundation/database/FetchRows.h"
 #include "foundation/database/Maintenance.h"
 #include "foundation/database/ScriptBackup.h"
@@ -99,15 +100,21 @@ void GlRecordDatabase::read() {
 
 void GlRecordDatabase::readTuples() {
     Synchronized const hold(tablesAndCaches());
-    LoadReport::setTuples(load<RecordRowWithExpiryTime, TupleCache, AdapterRecordRowToSenderDataBase>(
-        m_connection, greyListTable, readTuplesFailedLine, LoadReport::setTuples));
+    TalliedOperation tallied(Operation::load, "tuples");
+    LoadReport::Half const half = load<RecordRowWithExpiryTime, TupleCache, AdapterRecordRowToSenderDataBase>(
+        m_connection, greyListTable, readTuplesFailedLine, LoadReport::setTuples);
+    LoadReport::setTuples(half);
+    tallied.hasSucceeded(half.loaded);
 }
 
 void GlRecordDatabase::readExemptions() {
     Synchronized const hold(tablesAndCaches());
-    LoadReport::setExemptions(
+    TalliedOperation tallied(Operation::load, "exemptions");
+    LoadReport::Half const half =
         load<GLAutoExemptRecordRowWithExpiryTime, DynamicExemptCache, AdapterRecordRowToGLAutoExemptDataBase>(
-            m_connection, autoExemptTable, readExemptionsFailedLine, LoadReport::setExemptions));
+            m_connection, autoExemptTable, readExemptionsFailedLine, LoadReport::setExemptions);
+    LoadReport::setExemptions(half);
+    tallied.hasSucceeded(half.loaded);
 }
 
 bool GlRecordDatabase::write() {

@@ -13,6 +13,7 @@
 #include "foundation/Locks.h"
 #include "include2/OrderedIndex.h"
 #include "include2/UseList.h"
+#include "include2/WatchedCount.h"
 
 #include <atomic>
 #include <cstdint>
@@ -90,6 +91,7 @@ class LRUCache {
         ++size;
         while (size > capacity) {
             removeNoLock(list.at(list.back()).first);
+            ++evicted;
         }
         return size;
     }
@@ -127,6 +129,10 @@ class LRUCache {
     std::uint32_t sizeNoLock() const VELLUM_REQUIRES_SHARED(lock)
     { return size; }
     std::uint32_t maxSize() const { return capacity; }
+
+    // For statistics: as of a moment ago, without the lock.
+    std::uint32_t recentSize() const VELLUM_NO_THREAD_SAFETY_ANALYSIS { return size; }
+    std::uint64_t evictions() const VELLUM_NO_THREAD_SAFETY_ANALYSIS { return evicted; } // for want of room, ever
 
     // Calls visit(Pair&) for every entry in ascending key order, until it answers false.
     template <class Visit>
@@ -175,10 +181,10 @@ class LRUCache {
         }
     }
 
-    std::uint32_t size VELLUM_GUARDED_BY(lock)
-    = 0;                                       // entries held now
-    std::uint32_t const capacity;              // entries; fixed at birth, read without the lock
-    mutable List list VELLUM_GUARDED_BY(lock); // const finds reorder it, under the exclusive lock
+    WatchedCount<std::uint32_t> size VELLUM_GUARDED_BY(lock);    // entries held now
+    WatchedCount<std::uint64_t> evicted VELLUM_GUARDED_BY(lock); // entries that had to go for want of room
+    std::uint32_t const capacity;                                // entries; fixed at birth, read without the lock
+    mutable List list VELLUM_GUARDED_BY(lock);                   // const finds reorder it, under the exclusive lock
     OrderedIndex<K, KeyAt> index VELLUM_GUARDED_BY(lock);
     // Pins alive. Raised under a shared hold, so an atomic; read and lowered under the exclusive one.
     mutable std::atomic<std::uint32_t> pins{0};

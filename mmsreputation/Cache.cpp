@@ -102,6 +102,16 @@ void Cache::copyExempt(Cache const& from) {
     m_exempt.swap(copy);
 }
 
+std::size_t Cache::blacklistSize() const {
+    SharedLock const hold(lock);
+    return m_blacklist.size();
+}
+
+std::size_t Cache::exemptSize() const {
+    SharedLock const hold(lock);
+    return m_exempt.size();
+}
+
 bool Cache::isBlacklisted(MSISDN const& number) const {
     SharedLock const hold(lock);
     return isListed(m_blacklist, number);

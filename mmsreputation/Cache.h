@@ -58,6 +58,10 @@ class Cache : public LRUCache<MSISDN, RefEntry> {
     void copyBlacklist(Cache const& from);
     void copyExempt(Cache const& from);
 
+    // How many numbers a list holds. Shared.
+    std::size_t blacklistSize() const;
+    std::size_t exemptSize() const;
+
     // Whether a number is listed. They walk the list from the smallest number on and compare with ==, not with the
     // order, so the cost grows with the list (docs/performance.md). Shared; a decision may ask.
     bool isBlacklisted(MSISDN const& number) const;

@@ -4,6 +4,7 @@
 #include "foundation/Locks.h"
 #include "foundation/LoggedFailure.h"
 #include "foundation/Logger.h"
+#include "foundation/OperationTally.h"
 #include "foundation/RecordFormats.h"
 #include "foundation/database/FetchRows.h"
 #include "foundation/database/Maintenance.h"
@@ -213,6 +214,7 @@ void Database::loadDataIntoTable(std::string const& table, std::string const& fi
 
 void Database::read(RefCache& target, unsigned int what, long now) {
     long const time = now == 0 ? std::time(nullptr) : now;
+    TalliedOperation tallied(Operation::load, "endpoints");
     ReportedLoad load(what);
     try {
         load.run(&LoadReport::entries, Select::entries, [&] { return readEntries(*target, time); });
@@ -220,6 +222,7 @@ void Database::read(RefCache& target, unsigned int what, long now) {
                  [&] { return readList(exemptTable, &Cache::exempt, *target); });
         load.run(&LoadReport::blacklist, Select::blacklist,
                  [&] { return readList(blacklistTable, &Cache::blacklist, *target); });
+        tallied.hasSucceeded();
     } catch (Exception const& failed) {
         logFailure(LogCode::readFailed, Source::database, readFailedLine, failed);
         load.hasFailed(failed.asString());

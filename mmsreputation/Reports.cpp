@@ -27,6 +27,7 @@ BackupReport BackupReport::last() {
 
 void BackupReport::set(BackupReport const& report) {
     latestOfProcess<BackupReport>().set(report);
+    Vellum::Database::tallyBackup("endpoint", report);
 }
 
 void BackupReport::setFailed(std::string const& problem) {

@@ -10,6 +10,7 @@ BackupReport BackupReport::last() {
 
 void BackupReport::set(BackupReport const& report) {
     latestOfProcess<BackupReport>().set(report);
+    Vellum::Database::tallyBackup("reputation", report);
 }
 
 void BackupReport::setFailed(std::string const& problem) {

@@ -2,6 +2,7 @@
 
 #include "foundation/Locks.h"
 #include "foundation/LoggedFailure.h"
+#include "foundation/OperationTally.h"
 #include "foundation/database/FetchRows.h"
 #include "foundation/database/Maintenance.h"
 #include "foundation/database/ScriptRestore.h"
@@ -81,6 +82,7 @@ void Database::dropTable() {
 // An inner join: records of an address without a state row are not loaded.
 void Database::read() {
     Synchronized const hold(tablesAndCache());
+    TalliedOperation tallied(Operation::load, "reputation");
     LoadReport report;
     report.attempted = true;
     report.problem = "the load of " + recordsTable + " did not come to its end";
@@ -101,6 +103,7 @@ void Database::read() {
         report.loaded = true;
         report.problem.clear();
         report.rows = container.rows().size();
+        tallied.hasSucceeded();
     } catch (Exception const& failed) {
         logFailure(LogCode::readFailed, Source::database, readFailedLine, failed);
         report.problem = failed.asString();

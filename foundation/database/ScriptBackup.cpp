@@ -2,6 +2,7 @@
 
 #include "foundation/File.h"
 #include "foundation/Logger.h"
+#include "foundation/OperationTally.h"
 #include "foundation/RecordFormats.h"
 
 #include <ctime>
@@ -9,6 +10,13 @@
 #include <system_error>
 
 namespace Vellum::Database {
+
+void tallyBackup(std::string const& family, BackupReport const& report) {
+    if (report.attempted) {
+        OperationTally::instance().note(Operation::backup, family, report.accepted,
+                                        std::chrono::milliseconds(report.milliseconds), report.startedAt);
+    }
+}
 
 ScriptBackup::ScriptBackup(BackupReport& report) : m_report(report) {
     m_report.attempted = true;

@@ -22,6 +22,9 @@ struct BackupReport {
     std::string problem;            // why it was not accepted
 };
 
+// Counts a backup that was attempted among those of its family (OperationTally.h).
+void tallyBackup(std::string const& family, BackupReport const& report);
+
 // The report of a backup that could not even begin.
 template <class Report>
 Report failedBackup(std::string const& problem) {

@@ -2,6 +2,7 @@
 
 #include "foundation/Exception.h"
 #include "foundation/Logger.h"
+#include "foundation/OperationTally.h"
 #include "foundation/ServiceThread.h"
 #include "foundation/ipc/Address.h"
 
@@ -251,10 +252,12 @@ void Server::handOver(Client& client, Handler const& handler) {
 // Runs on the loop's thread or on a worker's. False when the connection must not go on.
 bool Server::runTask(Client& client, Handler const& handler, Pdu const& request, bool mayWait) {
     client.connection.beginTask(mayWait);
+    TalliedOperation tallied(Operation::request, std::to_string(request.type()));
     std::string reason = "its task failed";
     bool goesOn = false;
     try {
         if (handler->task(client.ipc, request) == 0) {
+            tallied.hasSucceeded();
             return true;
         }
         goesOn = handler->survivesFailure();

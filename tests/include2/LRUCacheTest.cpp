@@ -287,3 +287,23 @@ TEST(LRUCache, AWalkStopsWhenToldTo) {
     cache.forEachInKeyOrder([&](auto&) { return ++seen < 2; });
     EXPECT_EQ(seen, 2);
 }
+
+TEST(LRUCache, OnlyWhatWentForWantOfRoomCountsAsEvicted) {
+    WordCache cache(2);
+    cache.add({"a"}, 1);
+    cache.add({"b"}, 2);
+    cache.add({"b"}, 3);
+    EXPECT_EQ(cache.evictions(), 0U);
+    EXPECT_EQ(cache.recentSize(), 2U);
+    cache.add({"c"}, 4);
+    EXPECT_EQ(cache.evictions(), 1U);
+    cache.remove({"c"});
+    EXPECT_EQ(cache.recentSize(), 1U);
+    cache.clear();
+    EXPECT_EQ(cache.evictions(), 1U);
+    EXPECT_EQ(cache.recentSize(), 0U);
+    WordCache empty(0);
+    empty.add({"a"}, 1);
+    EXPECT_EQ(empty.evictions(), 1U);
+    EXPECT_EQ(empty.recentSize(), 0U);
+}
