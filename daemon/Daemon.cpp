@@ -5,6 +5,7 @@
 #include "daemon/ExemptRules.h"
 #include "daemon/GreylistConfiguration.h"
 #include "daemon/LastBackup.h"
+#include "daemon/MetricsHandler.h"
 #include "daemon/SignalInbox.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Logger.h"
@@ -62,6 +63,7 @@ Daemon::Daemon(std::string settingsPath)
 // Whatever may still log is gone before the loggers are.
 Daemon::~Daemon() {
     m_housekeeping.reset();
+    m_metricsServer.reset();
     dispatcher().stop(); // its requests ask the policy server for figures
     m_policy.reset();
     m_milter.reset();
@@ -142,11 +144,12 @@ void Daemon::useGreylistConfiguration() {
 
 // A backup that was accepted before this start may not be in the tables yet. Loading them now would bring back what was
 // before it, and the next backup would make that last.
-void Daemon::awaitDatabaseDaemon() const {
+void Daemon::awaitDatabaseDaemon() {
     using DatabaseDaemon::Answer;
     auto const end = std::chrono::steady_clock::now() + DatabaseDaemon::timeout();
     for (bool said = false;; said = true) {
         Answer const answer = DatabaseDaemon::askWhetherSettled();
+        m_databaseDaemonAnswers.set(answer != Answer::unreachable);
         if (answer == Answer::accepted) {
             return;
         }
@@ -238,6 +241,9 @@ void Daemon::serve() {
     makeDecision();
     addAdminHandlers(*this);
     addDecisionHandlers(*m_decision, clockNow);
+    m_metrics = std::make_shared<DaemonMetrics>([this] { return metricFacts(); }, clockNow);
+    addMetricsHandler(m_metrics);
+    countFamilies();
     IpcSettings const& ipc = m_settings.ipc;
     IPC::DispatcherOptions requests;
     if (ipc.ipv6) {
@@ -250,6 +256,7 @@ void Daemon::serve() {
     requests.frameTimeout = std::chrono::seconds(ipc.frameTimeoutSeconds);
     dispatcher().start(requests);
 
+    serveMetrics();
     serveMailServers();
     m_pidFile = std::make_unique<PidFile>(m_settings.state.pidFile);
     m_housekeeping = std::make_unique<Housekeeping>([this] { keepHouse(); });
@@ -265,6 +272,13 @@ void Daemon::serveMailServers() {
         m_milter = std::make_unique<MilterServer>(*m_milterFront);
         m_milter->start(
             {.listen = *milter.listen, .socketMode = milter.socketMode, .maxConnections = milter.maxConnections});
+    }
+}
+
+void Daemon::serveMetrics() {
+    if (m_settings.metrics.listen) {
+        m_metricsServer = std::make_unique<MetricsServer>(*m_settings.metrics.listen, m_metrics);
+        note(Logger::Severity::info, "metrics are served on " + m_metricsServer->address().asString());
     }
 }
 
@@ -292,13 +306,14 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
             changed.policy.threads != m_settings.policy.threads ||
             changed.policy.maxConnections != m_settings.policy.maxConnections,
         "[policy]");
-    auto const milterAddress = [](MilterSettings const& settings) {
+    auto const address = [](auto const& settings) {
         return settings.listen ? settings.listen->asString() : std::string();
     };
-    say(milterAddress(changed.milter) != milterAddress(m_settings.milter) ||
+    say(address(changed.milter) != address(m_settings.milter) ||
             changed.milter.socketMode != m_settings.milter.socketMode ||
             changed.milter.maxConnections != m_settings.milter.maxConnections,
         "[milter] listen, socket_mode or max_connections");
+    say(address(changed.metrics) != address(m_settings.metrics), "[metrics] listen");
     say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
     say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
     say(changed.endpoint.windowMinutes != m_endpoints->windowSize(), "[endpoint] window_minutes");
@@ -320,8 +335,16 @@ void Daemon::keepHouse() {
         m_countedLoads = loads; // a tool has asked for a reload
         m_decision->rebuildPassCounts(clockNow());
     }
-    MailCounts::liftBlocks(clockNow());
+    countFamilies();
     MailCounts::dropOldHours(clockNow());
+    m_databaseDaemonAnswers.set(DatabaseDaemon::askWhetherSettled() != DatabaseDaemon::Answer::unreachable);
+}
+
+void Daemon::countFamilies() {
+    FamilyCounts counts;
+    counts.blockedSenders = MailCounts::liftBlocks(clockNow()).remaining;
+    counts.countEndpoints(clockNow());
+    m_familyCounts.set(counts);
 }
 
 void Daemon::reload() {
@@ -358,6 +381,7 @@ void Daemon::reload() {
 void Daemon::stop() {
     note(Logger::Severity::info, "ending");
     m_housekeeping.reset();
+    m_metricsServer.reset();
     m_policy->stop();
     m_milter.reset(); // from here on nothing changes in the caches
     dispatcher().stop();
@@ -414,6 +438,32 @@ std::vector<DaemonStatus::DecisionCount> Daemon::decisionCounts() const {
         }
     }
     return counts;
+}
+
+MetricFacts Daemon::metricFacts() const {
+    MetricFacts facts;
+    facts.startedAt = m_startedAt;
+    PolicyServerFigures const policy = m_policy->figures();
+    facts.fronts.push_back({.name = "policy",
+                            .counters = &m_translator->counters(),
+                            .connections = policy.connections,
+                            .accepted = policy.accepted,
+                            .refused = policy.refused,
+                            .failures = policy.failedAnswers});
+    facts.policyRequests = policy.requests;
+    facts.policyProtocolErrors = policy.protocolErrors;
+    MilterServerFigures const milter = MilterServer::figures();
+    facts.fronts.push_back({.name = "milter",
+                            .counters = &std::as_const(*m_milterFront).counters(),
+                            .connections = milter.connections,
+                            .accepted = milter.accepted,
+                            .refused = milter.unseen,
+                            .failures = milter.failures});
+    facts.counts = m_familyCounts.get();
+    facts.database = m_databaseWatch.state().reachable;
+    facts.databaseDaemon = m_databaseDaemonAnswers.get();
+    facts.active = m_highAvailability->lastAnswer();
+    return facts;
 }
 
 BackupGate Daemon::backupGate() const {

@@ -6,6 +6,7 @@
 // Order of end (SIGTERM, SIGINT): fronts, port 29001, jobs, then the last backup, which is waited for.
 #pragma once
 
+#include "daemon/DaemonMetrics.h"
 #include "daemon/DatabaseWatch.h"
 #include "daemon/Decision.h"
 #include "daemon/EndpointConfiguration.h"
@@ -15,6 +16,7 @@
 #include "daemon/InstanceLock.h"
 #include "daemon/LoadKeeper.h"
 #include "daemon/MailCounts.h"
+#include "daemon/MetricsServer.h"
 #include "daemon/MilterServer.h"
 #include "daemon/PolicyServer.h"
 #include "daemon/PolicyTranslator.h"
@@ -22,6 +24,8 @@
 #include "daemon/ReputationConfiguration.h"
 #include "daemon/Settings.h"
 #include "daemon/SubscriberDirectory.h"
+
+#include "foundation/Latest.h"
 
 #include <memory>
 #include <string>
@@ -47,20 +51,23 @@ class Daemon : private GreylistAdministration {
     void useLog(LogSettings const& settings);
     void useDatabase();
     void useGreylistConfiguration();
-    void awaitDatabaseDaemon() const;
+    void awaitDatabaseDaemon();
     void bringUpState();
     void serve();
     void makeDecision();
     void serveMailServers();
+    void serveMetrics();
     void reload();
     void sayWhatNeedsARestart(Settings const& changed) const;
     void sayWhatCouldNotBeLoaded() const;
     void takeLastBackups();
     void stop();
     void keepHouse();
+    void countFamilies();
 
     DecisionSettings decisionSettings() const;
     std::vector<DaemonStatus::DecisionCount> decisionCounts() const;
+    MetricFacts metricFacts() const;
 
     // AdminServices
     DaemonStatus status() const override;
@@ -88,6 +95,7 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<EndpointConfiguration> m_endpoints;
     LoadKeeper m_endpointLoads{endpointTables()};
     DatabaseWatch m_databaseWatch;
+    Latest<std::optional<bool>> m_databaseDaemonAnswers;
     std::unique_ptr<Decision> m_decision;
     std::uint64_t m_countedLoads = 0; // of tuples, that the decision's pass counts know
     std::unique_ptr<PolicyTranslator> m_translator;
@@ -97,6 +105,9 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<MailCounts> m_counts;
     std::unique_ptr<MilterFront> m_milterFront;
     std::unique_ptr<MilterServer> m_milter; // null: the settings want none
+    std::shared_ptr<DaemonMetrics> m_metrics;
+    std::unique_ptr<MetricsServer> m_metricsServer; // null: the settings want none
+    Latest<FamilyCounts> m_familyCounts;            // of the last minute
     std::unique_ptr<Housekeeping> m_housekeeping;
 };
 

@@ -194,30 +194,33 @@ void MailCounts::countEndpoint(MessageSummary const& message, EndpointLimitSetti
     }
 }
 
-std::size_t MailCounts::liftBlocks(long now) {
+MailCounts::BlockRound MailCounts::liftBlocks(long now) {
     using SenderRateControl::RefEntry;
+    BlockRound round;
     std::vector<std::pair<EmailAddress, RefEntry>> over;
     SenderRateControl::Cache const& cache = **SenderRateControl::RefCache::instance();
     {
         SharedLock const hold(cache.lock);
         cache.forEachInKeyOrder([&](auto const& pair) {
-            if (pair.second->state() == RateState::blocked && pair.second->blockedUntil() <= now) {
+            bool const blocked = pair.second->state() == RateState::blocked;
+            if (blocked && pair.second->blockedUntil() <= now) {
                 over.emplace_back(pair.first, pair.second);
+            } else if (blocked) {
+                ++round.remaining;
             }
             return true;
         });
     }
-    std::size_t lifted = 0;
     for (auto const& [sender, entry] : over) {
         if (!unblock(*entry, now)) {
             continue;
         }
-        ++lifted;
+        ++round.lifted;
         std::string line = "action=unblock, sender=";
         appendLogValue(line, sender.asString());
         Logger::instance(false).note(Logger::Severity::info, line);
     }
-    return lifted;
+    return round;
 }
 
 void MailCounts::dropOldHours(long now) {

@@ -65,9 +65,13 @@ class MailCounts : public MessageObserver {
 
     void messageEnded(MessageSummary const& message, long now) override;
 
-    // Lifts the blocks whose time is over; to be called now and then. Answers how many. A decision does not wait for
-    // this: it looks at the end itself.
-    static std::size_t liftBlocks(long now);
+    // Lifts the blocks whose time is over; to be called now and then. A decision does not wait for this: it looks at
+    // the end itself.
+    struct BlockRound {
+        std::size_t lifted = 0;
+        std::size_t remaining = 0; // senders that are blocked still
+    };
+    static BlockRound liftBlocks(long now);
     // Drops the hours of sender reputation that no score counts any more; to be called now and then. An address that
     // sends on would otherwise gather one record each hour, in memory and in the table.
     static void dropOldHours(long now);

@@ -323,7 +323,7 @@ void MilterServer::stop() {
     here.front = nullptr;
 }
 
-MilterServerFigures MilterServer::figures() const {
+MilterServerFigures MilterServer::figures() {
     MilterProcess const& here = milterProcess();
     return {.connections = here.connections,
             .accepted = here.accepted,

@@ -57,8 +57,8 @@ class MilterServer {
     // to five seconds, the library's interval of looking. Does nothing when it does not run.
     void stop();
 
-    // Thread-safe.
-    MilterServerFigures figures() const;
+    // Of the process's only one. Thread-safe; all zero before the start.
+    static MilterServerFigures figures();
 
   private:
     MilterFront& m_front;

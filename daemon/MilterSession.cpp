@@ -7,6 +7,7 @@
 #include "foundation/Logger.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Vellum::Daemon {
 namespace {
@@ -75,6 +76,9 @@ std::optional<Refusal> MilterSession::recipient(std::string_view path, Recipient
         summary.invalidRecipients += invalid ? 1 : 0;
         return std::nullopt;
     }
+    if (!std::exchange(m_transaction->counted, true)) {
+        m_front.counters().countMessage();
+    }
     EmailAddress recipient;
     try {
         recipient = parsePath(path);
@@ -108,7 +112,9 @@ std::optional<Refusal> MilterSession::decide(std::string_view path, EmailAddress
     Message asked = message();
     asked.recipient = recipient;
     asked.queueId = facts.queueId;
-    Verdict const verdict = problem.empty() ? m_front.decision().atRecipient(asked, m_front.now()) : Verdict{};
+    Verdict const verdict =
+        problem.empty() ? m_front.counters().timed([&] { return m_front.decision().atRecipient(asked, m_front.now()); })
+                        : Verdict{};
     m_front.counters().count(verdict);
     if (transaction.settings->logDecisions || !problem.empty()) {
         log(verdict, withoutBrackets(path), facts.queueId, problem);
@@ -147,7 +153,8 @@ std::optional<Refusal> MilterSession::decideAtEnd(std::string_view queueId) {
     if (!m_transaction->settings->decide || !m_transaction->senderReadable) {
         return std::nullopt;
     }
-    Verdict const verdict = m_front.decision().at(Stage::endOfMessage, message(), m_front.now());
+    Verdict const verdict =
+        m_front.counters().timed([&] { return m_front.decision().at(Stage::endOfMessage, message(), m_front.now()); });
     if (verdict.action == Verdict::Action::pass) {
         return std::nullopt;
     }

@@ -57,6 +57,7 @@ class MilterFront {
     Decision& decision() { return m_decision; }
     MessageObserver& observer() { return m_observer; }
     DecisionCounters& counters() { return m_counters; }
+    DecisionCounters const& counters() const { return m_counters; }
     long now() const { return m_clock(); }
 
   private:
@@ -105,6 +106,7 @@ class MilterSession {
         bool senderReadable = true;
         MessageSummary summary;
         ContentVerdict content;
+        bool counted = false;    // among the messages of this front
         long secondsWaited = -1; // of the recipient that waited longest; -1: none did
     };
 

@@ -11,6 +11,7 @@ namespace Vellum::Daemon {
 // message over one connection.
 struct PolicyConnectionMemory {
     std::string prependedInstance; // the message instance that has its PREPEND already; empty: none
+    std::string countedInstance;   // the message instance that was counted last; empty: none
 };
 
 class PolicyAnswerer {

@@ -118,12 +118,16 @@ void PolicyTranslator::answer(PolicyRequest const& request, PolicyConnectionMemo
         problem = "no recipient";
     }
     long const now = m_clock();
-    Verdict const verdict = problem.empty() ? m_decision.at(*stage, message, now) : Verdict{};
+    Verdict const verdict =
+        problem.empty() ? m_counters.timed([&] { return m_decision.at(*stage, message, now); }) : Verdict{};
     appendAnswer(out, verdict, *settings, now, request[Attribute::instance], memory);
     if (!atRecipient && verdict.action == Verdict::Action::pass) {
         return;
     }
     m_counters.count(verdict);
+    if (atRecipient) {
+        countMessage(request[Attribute::instance], memory);
+    }
     if (settings->logDecisions || !problem.empty()) {
         logDecision(request, verdict, problem);
     }
@@ -144,6 +148,15 @@ void PolicyTranslator::appendAnswer(std::string& out, Verdict const& verdict, Po
         out += "\n\n";
     } else {
         out += noOpinion;
+    }
+}
+
+// Recipients of one message come one after the other over the same connection. Without an instance, messages cannot be
+// told apart, and each recipient is taken for one.
+void PolicyTranslator::countMessage(std::string_view instance, PolicyConnectionMemory& memory) {
+    if (instance.empty() || memory.countedInstance != instance) {
+        memory.countedInstance = instance;
+        m_counters.countMessage();
     }
 }
 

@@ -66,6 +66,7 @@ class PolicyTranslator : public PolicyAnswerer {
   private:
     void appendAnswer(std::string& out, Verdict const& verdict, PolicyTranslatorSettings const& settings, long now,
                       std::string_view instance, PolicyConnectionMemory& memory);
+    void countMessage(std::string_view instance, PolicyConnectionMemory& memory);
     bool isFirstHeader(std::string_view instance, PolicyConnectionMemory& memory);
 
     Decision& m_decision;

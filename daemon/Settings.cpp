@@ -170,6 +170,7 @@ Settings read(SettingsTable const& file) {
     settings.ipc = readIpc(file.table("ipc"));
     settings.policy = readPolicy(file.table("policy"));
     settings.milter = readMilter(file.table("milter"));
+    settings.metrics = readMetrics(file.table("metrics"));
     settings.highAvailability = readHighAvailability(file.table("high_availability"));
     settings.greylist = readGreylist(file.table("greylist"));
     settings.reputation = readReputation(file.table("reputation"));

@@ -10,6 +10,7 @@
 #include "daemon/HighAvailabilitySettings.h"
 #include "daemon/LimitSettings.h"
 #include "daemon/ListeningSocket.h"
+#include "daemon/MetricsSettings.h"
 #include "daemon/MilterSettings.h"
 #include "foundation/LogSinks.h"
 #include "foundation/Settings.h"
@@ -93,6 +94,7 @@ struct Settings {
     IpcSettings ipc;
     PolicySettings policy;
     MilterSettings milter;
+    MetricsSettings metrics;
     HighAvailabilitySettings highAvailability;
     GreylistSettings greylist;
     ReputationSettings reputation;

@@ -54,6 +54,7 @@ enum class PduType : std::uint32_t {
     adminExplain = 0x564C0004,
     adminRelease = 0x564C0005,
     adminResetRate = 0x564C0006,
+    adminMetrics = 0x564C0007,
     adminReply = 0x564C0100,    // reply
     adminProgress = 0x564C0101, // reply
 };

@@ -127,9 +127,13 @@ TEST(MailCounts, BlockIsLiftedWhenItsTimeIsOver) {
         families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start);
     }
     families.logged();
-    EXPECT_EQ(MailCounts::liftBlocks(CountsFixture::start + 599), 0U);
+    MailCounts::BlockRound const early = MailCounts::liftBlocks(CountsFixture::start + 599);
+    EXPECT_EQ(early.lifted, 0U);
+    EXPECT_EQ(early.remaining, 1U);
     EXPECT_EQ(CountsFixture::rateOf("jo@example.org")->state(), RateState::blocked);
-    EXPECT_EQ(MailCounts::liftBlocks(CountsFixture::start + 600), 1U);
+    MailCounts::BlockRound const due = MailCounts::liftBlocks(CountsFixture::start + 600);
+    EXPECT_EQ(due.lifted, 1U);
+    EXPECT_EQ(due.remaining, 0U);
     auto const entry = CountsFixture::rateOf("jo@example.org");
     EXPECT_EQ(entry->state(), RateState::normal);
     EXPECT_EQ(entry->blockedUntil(), 0);

@@ -74,6 +74,20 @@ TEST(MilterSession, NewTupleIsDeferredWithTheTextOfTheSettings) {
     EXPECT_EQ(milter.front.counters().of(Verdict::Reason::earlyRetry), 1U);
 }
 
+TEST(MilterSession, AMessageIsCountedAtItsFirstRecipientThatTheMailServerTakes) {
+    MilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_EQ(milter.front.counters().messages(), 0U);
+    milter.recipient("<nobody@example.com>", {.refused = true, .refusalStatus = "5.1.1"});
+    EXPECT_EQ(milter.front.counters().messages(), 0U);
+    milter.recipient("<a@example.com>");
+    milter.recipient("<b@example.com>");
+    EXPECT_EQ(milter.front.counters().messages(), 1U);
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    EXPECT_EQ(milter.front.counters().messages(), 2U);
+}
+
 TEST(MilterSession, MailThatHadToWaitGetsTheHeaderOnce) {
     MilterFixture milter;
     milter.session.sender("<jo@example.org>");

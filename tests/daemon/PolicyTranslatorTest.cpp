@@ -300,6 +300,21 @@ TEST(PolicyTranslator, DecisionsAreCountedByReason) {
     EXPECT_EQ(counters.of(Verdict::Reason::known), 0U);
 }
 
+TEST(PolicyTranslator, AMessageIsCountedOnceHoweverManyRecipientsItHas) {
+    TranslatorFixture front;
+    auto const ask = [&front](char const* instance) {
+        front.ask(with(someMail(), {{"instance", instance}}), start);
+        return front.translator.counters().messages();
+    };
+    EXPECT_EQ(ask("a"), 1U);
+    EXPECT_EQ(ask("a"), 1U);
+    EXPECT_EQ(ask("b"), 2U);
+    EXPECT_EQ(ask(""), 3U) << "without an instance each recipient is taken for a message";
+    EXPECT_EQ(ask(""), 4U);
+    front.ask(with(someMail(), {{"instance", "c"}, {"protocol_state", "DATA"}}), start);
+    EXPECT_EQ(front.translator.counters().messages(), 4U);
+}
+
 TEST(PolicyTranslator, SettingsComeFromTheDaemons) {
     Settings settings;
     settings.greylist.hostName = "mx.example.net";

@@ -178,11 +178,11 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
     };
     std::vector<Case> const cases = {
         {"x = 1\n", "1: unknown key \"x\": expected database, database_daemon, endpoint, greylist, high_availability, "
-                    "ipc, log, milter, "
+                    "ipc, log, metrics, milter, "
                     "policy, rate_control, reputation, state"},
         {"\n[grey_list]\n", "2: unknown key \"grey_list\": expected database, database_daemon, endpoint, greylist, "
                             "high_availability, ipc, log, "
-                            "milter, policy, rate_control, reputation, state"},
+                            "metrics, milter, policy, rate_control, reputation, state"},
         {"[log]\nlevel = 3\n", "2: [log] unknown key \"level\": expected decisions, target"},
         {"[log]\ntarget = \"sylog\"\n", "2: [log] target = \"sylog\": expected \"syslog\", \"stderr\" or the path of "
                                         "a file, with a slash in it"},
