@@ -241,7 +241,7 @@ TEST_F(HighAvailabilityTest, EndpointReputationIsToldOfBoth) {
     settings.resyncCommand = {"/bin/sh", "-c", "echo $VELLUM_FAMILY >> " + path("resynced")};
     auto const unit = std::make_shared<HighAvailability>(settings);
     EndpointSettings endpoint;
-    EndpointConfiguration configuration(endpoint, "/b/endpoint.sql", unit);
+    EndpointConfiguration configuration(endpoint, "/b/endpoint.sql", {}, unit);
     EXPECT_FALSE(configuration.haMaster());
     write("state", "active");
     EXPECT_TRUE(configuration.haMaster());

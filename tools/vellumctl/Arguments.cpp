@@ -20,13 +20,14 @@ namespace {
 constexpr char const* version = "vellumctl " VELLUM_VERSION;
 constexpr unsigned int highestPort = 65535;
 constexpr std::uint64_t longestTimeout = std::uint64_t{24} * 60 * 60; // seconds
+constexpr std::uint64_t longestInterval = 3600;                       // seconds
 constexpr std::uint64_t timeoutOfListings = 60;                       // seconds
 constexpr std::uint64_t timeoutOfDatabaseWork =
     std::uint64_t{10} * 60; // seconds; a load or a commit of a million rows says nothing
 
 // What the command line says, as text; checked once it is whole.
 struct Words {
-    std::string port, timeout, limit, network, sender, recipient, sort, path;
+    std::string port, timeout, interval, limit, network, sender, recipient, sort, path;
     bool ipv6 = false, json = false, noHeader = false, yes = false, reverse = false;
     bool waiting = false, passed = false, active = false, expired = false;
 };
@@ -85,6 +86,7 @@ class Parser {
         m_app.footer(HelpText::exitCodes);
         addPlaceOptions(m_app);
         addPlain("status", "Show how the daemon, its caches and its backups are", Command::status, "");
+        addTop();
         addGreylist();
         addReputation();
         addRate();
@@ -152,6 +154,12 @@ class Parser {
     }
     void addPlain(std::string const& name, std::string const& text, Command kind, std::string const& footer) {
         addPlaceOptions(*addLeaf(m_app, name, text, kind, footer));
+    }
+    void addTop() {
+        CLI::App& top = *addLeaf(m_app, "top", "Show what the daemon does, live", Command::top, HelpText::top);
+        top.add_option("--interval", m_words.interval, "Refresh every so many seconds (1)")->type_name("SECONDS");
+        top.add_flag("--once", m_arguments.top.once, "Print one page and end; needs no terminal");
+        addPlaceOptions(top);
     }
     void addGreylist() {
         CLI::App& greylist = *add(m_app, "greylist", "Tuples and automatic exemptions", "");
@@ -340,13 +348,17 @@ class Parser {
             all.place.port = static_cast<unsigned int>(wholeNumber("--port", m_words.port, 1, highestPort));
         }
         all.place.ipv6 = m_words.ipv6;
-        bool const quick = all.command == Command::list || all.command == Command::status ||
-                           all.command == Command::rateList || all.command == Command::rateShow ||
-                           all.command == Command::endpointList || all.command == Command::endpointShow ||
-                           all.command == Command::endpointRemove || all.command == Command::reputationList ||
-                           all.command == Command::reputationShow || all.command == Command::reputationSetState ||
-                           all.command == Command::explain || all.command == Command::release ||
-                           all.command == Command::rateReset;
+        if (!m_words.interval.empty()) {
+            all.top.interval = std::chrono::seconds(wholeNumber("--interval", m_words.interval, 1, longestInterval));
+        }
+        all.top.json = m_words.json;
+        bool const quick = all.command == Command::list || all.command == Command::top ||
+                           all.command == Command::status || all.command == Command::rateList ||
+                           all.command == Command::rateShow || all.command == Command::endpointList ||
+                           all.command == Command::endpointShow || all.command == Command::endpointRemove ||
+                           all.command == Command::reputationList || all.command == Command::reputationShow ||
+                           all.command == Command::reputationSetState || all.command == Command::explain ||
+                           all.command == Command::release || all.command == Command::rateReset;
         std::uint64_t const seconds = m_words.timeout.empty()
                                           ? (quick ? timeoutOfListings : timeoutOfDatabaseWork)
                                           : wholeNumber("--timeout", m_words.timeout, 1, longestTimeout);

@@ -8,6 +8,7 @@
 #include "tools/vellumctl/MessageCommands.h"
 #include "tools/vellumctl/RateCommands.h"
 #include "tools/vellumctl/ReputationCommands.h"
+#include "tools/vellumctl/TopCommand.h"
 
 #include <optional>
 #include <ostream>
@@ -18,6 +19,7 @@ namespace Vellum::Tools {
 
 enum class Command {
     status,
+    top,
     list,
     reload,
     acceptEmpty,
@@ -49,6 +51,7 @@ struct Arguments {
     std::string name; // of the command, as typed: "greylist list"
     DaemonPlace place;
     bool json = false;
+    TopRequest top;                       // of Command::top
     ListRequest list;                     // of Command::list
     std::string path;                     // of Command::restore; absolute
     bool yes = false;                     // of Command::restore

@@ -15,6 +15,13 @@ inline constexpr char const* exitCodes = "Exit codes:\n"
                                          "  3  no daemon: nothing listens on the port, or it does not serve this user\n"
                                          "  4  the connection ended too early: the result is not whole";
 
+inline constexpr char const* top =
+    "Messages, decisions, latency, caches, backups and the database, refreshed every second. q or ^C ends it.\n"
+    "Rates are those of the last interval; with --once, and on the first page, the average since the daemon's start.\n"
+    "Latencies are estimated from a histogram of one decision in eight.\n"
+    "\n"
+    "JSON: the daemon's metrics by name, once; docs/metrics.md tells what each means.";
+
 inline constexpr char const* list =
     "States, judged by this machine's clock:\n"
     "  waiting  the delay is not over: mail is deferred\n"

@@ -114,6 +114,9 @@ void run(Arguments const& arguments) {
     case Command::endpointAcceptEmpty:
         commands.acceptEmpty("endpoint");
         break;
+    case Command::top:
+        showTop(arguments.place, arguments.top, output);
+        break;
     case Command::status:
         commands.status();
         break;

@@ -1,0 +1,269 @@
+#include "tools/vellumctl/TopText.h"
+
+#include "foundation/Escape.h"
+#include "tools/vellumctl/TimeText.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <optional>
+#include <vector>
+
+namespace Vellum::Tools {
+namespace {
+
+std::string fixed(double number, int digits = 1) {
+    std::array<char, 64> room{};
+    std::snprintf(room.data(), room.size(), "%.*f", digits, number);
+    return room.data();
+}
+
+// Rows in columns: the first two to the left, as names are, the others to the right.
+class Rows {
+  public:
+    using Row = std::vector<std::string>;
+
+    void add(Row row) { m_rows.push_back(std::move(row)); }
+    std::string text(std::size_t names) const {
+        std::vector<std::size_t> widths;
+        for (Row const& row : m_rows) {
+            widths.resize(std::max(widths.size(), row.size()));
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                widths[i] = std::max(widths[i], row[i].size());
+            }
+        }
+        std::string all;
+        for (Row const& row : m_rows) {
+            std::string line;
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                std::string const padding(widths[i] - row[i].size(), ' ');
+                line += (i == 0 ? "" : "  ") + (i < names ? row[i] + padding : padding + row[i]);
+            }
+            all += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+        }
+        return all;
+    }
+
+  private:
+    std::vector<Row> m_rows;
+};
+
+// The metrics of one answer.
+class Sample {
+  public:
+    explicit Sample(Json const& answer) : m_time(answer.at("time").get<double>()), m_metrics(answer.at("metrics")) {}
+
+    double time() const { return m_time; }
+    double startedAt() const { return value("vellum_start_time_seconds").value_or(m_time); }
+    // All samples of a metric; none when there is no such metric.
+    Json const& samples(char const* metric) const {
+        static Json const none = Json::array();
+        auto const found = m_metrics.find(metric);
+        return found == m_metrics.end() ? none : found->at("samples");
+    }
+    std::optional<double> value(char const* metric, Json const& labels = Json::object()) const {
+        for (Json const& sample : samples(metric)) {
+            if (sample.at("labels") == labels) {
+                return sample.at("value").get<double>();
+            }
+        }
+        return std::nullopt;
+    }
+
+  private:
+    double m_time;
+    Json const& m_metrics;
+};
+
+std::string label(Json const& sample, char const* name) {
+    return escapeForLog(sample.at("labels").at(name).get<std::string>());
+}
+
+class Frame {
+  public:
+    Frame(Json const& answer, Json const* before) : m_now(answer) {
+        if (before != nullptr) {
+            m_before.emplace(*before);
+            if (m_before->startedAt() != m_now.startedAt() || m_before->time() >= m_now.time()) {
+                m_before.reset();
+            }
+        }
+    }
+    std::string text() const {
+        return head() + "\n" + fronts() + "\n" + decisions() + "\n" + latency() + "\n" + caches() + "\n" + backups() +
+               "\n" + families();
+    }
+
+  private:
+    double seconds() const { return std::max(m_now.time() - (m_before ? m_before->time() : m_now.startedAt()), 0.001); }
+    std::string count(char const* metric, Json const& labels = Json::object()) const {
+        auto const value = m_now.value(metric, labels);
+        return value ? fixed(*value, 0) : "-";
+    }
+    std::string rate(char const* metric, Json const& labels) const {
+        auto const value = m_now.value(metric, labels);
+        double const earlier = m_before ? m_before->value(metric, labels).value_or(0) : 0;
+        return value ? fixed((*value - earlier) / seconds()) : "-";
+    }
+    std::string state(char const* metric, char const* yes, char const* no) const {
+        auto const value = m_now.value(metric);
+        return !value ? "unknown" : *value != 0 ? yes : no;
+    }
+
+    std::string head() const {
+        Json const& build = m_now.samples("vellum_build_info");
+        std::string const version = build.empty() ? "-" : label(build.front(), "version");
+        auto const now = static_cast<std::int64_t>(m_now.time());
+        return "vellumd " + version + ", up " + durationText(now - static_cast<std::int64_t>(m_now.startedAt())) +
+               ", " + localTime(now) + "; rates of " +
+               (m_before ? "the last " + fixed(seconds()) + " s" : "all the time since the start") + "\n" +
+               "database " + state("vellum_database_up", "up", "DOWN") + ", database daemon " +
+               state("vellum_database_daemon_up", "up", "DOWN") + ", unit " +
+               state("vellum_high_availability_active", "active", "STANDBY") + "\n";
+    }
+    std::string fronts() const {
+        Rows rows;
+        rows.add({"FRONT", "MESSAGES/S", "MESSAGES", "OPEN", "CONNECTIONS/S", "REFUSED", "FAILURES"});
+        for (Json const& sample : m_now.samples("vellum_messages_total")) {
+            Json const& of = sample.at("labels");
+            rows.add({label(sample, "front"), rate("vellum_messages_total", of), count("vellum_messages_total", of),
+                      count("vellum_front_connections", of), rate("vellum_front_connections_accepted_total", of),
+                      count("vellum_front_connections_refused_total", of), count("vellum_front_failures_total", of)});
+        }
+        return rows.text(1);
+    }
+    // By action and reason, all fronts together; those that never happened are left out.
+    std::string decisions() const {
+        struct Sum {
+            std::string action, reason;
+            double now = 0, before = 0;
+        };
+        std::vector<Sum> sums;
+        auto const add = [&sums](Sample const& from, double Sum::*member) {
+            for (Json const& sample : from.samples("vellum_decisions_total")) {
+                std::string const action = label(sample, "action");
+                std::string const reason = label(sample, "reason");
+                auto found = std::find_if(sums.begin(), sums.end(),
+                                          [&](Sum const& sum) { return sum.action == action && sum.reason == reason; });
+                if (found == sums.end()) {
+                    found = sums.insert(sums.end(), {action, reason});
+                }
+                *found.*member += sample.at("value").get<double>();
+            }
+        };
+        add(m_now, &Sum::now);
+        if (m_before) {
+            add(*m_before, &Sum::before);
+        }
+        Rows rows;
+        rows.add({"DECISION", "REASON", "PER S", "TOTAL"});
+        Sum all;
+        for (Sum const& sum : sums) {
+            all.now += sum.now;
+            all.before += sum.before;
+            if (sum.now > 0) {
+                rows.add({sum.action, sum.reason, fixed((sum.now - sum.before) / seconds()), fixed(sum.now, 0)});
+            }
+        }
+        rows.add({"all", "", fixed((all.now - all.before) / seconds()), fixed(all.now, 0)});
+        return rows.text(2);
+    }
+    std::string latency() const {
+        char const* const metric = "vellum_decision_duration_seconds";
+        std::string text = "LATENCY";
+        Json const& samples = m_now.samples(metric);
+        if (samples.empty()) {
+            return text + "  -\n";
+        }
+        Json buckets = samples.front().at("buckets");
+        double total = samples.front().at("count").get<double>();
+        if (m_before && !m_before->samples(metric).empty()) {
+            Json const& earlier = m_before->samples(metric).front();
+            total -= earlier.at("count").get<double>();
+            for (std::size_t i = 0; i < buckets.size(); ++i) {
+                buckets.at(i).at(1) =
+                    buckets.at(i).at(1).get<double>() - earlier.at("buckets").at(i).at(1).get<double>();
+            }
+        }
+        for (auto const& [name, share] : {std::pair("p50", 0.5), {"p99", 0.99}, {"p99.9", 0.999}}) {
+            double const time = quantile(buckets, total, share);
+            text += std::string("  ") + name + " " + (time < 0 ? "-" : shortDuration(time));
+        }
+        return text + "\n";
+    }
+    std::string caches() const {
+        Rows rows;
+        rows.add({"CACHE", "ENTRIES", "CAPACITY", "FULL", "EVICTIONS/S", "EVICTIONS"});
+        for (Json const& sample : m_now.samples("vellum_cache_entries")) {
+            Json const& of = sample.at("labels");
+            double const capacity = m_now.value("vellum_cache_capacity_entries", of).value_or(0);
+            double const share = capacity > 0 ? 100 * sample.at("value").get<double>() / capacity : 0;
+            rows.add({label(sample, "cache"), count("vellum_cache_entries", of),
+                      count("vellum_cache_capacity_entries", of), fixed(share, 0) + " %",
+                      rate("vellum_cache_evictions_total", of), count("vellum_cache_evictions_total", of)});
+        }
+        return rows.text(1);
+    }
+    std::string backups() const {
+        Rows rows;
+        rows.add({"BACKUP", "LAST GOOD", "TOOK", "GOOD", "FAILED"});
+        for (Json const& sample : m_now.samples("vellum_backup_age_seconds")) {
+            Json const& of = sample.at("labels");
+            Json good = of;
+            good["outcome"] = "success";
+            Json failed = of;
+            failed["outcome"] = "failure";
+            bool const any = m_now.value("vellum_backup_last_success_timestamp_seconds", of).has_value();
+            auto const took = m_now.value("vellum_backup_last_duration_seconds", of);
+            rows.add({label(sample, "family"),
+                      any ? durationText(static_cast<std::int64_t>(sample.at("value").get<double>())) + " ago" : "none",
+                      took ? shortDuration(*took) : "-", count("vellum_backups_total", good),
+                      count("vellum_backups_total", failed)});
+        }
+        return rows.text(1);
+    }
+    std::string families() const {
+        return "blocked senders " + count("vellum_blocked_senders") + ", blacklisted subscribers " +
+               count("vellum_blacklisted_endpoints", {{"by", "score"}}) + " by score and " +
+               count("vellum_blacklisted_endpoints", {{"by", "administrator"}}) + " by an administrator, exempt " +
+               count("vellum_exempt_endpoints") + "\n";
+    }
+
+    Sample m_now;
+    std::optional<Sample> m_before;
+};
+
+} // namespace
+
+std::string topText(Json const& answer, Json const* before) {
+    return Frame(answer, before).text();
+}
+
+std::string shortDuration(double seconds) {
+    constexpr double milli = 1e-3;
+    constexpr double micro = 1e-6;
+    return seconds < milli ? fixed(seconds / micro) + " us"
+           : seconds < 1   ? fixed(seconds / milli) + " ms"
+                           : fixed(seconds) + " s";
+}
+
+double quantile(Json const& buckets, double count, double share) {
+    if (count <= 0) {
+        return -1;
+    }
+    double const wanted = share * count;
+    double lower = 0;
+    double below = 0;
+    for (Json const& bucket : buckets) {
+        double const upper = bucket.at(0).get<double>();
+        double const upTo = bucket.at(1).get<double>();
+        if (upTo >= wanted && upTo > below) {
+            return lower + (upper - lower) * (wanted - below) / (upTo - below);
+        }
+        lower = upper;
+        below = upTo;
+    }
+    return lower;
+}
+
+} // namespace Vellum::Tools
