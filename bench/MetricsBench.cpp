@@ -27,7 +27,8 @@ constexpr std::size_t decisions = 400'000; // of one turn, all threads together
 std::vector<Message> messagesOf(std::size_t tuples, unsigned int seed) {
     struct Id {
         Id(IPAddressMask const& network, EmailAddress const& sender, EmailAddress const& recipient) {
-            message.client = network.address();
+            std::string const text = network.asString(); // "192.0.2.0/24"
+            message.client = IPAddress(text.substr(0, text.find('/')));
             message.sender = sender;
             message.recipient = recipient;
         }
