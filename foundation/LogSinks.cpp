@@ -4,8 +4,11 @@
 #include "foundation/LogLineFormatter.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
-#include <spdlog/sinks/basic_file_sink.h>
+#include <memory>
+#include <spdlog/details/null_mutex.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 #include <system_error>
@@ -17,15 +20,47 @@ namespace {
 constexpr char syslogText[] = "syslog";
 constexpr char standardErrorText[] = "stderr";
 
-// Makes the file before spdlog does, so that it is not readable by everyone and a failure has a reason.
-void createFile(std::string const& path) {
-    int const descriptor = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
-    if (descriptor < 0) {
+using LogFile = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+// Not readable by everyone, and never behind a symbolic link: in a directory that others may write to, that would be
+// their choice of the file that is written.
+LogFile openLogFile(std::string const& path) {
+    int const descriptor =
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, 0640);
+    LogFile file(descriptor < 0 ? nullptr : ::fdopen(descriptor, "ab"), std::fclose);
+    if (file == nullptr) {
+        std::string const reason = errno == ELOOP ? "it is a symbolic link" : std::generic_category().message(errno);
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
         throw Exception("makeLogger", Exception::failure, "LogSinks")
-            .stringParameter("cannot open log file " + path + ": " + std::generic_category().message(errno));
+            .stringParameter("cannot open log file " + path + ": " + reason);
     }
-    ::close(descriptor);
+    return file;
 }
+
+// The library's own sink opens its file by name, whatever is there.
+class FileSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+  public:
+    explicit FileSink(std::string const& path) : m_path(path), m_file(openLogFile(path)) {}
+
+  private:
+    void sink_it_(spdlog::details::log_msg const& message) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        if (std::fwrite(line.data(), 1, line.size(), m_file.get()) != line.size()) {
+            throw spdlog::spdlog_ex("Failed writing to file " + m_path, errno);
+        }
+    }
+    void flush_() override {
+        if (std::fflush(m_file.get()) != 0) {
+            throw spdlog::spdlog_ex("Failed flush to file " + m_path, errno);
+        }
+    }
+
+    std::string const m_path;
+    LogFile m_file;
+};
 
 std::shared_ptr<spdlog::sinks::sink> openSink(LogTarget const& target, std::string const& ident) {
     // The logger's own thread is the only one that uses a sink, so the variants without a lock do.
@@ -37,8 +72,7 @@ std::shared_ptr<spdlog::sinks::sink> openSink(LogTarget const& target, std::stri
         sink = std::make_shared<spdlog::sinks::stderr_sink_st>();
         break;
     case LogTarget::Kind::file:
-        createFile(target.path);
-        sink = std::make_shared<spdlog::sinks::basic_file_sink_st>(target.path);
+        sink = std::make_shared<FileSink>(target.path);
         break;
     }
     sink->set_formatter(std::make_unique<LogLineFormatter>(ident));

@@ -148,6 +148,21 @@ TEST(LogSinks, FileThatCannotBeOpenedIsNamedWithTheReason) {
     }
 }
 
+TEST(LogSinks, FileBehindASymbolicLinkIsNotOpened) {
+    TemporaryDirectory const directory;
+    std::string const victim = directory.path() + "/victim";
+    std::string const path = directory.path() + "/log";
+    ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
+    try {
+        makeLogger(LogTarget::parse(path));
+        FAIL() << "opened";
+    } catch (Exception const& caught) {
+        EXPECT_EQ(caught.asString(),
+                  "makeLogger (code 4, LogSinks): cannot open log file " + path + ": it is a symbolic link");
+    }
+    EXPECT_NE(access(victim.c_str(), F_OK), 0) << "it was made";
+}
+
 TEST(LogSinks, FullDiskStopsNobody) {
     if (access("/dev/full", W_OK) != 0) {
         GTEST_SKIP() << "no /dev/full here";
