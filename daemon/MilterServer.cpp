@@ -5,6 +5,7 @@
 #include "foundation/Locks.h"
 #include "foundation/Logger.h"
 #include "foundation/NoteLimiter.h"
+#include "foundation/UnixListener.h"
 
 #include <libmilter/mfapi.h>
 
@@ -13,8 +14,6 @@
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <unordered_map>
 
 namespace Vellum::Daemon {
@@ -257,18 +256,6 @@ std::string libraryAddress(ListenAddress const& address) {
     throw Exception("MilterServer", Exception::failure).stringParameter(address.asString()).stringParameter(reason);
 }
 
-// A socket's file that is left over from before is removed; any other file is somebody's.
-void removeOldSocket(ListenAddress const& address) {
-    struct stat status {};
-    if (lstat(address.path.c_str(), &status) != 0) {
-        return;
-    }
-    if (!S_ISSOCK(status.st_mode)) {
-        fail(address, "there is a file that is no socket");
-    }
-    unlink(address.path.c_str());
-}
-
 } // namespace
 
 MilterServer::MilterServer(MilterFront& front) : m_front(front) {}
@@ -285,7 +272,7 @@ void MilterServer::start(MilterServerOptions const& options) {
     here.maxConnections = options.maxConnections;
     std::string address = libraryAddress(options.listen);
     if (options.listen.isUnix()) {
-        removeOldSocket(options.listen);
+        removeStaleSocket(options.listen.path);
     }
     errno = 0;
     if (smfi_register(description()) != MI_SUCCESS || smfi_setconn(address.data()) != MI_SUCCESS ||
@@ -293,8 +280,8 @@ void MilterServer::start(MilterServerOptions const& options) {
         smfi_opensocket(false) != MI_SUCCESS) {
         fail(options.listen, errno == 0 ? "the milter library refuses it" : std::strerror(errno));
     }
-    if (options.listen.isUnix() && chmod(options.listen.path.c_str(), options.socketMode) != 0) {
-        fail(options.listen, std::strerror(errno));
+    if (options.listen.isUnix()) {
+        setSocketPermissions(options.listen.path, options.socketMode);
     }
     {
         ExclusiveLock const hold(here.gate);

@@ -1,4 +1,4 @@
-// A listening Unix socket.
+// A listening Unix socket, and what concerns its file.
 #pragma once
 
 #include "foundation/FileDescriptor.h"
@@ -7,6 +7,15 @@
 #include <sys/types.h>
 
 namespace Vellum {
+
+// Removes the file of a socket behind which nobody listens. Nothing there is fine, too. Throws Exception when it is
+// something else, or somebody listens.
+void removeStaleSocket(std::string const& path);
+
+// Gives a socket's file exactly these permissions. Symbolic links are not followed: whoever may write to the directory
+// could otherwise have the permissions of any file of this process's user changed. Throws Exception naming the path and
+// the reason.
+void setSocketPermissions(std::string const& path, mode_t mode);
 
 // Non-blocking; closed, and its file removed, at the end of its life, unless somebody has put another file in its
 // place.
@@ -24,9 +33,6 @@ class UnixListener {
     int descriptor() const { return m_socket.get(); }
 
   private:
-    void removeStaleFile() const;
-    [[noreturn]] void fail(std::string const& reason) const;
-
     std::string const m_path;
     FileDescriptor m_socket;
     // The file as it was made.
