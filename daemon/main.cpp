@@ -2,6 +2,7 @@
 #include "daemon/Daemon.h"
 #include "foundation/Exception.h"
 #include "foundation/HugePages.h"
+#include "foundation/Privileges.h"
 #include "foundation/Version.h"
 
 #include <CLI/CLI.hpp>
@@ -35,8 +36,10 @@ int main(int argc, char** argv) {
                      "78 the settings are wrong.",
                      "vellumd");
     std::string settings = "/etc/vellum/vellumd.toml";
+    std::string user;
     bool check = false;
     options.add_option("-c,--config", settings, "settings file (TOML)")->capture_default_str();
+    options.add_option("-u,--user", user, "become this user before anything else; only root can");
     options.add_flag("--check", check, "read settings and rules, say what is wrong with them, and end");
     options.set_version_flag("-V,--version", std::string("vellumd ") + Vellum::version);
     CLI11_PARSE(options, argc, argv);
@@ -44,6 +47,7 @@ int main(int argc, char** argv) {
     blockSignals();
     umask(0077);
     try {
+        Vellum::giveUpRights(user);
         Vellum::Daemon::Daemon daemon(settings);
         if (check) {
             daemon.check();

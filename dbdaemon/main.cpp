@@ -4,6 +4,7 @@
 #include "foundation/Exception.h"
 #include "foundation/LogSinks.h"
 #include "foundation/Logger.h"
+#include "foundation/Privileges.h"
 #include "foundation/Settings.h"
 #include "foundation/Version.h"
 
@@ -73,8 +74,10 @@ int main(int argc, char** argv) {
         "Exit status: 0 ended as told, 69 the start failed (journal, socket, log), 78 the settings are wrong.",
         "vellum-dbd");
     std::string path = "/etc/vellum/vellum-dbd.toml";
+    std::string user;
     bool check = false;
     options.add_option("-c,--config", path, "settings file (TOML)")->capture_default_str();
+    options.add_option("-u,--user", user, "become this user before anything else; only root can");
     options.add_flag("--check", check, "read the settings, say what is wrong with them, and end");
     bool foreground = true;
     options.add_flag("--foreground", foreground, "accepted for those who say it; there is no other way to run");
@@ -84,6 +87,7 @@ int main(int argc, char** argv) {
     sigset_t const signals = blockSignals();
     umask(0077);
     try {
+        giveUpRights(user);
         DatabaseDaemon::ServiceSettings const settings = DatabaseDaemon::ServiceSettings::load(path);
         if (check) {
             std::printf("%s: in order\n", path.c_str());
