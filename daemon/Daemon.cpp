@@ -3,6 +3,7 @@
 #include "daemon/AdminHandlers.h"
 #include "daemon/DecisionHandlers.h"
 #include "daemon/ExemptRules.h"
+#include "daemon/FileLimit.h"
 #include "daemon/GreylistConfiguration.h"
 #include "daemon/LastBackup.h"
 #include "daemon/MetricsHandler.h"
@@ -32,6 +33,9 @@ namespace {
 
 // At the end, for a backup that runs already; the last one then waits for the database daemon as its settings say.
 constexpr std::chrono::seconds patienceWithLastBackups{120};
+
+// Logs, listeners, event queues, connections to the database; generous.
+constexpr std::size_t filesOfItsOwn = 100;
 
 long clockNow() {
     return static_cast<long>(std::time(nullptr));
@@ -237,7 +241,13 @@ void Daemon::makeDecision() {
         std::make_unique<MilterFront>(*m_decision, *m_counts, MilterFrontSettings::of(m_settings), clockNow);
 }
 
+std::size_t Daemon::filesWanted() const {
+    std::size_t const milter = m_settings.milter.listen ? m_settings.milter.maxConnections : 0;
+    return filesOfItsOwn + m_settings.policy.maxConnections + milter + m_settings.ipc.maxConnections;
+}
+
 void Daemon::serve() {
+    raiseFileLimit(filesWanted());
     makeDecision();
     addAdminHandlers(*this);
     addDecisionHandlers(*m_decision, clockNow);

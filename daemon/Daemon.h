@@ -53,6 +53,7 @@ class Daemon : private GreylistAdministration {
     void useGreylistConfiguration();
     void awaitDatabaseDaemon();
     void bringUpState();
+    std::size_t filesWanted() const;
     void serve();
     void makeDecision();
     void serveMailServers();
