@@ -27,8 +27,11 @@ EXEMPT_RULES = [
 
 
 class World:
-    def __init__(self, policy=True, milter=None):
-        """`policy`: Postfix asks the policy server; `milter`: it asks the milter, with these settings of its section."""
+    def __init__(self, policy=True, milter=None, postfix=True):
+        """`policy`: Postfix asks the policy server; `milter`: it asks the milter, with these settings of its section.
+
+        Without `postfix` there is none, and a test asks by policy().
+        """
         self.stage = Stage(keep=bool(os.environ.get("VELLUM_KEEP_STAGE")))
         self.stage.__enter__()
         try:
@@ -39,7 +42,7 @@ class World:
                 "auto_exempt_after": AUTO_EXEMPT_AFTER, "defer_text": DEFER_TEXT}, milter=milter)
             self.vellum.write_rules(EXEMPT_RULES)
             self.vellum.start()
-            self.postfix = PrivatePostfix(
+            self.postfix = postfix and PrivatePostfix(
                 self.stage, [DOMAIN], policy=f"unix:{self.vellum.policy_socket}" if policy else None,
                 milter=f"unix:{self.vellum.milter_socket}" if milter is not None else None)
         except BaseException:
