@@ -104,7 +104,7 @@ class LatencyBench {
                           "\"p999_us\":%.1f,\"most_us\":%.0f}\n"
                         : "%-42s %8zu tuples, %3u times: p50 %6.1f us, p99 %6.1f us, p99.9 %7.1f us, most %8.0f us\n",
                     name, m_tuples, done.load(), latency->quantile(0.5), latency->quantile(0.99),
-                    latency->quantile(0.999), latency->quantile(1));
+                    latency->quantile(0.999), latency->quantile(0.999999));
         std::fflush(stdout);
     }
 

@@ -1,5 +1,7 @@
 #include "foundation/SharedMutex.h"
 
+#include <thread>
+
 namespace Vellum {
 namespace {
 
@@ -43,8 +45,27 @@ void SharedMutex::enterSlowly() {
         }
         relax();
     }
-    while (m_gate.exchange(2, std::memory_order_acquire) != 0) {
-        m_gate.wait(2, std::memory_order_relaxed);
+    constexpr int patience = 2; // times of waking in vain
+    bool impatient = false;
+    for (int woken = 0;;) {
+        std::uint32_t seen = m_gate.load(std::memory_order_relaxed);
+        if (seen == 3 && woken == 0) {
+            std::this_thread::yield(); // it is for another one, who takes it soon
+        } else if (seen == 0 || seen == 3) {
+            if (m_gate.compare_exchange_weak(seen, 2, std::memory_order_acquire)) {
+                break;
+            }
+        } else if (seen == 2 || m_gate.compare_exchange_weak(seen, 2, std::memory_order_relaxed)) {
+            if (woken == patience && !impatient) {
+                impatient = true;
+                m_impatient.fetch_add(1, std::memory_order_relaxed);
+            }
+            m_gate.wait(2, std::memory_order_relaxed);
+            ++woken;
+        }
+    }
+    if (impatient) {
+        m_impatient.fetch_sub(1, std::memory_order_relaxed);
     }
 }
 

@@ -79,7 +79,9 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
     static constexpr std::uint32_t pending = 0x40000000U; // set by who has the turn
     static constexpr std::uint32_t claimed = writer | pending;
 
-    // The gate: held by the one upgrader, or the writer that writes. 0 free, 1 held, 2 held and somebody sleeps.
+    // The gate: held by the one upgrader, or the writer that writes. 0 free, 1 held, 2 held and somebody sleeps, 3
+    // handed to one who sleeps. Whoever comes along may take it when it is free, which is quick; but one who was woken
+    // in vain is handed it, or a thread that takes the lock again and again would keep him out.
     void enter() {
         std::uint32_t expected = 0;
         if (!m_gate.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
@@ -87,7 +89,8 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
         }
     }
     void leave() {
-        if (m_gate.exchange(0, std::memory_order_release) == 2) {
+        std::uint32_t const next = m_impatient.load(std::memory_order_relaxed) == 0 ? 0 : 3;
+        if (m_gate.exchange(next, std::memory_order_release) == 2) {
             m_gate.notify_one();
         }
     }
@@ -105,6 +108,7 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
 
     std::atomic<std::uint32_t> m_readers{0}; // shared holders, and a bit while a writer waits or holds
     std::atomic<std::uint32_t> m_gate{0};
+    std::atomic<std::uint32_t> m_impatient{0};       // who were woken in vain
     std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until both bits are gone
     std::mutex m_turn;                               // held by the one writer that waits for readers without the gate
 };

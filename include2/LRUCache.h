@@ -16,7 +16,9 @@
 #include "include2/WatchedCount.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <thread>
 #include <utility>
 
 namespace Vellum {
@@ -45,16 +47,17 @@ class LRUCache {
     LRUCache(LRUCache const&) = delete;
     LRUCache& operator=(LRUCache const&) = delete;
 
-    // Forgets everything; the capacity stays.
+    // Forgets everything, at one moment; the capacity stays. What was held is destroyed afterwards, some entries at a
+    // time, so that nobody waits for all of them.
     virtual void clear() {
-        ExclusiveLock const hold(lock);
-        index.clear();
-        if (pins == 0) {
-            list.clear();
-        } else {
+        OrderedIndex<K, KeyAt> old(KeyAt{&list});
+        {
+            ExclusiveLock const hold(lock);
+            index.swap(old);
             list.parkAll();
+            size = 0;
         }
-        size = 0;
+        dropParked();
     }
     // The entry, now the most recently used one, or end().
     virtual iterator findNoLock(K const& key) const VELLUM_REQUIRES(lock)
@@ -169,15 +172,22 @@ class LRUCache {
     };
 
     void unpin() const {
-        constexpr unsigned int dropAtOnce = 4096; // about a millisecond
-        bool last = false;
         {
             ExclusiveLock const hold(lock);
-            last = --pins == 0;
+            --pins;
         }
-        for (bool more = last; more;) {
-            ExclusiveLock const hold(lock);
-            more = pins == 0 && list.dropParked(dropAtOnce);
+        dropParked();
+    }
+    void dropParked() const {
+        constexpr unsigned int dropAtOnce = 1024; // a quarter of a millisecond
+        for (;;) {
+            {
+                ExclusiveLock const hold(lock);
+                if (pins != 0 || !list.dropParked(dropAtOnce)) {
+                    return;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(50)); // those who wait for the lock come first
         }
     }
 

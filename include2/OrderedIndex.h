@@ -58,6 +58,12 @@ class OrderedIndex {
     Position insert(K const& key, Position position);
     // Forgets `key`, whose node must still be there. Answers the position it had, or none when it was absent.
     Position erase(K const& key);
+    // Both index the same pairs.
+    void swap(OrderedIndex& other) noexcept {
+        std::swap(m_root, other.m_root);
+        std::swap(m_first, other.m_first);
+        std::swap(m_height, other.m_height);
+    }
     void clear() {
         if (m_root != nullptr) {
             destroy(m_root, m_height);

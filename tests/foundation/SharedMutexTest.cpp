@@ -182,6 +182,30 @@ TEST(SharedMutex, UpgradersGoOnBesideAWriterThatWaits) {
     late.awaitHold();
 }
 
+// For ever, if a thread that takes the lock again and again kept the other one out.
+TEST(SharedMutex, NobodyIsKeptOutByOneWhoComesBackAtOnce) {
+    SharedMutex mutex;
+    std::atomic<bool> over{false};
+    std::vector<std::thread> greedy;
+    for (int i = 0; i < 2; ++i) {
+        greedy.emplace_back([&] {
+            while (!over) {
+                ExclusiveLock const hold(mutex);
+                for (int spin = 0; spin < 1000; ++spin) { // longer than others spin
+                    static_cast<void>(over.load());
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 200; ++i) {
+        UpgradeLock const hold(mutex);
+    }
+    over = true;
+    for (std::thread& thread : greedy) {
+        thread.join();
+    }
+}
+
 TEST(SharedMutex, PromotionIsGivenUpWhereReadersStay) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
     SharedMutex mutex;
     Holder reader(mutex, Mode::shared);
