@@ -77,7 +77,7 @@ void Journal::readDirectory() {
         if (name.starts_with(incoming)) {
             removeFile(m_directory + '/' + name);
         } else if (auto const entry = JournalName::parse(name)) {
-            m_entries[entry->number] = State{entry->code, false};
+            m_entries[entry->number] = State{entry->code, Step::waiting};
             m_lastNumber = std::max(m_lastNumber, entry->number);
             codes.insert(entry->code);
         }
@@ -96,18 +96,23 @@ void Journal::readDirectory() {
 }
 
 Journal::Entry Journal::accept(std::int32_t code, int script) {
-    std::uint64_t serial = 0;
+    Entry entry{0, code, ""};
     {
         Synchronized const held(m_lock);
-        serial = ++m_lastNumber;
+        entry.number = ++m_lastNumber;
+        entry.path = pathOf(entry.number, code);
+        m_entries[entry.number] = State{code, Step::arriving}; // known before its file is there: nothing can fail then
     }
-    Entry entry{serial, code, pathOf(serial, code)};
-    copyIn(script, m_directory + '/' + std::string(incoming) + std::to_string(serial), entry.path);
-    {
+    try {
+        copyIn(script, m_directory + '/' + std::string(incoming) + std::to_string(entry.number), entry.path);
+    } catch (...) {
         Synchronized const held(m_lock);
-        m_entries[serial] = State{code, false};
-        dropSuperseded(code);
+        m_entries.erase(entry.number);
+        throw;
     }
+    Synchronized const held(m_lock);
+    m_entries.find(entry.number)->second.step = Step::waiting;
+    dropSuperseded(code);
     return entry;
 }
 
@@ -132,7 +137,7 @@ std::vector<Journal::Entry> Journal::waiting() const {
     Synchronized const held(m_lock);
     std::vector<Entry> all;
     for (auto const& [serial, state] : m_entries) {
-        if (!state.running) {
+        if (state.step == Step::waiting) {
             all.push_back({serial, state.code, pathOf(serial, state.code)});
         }
     }
@@ -145,20 +150,29 @@ bool Journal::begin(Entry const& entry) {
     if (found == m_entries.end()) {
         return false;
     }
-    found->second.running = true;
+    found->second.step = Step::running;
     return true;
 }
 
 void Journal::giveBack(Entry const& entry) {
     Synchronized const held(m_lock);
-    m_entries[entry.number].running = false;
+    auto const found = m_entries.find(entry.number);
+    bool const ran = found != m_entries.end() && found->second.step == Step::running; // or the trouble came after it
+    if (ran) {
+        found->second.step = Step::waiting;
+    }
     dropSuperseded(entry.code);
 }
 
 void Journal::finish(Entry const& entry) {
     Synchronized const held(m_lock);
-    m_entries.erase(entry.number);
+    m_entries.find(entry.number)->second.step = Step::done;
+    if (!dropSuperseded(entry.code)) {
+        // An older script would be the newest one after a restart, and take the tables back to its state.
+        throw failure("an older script than " + entry.path + " cannot be removed");
+    }
     removeFile(entry.path);
+    m_entries.erase(entry.number);
     syncDirectory(m_directory);
 }
 
@@ -171,27 +185,39 @@ void Journal::fail(Entry const& entry) {
     pruneFailures(entry.code);
 }
 
-void Journal::dropSuperseded(std::int32_t code) {
-    std::vector<std::uint64_t> ofCode; // oldest first
-    for (auto const& [serial, state] : m_entries) {
-        if (state.code == code) {
-            ofCode.push_back(serial);
+// Removes what is older than the newest script of the code. Answers whether all of it is gone, but for what is running.
+// Never throws: what could not be dropped is tried again with the next script, and at the next start.
+bool Journal::dropSuperseded(std::int32_t code) {
+    auto const counts = [&](auto const& entry) {
+        return entry.second.code == code && entry.second.step != Step::arriving;
+    };
+    auto const newest = std::find_if(m_entries.rbegin(), m_entries.rend(), counts);
+    bool gone = true;
+    for (auto entry = m_entries.begin(); newest != m_entries.rend() && entry->first < newest->first;) {
+        if (!counts(*entry) || entry->second.step == Step::running) {
+            ++entry;
+        } else if (isRemoved(entry->first, code)) {
+            entry = m_entries.erase(entry);
+        } else {
+            gone = false;
+            ++entry;
         }
     }
-    for (std::size_t i = 0; i + 1 < ofCode.size(); ++i) {
-        auto const entry = m_entries.find(ofCode[i]);
-        if (entry->second.running) {
-            continue;
-        }
-        m_entries.erase(entry);
-        note(Logger::Severity::info, "script " + std::to_string(ofCode[i]) + " of request code " +
-                                         std::to_string(code) + " is superseded by a newer one and dropped");
-        try {
-            removeFile(pathOf(ofCode[i], code));
-        } catch (Exception const& failed) {
-            note(Logger::Severity::error, failed.asString()); // dropped again at the next start
-        }
+    return gone;
+}
+
+bool Journal::isRemoved(std::uint64_t number, std::int32_t code) const {
+    try {
+        removeFile(pathOf(number, code));
+        note(Logger::Severity::info, "script " + std::to_string(number) + " of request code " + std::to_string(code) +
+                                         " is superseded by a newer one and dropped");
+    } catch (Exception const& failed) {
+        note(Logger::Severity::error, failed.asString());
+        return false;
+    } catch (std::bad_alloc const&) { // tried again, whether the file is gone or not
+        return false;
     }
+    return true;
 }
 
 void Journal::pruneFailures(std::int32_t code) const {

@@ -54,15 +54,19 @@ class Journal {
     void fail(Entry const& entry);
 
   private:
+    // `done`: it ran, but its file could not be removed. It stays known until the file is gone, because after a restart
+    // it would otherwise be run over what came later.
+    enum class Step { arriving, waiting, running, done };
     struct State {
         std::int32_t code;
-        bool running;
+        Step step;
     };
 
     void lockDirectory();
     void readDirectory();
     void copyIn(int script, std::string const& temporary, std::string const& final) const;
-    void dropSuperseded(std::int32_t code) VELLUM_REQUIRES(m_lock);
+    bool dropSuperseded(std::int32_t code) VELLUM_REQUIRES(m_lock);
+    bool isRemoved(std::uint64_t number, std::int32_t code) const;
     void pruneFailures(std::int32_t code) const;
     std::string pathOf(std::uint64_t number, std::int32_t code) const;
 

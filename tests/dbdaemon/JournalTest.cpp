@@ -190,6 +190,50 @@ TEST_F(JournalTest, FinishedScriptIsGone) {
     EXPECT_THAT(waiting(), IsEmpty());
 }
 
+// What cannot be unlinked, whoever runs the test: a directory that is not empty stands in the file's place.
+void makeUnremovable(std::string const& path) {
+    std::filesystem::remove(path);
+    std::filesystem::create_directories(path + "/inside");
+}
+
+TEST_F(JournalTest, DoneScriptThatCannotBeRemovedIsNotRunAgainAndGoesWithTheNextOne) {
+    Journal::Entry const first = accept(4, "first");
+    ASSERT_TRUE(journal().begin(first));
+    makeUnremovable(first.path);
+    EXPECT_THAT(failureOf([&] { journal().finish(first); }), HasSubstr("removing " + first.path));
+    EXPECT_THAT(waiting(), IsEmpty()) << "it is done";
+    std::filesystem::remove_all(first.path);
+    writeFile(first.path, "first");
+    accept(4, "second");
+    EXPECT_THAT(namesIn(path()), ElementsAre("0000000000000002-4.sql"));
+}
+
+TEST_F(JournalTest, ScriptThatCannotBeRemovedNeverOutlivesANewerOne) {
+    Journal::Entry const first = accept(4, "first");
+    ASSERT_TRUE(journal().begin(first));
+    makeUnremovable(first.path);
+    EXPECT_NE(failureOf([&] { journal().finish(first); }), "none");
+    Journal::Entry const second = accept(4, "second");
+    ASSERT_TRUE(journal().begin(second));
+    EXPECT_THAT(failureOf([&] { journal().finish(second); }),
+                HasSubstr("an older script than " + second.path + " cannot be removed"));
+    EXPECT_THAT(waiting(), IsEmpty());
+    std::filesystem::remove_all(first.path);
+    writeFile(first.path, "first");
+    reopen();
+    EXPECT_THAT(waiting(), ElementsAre(2)) << "the tables stay as they are";
+}
+
+TEST_F(JournalTest, ScriptThatDidNotArriveSupersedesNothing) {
+    Journal::Entry const first = accept(4, "first");
+    FileDescriptor const closed;
+    EXPECT_NE(failureOf([&] { journal().accept(4, closed.get()); }), "none");
+    EXPECT_THAT(waiting(), ElementsAre(1));
+    ASSERT_TRUE(journal().begin(first));
+    journal().finish(first);
+    EXPECT_THAT(namesIn(path()), IsEmpty());
+}
+
 TEST_F(JournalTest, LastFailuresOfEachCodeAreKept) {
     for (int i = 1; i <= 5; ++i) {
         for (std::int32_t const code : {4, 9}) {
