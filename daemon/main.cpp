@@ -23,6 +23,7 @@ void blockSignals() {
     }
     pthread_sigmask(SIG_BLOCK, &taken, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error to tell, not an end
 }
 
 } // namespace
