@@ -22,7 +22,7 @@ class MovableClock:
     def _write(self):
         # Written beside and renamed: a program must never read half of it.
         fresh = self._file.with_suffix(".new")
-        fresh.write_text(f"+{self._offset}\n")
+        fresh.write_text(f"{self._offset:+}\n")
         fresh.rename(self._file)
 
     def environment(self):

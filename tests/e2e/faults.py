@@ -3,6 +3,7 @@
 import json
 import mmap
 import os
+import socket
 import struct
 import time
 from pathlib import Path
@@ -112,8 +113,18 @@ class FaultWorld(World):
 
     def accepted_is_done(self):
         """Waits until every accepted script has been run."""
-        journal = self.vellum.directory / "journal"
-        wait_until(lambda: not list(journal.glob("*.sql")), "an empty journal")
+        wait_until(self.is_settled, "the database daemon to be done with every script")
+
+    def is_settled(self):
+        """Whether it is done with all that it has accepted; not when it does not answer."""
+        with socket.socket(socket.AF_UNIX) as asking:
+            asking.settimeout(10)
+            try:
+                asking.connect(str(self.vellum.directory / "run/dbd.sock"))
+                asking.sendall(struct.pack("=ii", 0, 2) + b"/\0")  # request code 0 is this question
+                return asking.recv(4) == struct.pack("=i", 0)
+            except OSError:
+                return False
 
     def settle(self):
         """No faults any more: everything runs, and tables and memory hold one state, which is answered."""
