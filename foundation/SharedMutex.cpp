@@ -1,7 +1,5 @@
 #include "foundation/SharedMutex.h"
 
-#include <thread>
-
 namespace Vellum {
 namespace {
 
@@ -45,18 +43,17 @@ void SharedMutex::enterSlowly() {
         }
         relax();
     }
-    constexpr int patience = 2; // times of waking in vain
+    constexpr int patience = 1; // times of waking in vain
     bool impatient = false;
+    m_sleepers.fetch_add(1, std::memory_order_relaxed);
     for (int woken = 0;;) {
         std::uint32_t seen = m_gate.load(std::memory_order_relaxed);
-        if (seen == 3 && woken == 0) {
-            std::this_thread::yield(); // it is for another one, who takes it soon
-        } else if (seen == 0 || seen == 3) {
+        if (seen == 0 || seen == 3) {
             if (m_gate.compare_exchange_weak(seen, 2, std::memory_order_acquire)) {
                 break;
             }
         } else if (seen == 2 || m_gate.compare_exchange_weak(seen, 2, std::memory_order_relaxed)) {
-            if (woken == patience && !impatient) {
+            if (woken > patience && !impatient) {
                 impatient = true;
                 m_impatient.fetch_add(1, std::memory_order_relaxed);
             }
@@ -64,9 +61,8 @@ void SharedMutex::enterSlowly() {
             ++woken;
         }
     }
-    if (impatient) {
-        m_impatient.fetch_sub(1, std::memory_order_relaxed);
-    }
+    m_impatient.fetch_sub(impatient ? 1 : 0, std::memory_order_relaxed);
+    m_sleepers.fetch_sub(1, std::memory_order_relaxed);
 }
 
 bool SharedMutex::readersGoSoon() {

@@ -69,6 +69,12 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
         yieldClaim();
         leave();
     }
+    // As unlock(), and who sleeps for the lock gets it before this thread can come back: for work that takes it again
+    // and again and can wait.
+    void unlockInTurn() VELLUM_RELEASE() {
+        yieldClaim();
+        handOver(m_sleepers);
+    }
 
     // Whether a writer or a promotion holds the lock, or waits for shared holders to go. True or not any more by the
     // time it is read: for tests and diagnostics.
@@ -88,8 +94,10 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
             enterSlowly();
         }
     }
-    void leave() {
-        std::uint32_t const next = m_impatient.load(std::memory_order_relaxed) == 0 ? 0 : 3;
+    void leave() { handOver(m_impatient); }
+    // To one of those who sleep, if there is anybody that `forWhom` counts.
+    void handOver(std::atomic<std::uint32_t> const& forWhom) {
+        std::uint32_t const next = forWhom.load(std::memory_order_relaxed) == 0 ? 0 : 3;
         if (m_gate.exchange(next, std::memory_order_release) == 2) {
             m_gate.notify_one();
         }
@@ -108,7 +116,8 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
 
     std::atomic<std::uint32_t> m_readers{0}; // shared holders, and a bit while a writer waits or holds
     std::atomic<std::uint32_t> m_gate{0};
-    std::atomic<std::uint32_t> m_impatient{0};       // who were woken in vain
+    std::atomic<std::uint32_t> m_sleepers{0};        // who wait for the gate, and may take it when it is handed over
+    std::atomic<std::uint32_t> m_impatient{0};       // those of them who were woken in vain
     std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until both bits are gone
     std::mutex m_turn;                               // held by the one writer that waits for readers without the gate
 };
