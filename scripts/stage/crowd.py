@@ -27,9 +27,11 @@ def allow_descriptors(count):
 
 
 def unix_client(path, patience=20):
+    """Waits for room in the listener's queue; a socket with a time limit of Python's would not."""
     client = socket.socket(socket.AF_UNIX)
-    client.settimeout(patience)
+    client.setsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, struct.pack("@ll", patience, 0))
     client.connect(str(path))
+    client.settimeout(patience)
     return client
 
 
