@@ -45,6 +45,7 @@ bool isPassing(unsigned int error) {
     case ER_DISK_FULL:
     case ER_RECORD_FILE_FULL:
     case ER_OUTOFMEMORY:
+    case CR_OUT_OF_MEMORY: // the client's own
     case ER_OUT_OF_RESOURCES:
     case ER_CON_COUNT_ERROR:
     case ER_OPTION_PREVENTS_STATEMENT: // a server that is read-only for now

@@ -37,7 +37,9 @@ class RestOfAnswer {
 
 } // namespace
 
-Query::Query(Connection& connection, RowParser* parser, bool) : m_connection(connection), m_parser(parser) {}
+Query::Query(Connection& connection, RowParser* parser, bool) : m_connection(connection), m_parser(parser) {
+    exceptions(std::ios::badbit); // what finds no memory must not become a shorter statement
+}
 
 void Query::execute() {
     m_affectedRows = 0;
