@@ -44,7 +44,7 @@ void LateTuples::work() {
         auto const [id, now] = *m_waiting.begin();
         hold.unlock();
         try {
-            m_tuples.decide(id, now);
+            m_tuples.admit(id, now);
         } catch (std::exception const& failed) { // no memory: it begins with its next attempt
             Logger::instance(false).note(Logger::Severity::error,
                                          std::string("a tuple could not be kept: ") + failed.what());

@@ -140,6 +140,18 @@ TupleDecision _TupleCache::decideAtOnce(TupleParts const& tuple, long now) const
     return decision;
 }
 
+void _TupleCache::admit(TupleId const& id, long now) const {
+    ExclusiveLock const hold(lock);
+    iterator const found = lookup(id);
+    TupleDecision const decision = judge(found, now);
+    bool const isLater = found != end() && found->second.firstSeen > now && isWaiting(found->second, firstLife());
+    if (decision.begins()) {
+        begin(found, id, decision);
+    } else if (isLater) {
+        found->second = Status(now, now + firstLife(), firstLife());
+    }
+}
+
 TupleDecision _TupleCache::preview(TupleParts const& tuple, long now) const {
     SharedLock const hold(lock);
     return judge(lookup(tuple), now);

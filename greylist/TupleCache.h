@@ -54,9 +54,13 @@ class _TupleCache : public LRUCache<TupleId, Status> {
     // The same; an identity is made only when the tuple is a new one.
     TupleDecision decide(TupleParts const& tuple, long now) const;
 
-    // The same without ever waiting for readers: a new or restarted tuple is then late, and for the caller to decide()
-    // again at another time, with the same `now`, so that its period begins when it did.
+    // The same without ever waiting for readers: a new or restarted tuple is then late, and for the caller to admit()
+    // at another time, with the same `now`, so that its period begins when it did.
     TupleDecision decideAtOnce(TupleParts const& tuple, long now) const;
+
+    // Lets a late tuple in as it was decided at `now`. One that somebody else has begun later, and that still waits,
+    // gets the earlier time; whatever else is known of it stays. Takes the lock exclusively. Throws std::bad_alloc.
+    void admit(TupleId const& id, long now) const;
 
     // What decide() would answer, without a change. Takes the lock shared.
     TupleDecision preview(TupleParts const& tuple, long now) const;

@@ -99,6 +99,30 @@ TEST(LateTuples, WhatIsBeyondTheBoundBeginsWithItsNextAttempt) {
     EXPECT_EQ(daemon.firstSeen("c@example.com"), 0);
 }
 
+TEST(LateTuples, WhatHappenedToATupleMeanwhileStays) {
+    LateFixture daemon;
+    auto const id = [&](char const* sender) {
+        return GreyList::TupleId({daemon.network, sender, "me@example.org"});
+    };
+    daemon.tuples.admit(id("a@example.com"), start);
+    EXPECT_EQ(daemon.firstSeen("a@example.com"), start);
+    daemon.tuples.admit(id("a@example.com"), start + 1);
+    EXPECT_EQ(daemon.firstSeen("a@example.com"), start) << "begun before";
+    daemon.tuples.admit(id("a@example.com"), start - 1);
+    EXPECT_EQ(daemon.firstSeen("a@example.com"), start - 1) << "begun afterwards: the earlier time holds";
+
+    ASSERT_TRUE(daemon.tuples.release({daemon.network, "b@example.com", "me@example.org"}, start));
+    daemon.tuples.admit(id("b@example.com"), start - 10);
+    EXPECT_EQ(daemon.firstSeen("b@example.com"), start - 300);
+    Verdict const passed = daemon.ask(mail("b@example.com"), start + 1);
+    EXPECT_EQ(passed.reason, Verdict::Reason::passed) << "for the first time: nothing has passed by letting it in";
+
+    daemon.tuples.decide(id("c@example.com"), start - 400);
+    daemon.tuples.decide(id("c@example.com"), start - 100);
+    daemon.tuples.admit(id("c@example.com"), start - 500);
+    EXPECT_EQ(daemon.firstSeen("c@example.com"), start - 400) << "it has passed";
+}
+
 TEST(LateTuples, AllAreLetInBeforeTheEnd) {
     LateFixture daemon;
     {
