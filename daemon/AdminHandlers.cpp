@@ -141,11 +141,7 @@ class BackupHandler : public ServiceHandler {
 
   protected:
     Json answer(Json const&, IPC::SocketIPC&) const override {
-        BackupGate const gate = services().backupGate();
-        if (!gate.open) {
-            throw AdminRefusal("backups are off: " + gate.reason);
-        }
-        Json json = backUp([this] { return services().backupNow(); });
+        Json json = backUp(services().backupGate(), [this] { return services().backupNow(); });
         json["reputation"] = backUp(services().reputationGate(), [this] { return services().backUpReputations(); });
         json["endpoints"] = backUp(services().endpointGate(), [this] { return services().backUpEndpoints(); });
         for (auto const& [key, name] : {std::pair{"reputation", "sender reputation"}, {"endpoints", "endpoints"}}) {

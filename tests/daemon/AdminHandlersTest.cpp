@@ -236,10 +236,14 @@ TEST_F(AdminHandlers, ABackupThatTheDatabaseDaemonRefusedIsAnError) {
     EXPECT_EQ(answer.at("error"), "the daemon cannot be reached");
 }
 
-TEST_F(AdminHandlers, WhileTheGateIsShutNoBackupBegins) {
+TEST_F(AdminHandlers, GateOfTheGreylistHoldsUpOnlyItsOwnBackup) {
     m_services.gate = {false, "row 17 of grey_list"};
-    EXPECT_EQ(ask(IPC::PduType::adminBackup), json({{"error", "backups are off: row 17 of grey_list"}}));
+    json const answer = ask(IPC::PduType::adminBackup);
+    EXPECT_EQ(answer.at("error"), "backups are off: row 17 of grey_list");
+    EXPECT_FALSE(answer.contains("accepted"));
     EXPECT_EQ(m_services.backups, 0);
+    EXPECT_EQ(m_services.reputationBackups, 1);
+    EXPECT_EQ(m_services.endpointBackups, 1);
 }
 
 TEST_F(AdminHandlers, GateOfSenderReputationHoldsUpOnlyItsOwnBackup) {
