@@ -2,6 +2,7 @@
 
 #include "foundation/FileDescriptor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -56,22 +57,26 @@ class SpawnPlan {
     posix_spawnattr_t attributes{};
 };
 
-// False when the limit is over before the process has ended, or nothing tells whether it has.
+bool hasEnded(pid_t process) {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == process;
+}
+
+// False when the limit is over before the process has ended. It stays to be waited for.
 bool waitUntilEnded(pid_t process, milliseconds limit) {
+    constexpr milliseconds glance{10}; // between looks at a process for which no descriptor was left
     // Not every version of the C library declares the function for C++.
     FileDescriptor const handle(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
     auto const end = Clock::now() + limit;
-    for (;;) {
+    while (!hasEnded(process)) {
         auto const left = std::chrono::ceil<milliseconds>(end - Clock::now());
-        if (!handle || left <= milliseconds(0)) {
+        if (left <= milliseconds(0)) {
             return false;
         }
         pollfd waiting{handle.get(), POLLIN, 0};
-        int const found = poll(&waiting, 1, static_cast<int>(left.count()));
-        if (found != 0 && (found > 0 || errno != EINTR)) {
-            return found > 0;
-        }
+        poll(&waiting, handle ? 1 : 0, static_cast<int>((handle ? left : std::min(left, glance)).count()));
     }
+    return true;
 }
 
 CommandOutcome outcomeOf(pid_t process) {
@@ -114,12 +119,16 @@ CommandOutcome runCommand(std::vector<std::string> const& words, milliseconds li
     if (problem != 0) {
         return {CommandOutcome::End::notStarted, problem};
     }
-    bool const inTime = waitUntilEnded(process, limit);
-    if (!inTime) {
-        kill(-process, SIGKILL);
+    if (waitUntilEnded(process, limit)) {
+        return outcomeOf(process);
     }
-    CommandOutcome const outcome = outcomeOf(process);
-    return inTime ? outcome : CommandOutcome{CommandOutcome::End::tooLong, 0};
+    constexpr milliseconds patience{2000}; // the kernel may keep a process that waits for a dead disk
+    kill(-process, SIGKILL);
+    kill(process, SIGKILL); // should it have left its group
+    if (waitUntilEnded(process, patience)) {
+        outcomeOf(process);
+    }
+    return {CommandOutcome::End::tooLong, 0};
 }
 
 } // namespace Vellum::Daemon
