@@ -98,7 +98,7 @@ int Daemon::run() {
         useGreylistConfiguration();
         m_reputation = std::make_unique<ReputationConfiguration>(
             m_settings.reputation, m_settings.state.reputationScript(),
-            [this] { return m_reputationLoads.mayBackUp() && !restoreRunning() && m_highAvailability->isActive(); },
+            [this] { return m_reputationLoads.mayBackUp() && !restoreRunning() && m_highAvailability->mayBackUp(); },
             [pair = m_highAvailability] { pair->resync("reputation"); });
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
         m_endpoints = std::make_unique<EndpointConfiguration>(
@@ -137,7 +137,7 @@ void Daemon::useDatabase() {
 
 void Daemon::useGreylistConfiguration() {
     auto const mayBackUp = [this] {
-        return m_loads.mayBackUp() && !restoreRunning() && m_highAvailability->isActive();
+        return m_loads.mayBackUp() && !restoreRunning() && m_highAvailability->mayBackUp();
     };
     auto const backupDone = [pair = m_highAvailability] {
         pair->resync("greylist");
@@ -339,6 +339,7 @@ void Daemon::keepHouse() {
         m_loads.tryAgain();
         m_reputationLoads.tryAgain();
         m_endpointLoads.tryAgain();
+        takeOver();
     }
     m_decision->dropDeadExemptions(clockNow());
     if (std::uint64_t const loads = GreyList::LoadReport::last().tupleLoads; loads != m_countedLoads) {
@@ -348,6 +349,25 @@ void Daemon::keepHouse() {
     countFamilies();
     MailCounts::dropOldHours(clockNow());
     m_databaseDaemonAnswers.set(DatabaseDaemon::askWhetherSettled() != DatabaseDaemon::Answer::unreachable);
+}
+
+// What the unit that was active before has left, beside what was learned here.
+void Daemon::takeOver() {
+    if (!m_highAvailability->mustLoad() || DatabaseDaemon::askWhetherSettled() == DatabaseDaemon::Answer::notSettled) {
+        return;
+    }
+    std::string problem;
+    for (KeptTables const& tables : {greylistTables(), reputationTables(), endpointTables()}) {
+        tables.loadAnew();
+        problem = problem.empty() ? tables.problem() : problem;
+    }
+    if (problem.empty()) {
+        m_highAvailability->hasLoaded();
+        note(Logger::Severity::warning, "high availability: the tables are loaded, this unit backs up from now on");
+    } else {
+        note(Logger::Severity::error,
+             "high availability: nothing is backed up before the tables are loaded: " + problem);
+    }
 }
 
 void Daemon::countFamilies() {
@@ -386,6 +406,7 @@ void Daemon::reload() {
     }
     m_decision->install(decisionSettings());
     m_decision->rebuildPassCounts(clockNow()); // more may be needed now than was counted
+    m_housekeeping->soon();                    // another unit of the pair may be the active one
 }
 
 void Daemon::stop() {
@@ -406,7 +427,11 @@ void Daemon::stop() {
 }
 
 void Daemon::takeLastBackups() {
-    std::string const standby = m_highAvailability->isActive() ? "" : "this unit is not the active one";
+    std::string standby;
+    if (!m_highAvailability->mayBackUp()) {
+        standby = m_highAvailability->mustLoad() ? "this unit has not loaded the tables since it is the active one"
+                                                 : "this unit is not the active one";
+    }
     LastBackup greylist = lastGreylistBackup();
     greylist.enabled = m_settings.greylist.backup;
     greylist.problem = standby.empty() ? m_loads.problem() : standby;

@@ -64,6 +64,7 @@ class Daemon : private GreylistAdministration {
     void takeLastBackups();
     void stop();
     void keepHouse();
+    void takeOver();
     void countFamilies();
 
     DecisionSettings decisionSettings() const;

@@ -42,7 +42,7 @@ class EndpointConfiguration final : public MMSReputation::Configuration {
         }
     }
     bool haMaster() const override {
-        return m_backup && (!m_mayBackUp || m_mayBackUp()) && (!m_pair || m_pair->isActive());
+        return m_backup && (!m_mayBackUp || m_mayBackUp()) && (!m_pair || m_pair->mayBackUp());
     }
     unsigned int maxEntries() const override { return MMSReputation::Cache::mostEntries; }
     unsigned int windowSize() const override { return m_windowMinutes; }

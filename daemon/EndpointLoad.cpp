@@ -78,12 +78,8 @@ std::string problem() {
     return why.empty() ? why : "the endpoint tables could not be loaded: " + why;
 }
 
-void loadAgain() {
+void loadAnew() {
     MMSReputation::Database database(Database::Connection::defaultAddress());
-    if (missed().entries.loaded) { // and counted into since: only the lists are read again
-        RefCache::instance(&database, Select::exemptList | Select::blacklist);
-        return;
-    }
     RefCache const before = current();
     RefCache const now = RefCache::instance(&database, Select::everything);
     if (!before.isNull()) {
@@ -91,10 +87,19 @@ void loadAgain() {
     }
 }
 
+void loadAgain() {
+    if (!missed().entries.loaded) {
+        return loadAnew();
+    }
+    MMSReputation::Database database(Database::Connection::defaultAddress());
+    // They were loaded, and counted into since: only the lists are read again.
+    RefCache::instance(&database, Select::exemptList | Select::blacklist);
+}
+
 } // namespace
 
 KeptTables endpointTables() {
-    return {"the endpoint tables", problem, loadAgain};
+    return {"the endpoint tables", problem, loadAgain, loadAnew};
 }
 
 std::string whyEndpointsAreNotBackedUp() {

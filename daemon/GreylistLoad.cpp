@@ -52,15 +52,14 @@ std::string problem() {
     return "the tables could not be loaded: " + (problem.empty() ? "no load was tried yet" : problem);
 }
 
-// Only what is missing: the half that was loaded has lived on since, and its table is older than it.
-void loadAgain() {
+void load(bool tuplesToo, bool exemptionsToo) {
     GreyList::GlRecordDatabase database(Database::Connection::defaultAddress());
-    if (!GreyList::LoadReport::last().tuples.loaded) {
+    if (tuplesToo) {
         Kept<GreyList::_TupleCache, GreyList::TupleId> tuples(**GreyList::TupleCache::instance());
         database.readTuples();
         tuples.putBack(GreyList::LoadReport::last().tuples.loaded);
     }
-    if (!GreyList::LoadReport::last().exemptions.loaded) {
+    if (exemptionsToo) {
         Kept<GreyList::_DynamicExemptCache, GreyList::DynamicExemptId> exemptions(
             **GreyList::DynamicExemptCache::instance());
         database.readExemptions();
@@ -68,10 +67,20 @@ void loadAgain() {
     }
 }
 
+// Only what is missing: the half that was loaded has lived on since, and its table is older than it.
+void loadAgain() {
+    GreyList::LoadReport const last = GreyList::LoadReport::last();
+    load(!last.tuples.loaded, !last.exemptions.loaded);
+}
+
+void loadAnew() {
+    load(true, true);
+}
+
 } // namespace
 
 KeptTables greylistTables() {
-    return {"the tables", problem, loadAgain};
+    return {"the tables", problem, loadAgain, loadAnew};
 }
 
 } // namespace Vellum::Daemon

@@ -65,9 +65,30 @@ bool HighAvailability::isActive() {
     if (last && m_answeredAt && m_now() - *m_answeredAt < settings->answerHolds) {
         return *last;
     }
-    bool const active = ask(*settings);
+    return answer(*settings);
+}
+
+bool HighAvailability::mayBackUp() {
+    Synchronized const hold(m_lock);
+    return answer(*m_settings.get()) && !m_mustLoad;
+}
+
+bool HighAvailability::mustLoad() {
+    Synchronized const hold(m_lock);
+    return m_mustLoad;
+}
+
+void HighAvailability::hasLoaded() {
+    Synchronized const hold(m_lock);
+    m_mustLoad = false;
+}
+
+bool HighAvailability::answer(HighAvailabilitySettings const& settings) {
+    bool const before = m_lastAnswer.get().value_or(true);
+    bool const active = ask(settings);
     m_answeredAt = m_now();
-    if (last.value_or(true) != active) {
+    if (before != active) {
+        m_mustLoad = active;
         sayChange(active);
     }
     m_lastAnswer.set(active);
@@ -111,7 +132,8 @@ bool HighAvailability::askCommand(HighAvailabilitySettings const& settings) {
 
 void HighAvailability::sayChange(bool active) {
     Logger::instance(false).note(Logger::Severity::warning,
-                                 active ? "high availability: this unit is the active one now"
+                                 active ? "high availability: this unit is the active one now, and backs up as soon as "
+                                          "it has loaded the tables"
                                         : "high availability: this unit is not the active one, nothing is backed up");
 }
 

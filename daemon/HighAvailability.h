@@ -9,6 +9,9 @@
 //
 // With neither, the answer is yes. Trouble counts as no: of two units that both write, one's state is lost; of none
 // that writes, only what came since the last backup. It is said once, and so is its end; so is a change of the answer.
+//
+// A unit that becomes the active one after it was not has caches as old as its last load. It must load what the other
+// unit has left in the tables before it may write them.
 #pragma once
 
 #include "daemon/Command.h"
@@ -40,6 +43,11 @@ class HighAvailability {
 
     // Asks, unless the last answer is younger than the settings say. Several that ask at once wait for one answer.
     bool isActive();
+    // Whether a backup may replace the tables: asks in any case, and answers no before a new active unit has loaded.
+    bool mayBackUp();
+    // This unit has become the active one, and hasLoaded() has not been called since.
+    bool mustLoad();
+    void hasLoaded();
     // The last answer, without asking; nothing before the first one.
     std::optional<bool> lastAnswer() const { return m_lastAnswer.get(); }
     // Runs the settings' command for what follows a backup, with VELLUM_FAMILY=`family` in its environment, where this
@@ -47,6 +55,7 @@ class HighAvailability {
     void resync(std::string const& family);
 
   private:
+    bool answer(HighAvailabilitySettings const& settings) VELLUM_REQUIRES(m_lock);
     bool ask(HighAvailabilitySettings const& settings);
     bool askFile(std::string const& path);
     bool askCommand(HighAvailabilitySettings const& settings);
@@ -59,6 +68,8 @@ class HighAvailability {
     Latest<std::optional<bool>> m_lastAnswer;
     Mutex m_lock; // held while a file or a command is asked
     std::optional<Clock::time_point> m_answeredAt VELLUM_GUARDED_BY(m_lock);
+    bool m_mustLoad VELLUM_GUARDED_BY(m_lock)
+    = false;
 };
 
 } // namespace Vellum::Daemon

@@ -20,9 +20,22 @@ Housekeeping::~Housekeeping() {
     m_thread.join();
 }
 
+void Housekeeping::soon() {
+    {
+        std::lock_guard const hold(m_lock);
+        m_soon = true;
+    }
+    m_changed.notify_all();
+}
+
 void Housekeeping::run() {
     std::unique_lock hold(m_lock);
-    while (!m_changed.wait_for(hold, m_interval, [this] { return m_stopping; })) {
+    for (;;) {
+        m_changed.wait_for(hold, m_interval, [this] { return m_stopping || m_soon; });
+        if (m_stopping) {
+            return;
+        }
+        m_soon = false;
         hold.unlock();
         try {
             m_task();

@@ -1,4 +1,5 @@
-// Runs a task every minute on a thread of its own, so that a slow database holds up neither the job table nor a signal.
+// Runs a task every minute, and on demand, on a thread of its own, so that a slow database holds up neither the job
+// table nor a signal.
 #pragma once
 
 #include <chrono>
@@ -14,6 +15,8 @@ class Housekeeping {
     // The first run comes after one interval. What the task throws is logged.
     explicit Housekeeping(std::function<void()> task, std::chrono::seconds interval = std::chrono::seconds(60));
     ~Housekeeping(); // waits for a run in hand
+    // The next run begins at once; the one after it an interval later. Does not wait.
+    void soon();
     Housekeeping(Housekeeping const&) = delete;
     Housekeeping& operator=(Housekeeping const&) = delete;
 
@@ -24,7 +27,8 @@ class Housekeeping {
     std::chrono::seconds const m_interval;
     std::mutex m_lock;
     std::condition_variable m_changed;
-    bool m_stopping = false; // under m_lock
+    bool m_stopping = false; // under m_lock, as is the next
+    bool m_soon = false;
     std::thread m_thread;
 };
 

@@ -17,6 +17,9 @@ struct KeptTables {
     std::function<std::string()> problem; // of the last load; empty when the caches hold what the tables held
     // Loads once more. What the caches learned until then is kept beside what is loaded.
     std::function<void()> loadAgain;
+    // Loads everything, also after a good load: somebody else has written the tables since. What the caches hold is
+    // kept beside it likewise.
+    std::function<void()> loadAnew = {};
 };
 
 // Of the greylist: a record that was loaded stays as it was loaded; a tuple that is first seen while the rows are being

@@ -72,7 +72,7 @@ void loadAgain() {
 } // namespace
 
 KeptTables reputationTables() {
-    return {"the tables of sender reputation", problem, loadAgain};
+    return {"the tables of sender reputation", problem, loadAgain, loadAgain};
 }
 
 } // namespace Vellum::Daemon

@@ -124,6 +124,41 @@ TEST_F(HighAvailabilityTest, TheFilesFirstWordSaysIt) {
     EXPECT_FALSE(unit.isActive());
 }
 
+TEST_F(HighAvailabilityTest, UnitThatBecomesTheActiveOneLoadsBeforeItBacksUp) {
+    HighAvailability unit(withFile());
+    write("state", "active");
+    EXPECT_TRUE(unit.mayBackUp()) << "it has loaded at its start";
+    EXPECT_FALSE(unit.mustLoad());
+    write("state", "standby");
+    EXPECT_FALSE(unit.mayBackUp());
+    EXPECT_FALSE(unit.mustLoad());
+    write("state", "active");
+    EXPECT_FALSE(unit.mayBackUp());
+    EXPECT_TRUE(unit.mustLoad());
+    EXPECT_TRUE(unit.isActive());
+    EXPECT_FALSE(unit.mayBackUp());
+    unit.hasLoaded();
+    EXPECT_TRUE(unit.mayBackUp());
+    write("state", "standby");
+    unit.isActive();
+    write("state", "active");
+    unit.isActive();
+    write("state", "standby");
+    EXPECT_FALSE(unit.mayBackUp());
+    EXPECT_FALSE(unit.mustLoad()) << "it is not the active one any more";
+}
+
+TEST_F(HighAvailabilityTest, BackupIsNotContentWithAnOldAnswer) {
+    HighAvailabilitySettings settings = withFile();
+    settings.answerHolds = std::chrono::seconds(3600);
+    HighAvailability unit(settings);
+    write("state", "active");
+    EXPECT_TRUE(unit.isActive());
+    write("state", "standby");
+    EXPECT_TRUE(unit.isActive());
+    EXPECT_FALSE(unit.mayBackUp());
+}
+
 TEST_F(HighAvailabilityTest, NoFileIsNoAndNoTrouble) {
     HighAvailability unit(withFile());
     EXPECT_FALSE(unit.isActive());
@@ -131,7 +166,9 @@ TEST_F(HighAvailabilityTest, NoFileIsNoAndNoTrouble) {
     write("state", "active\n");
     EXPECT_TRUE(unit.isActive());
     EXPECT_TRUE(unit.isActive());
-    EXPECT_EQ(logged(), Lines{"high availability: this unit is the active one now"});
+    EXPECT_EQ(logged(),
+              Lines{"high availability: this unit is the active one now, and backs up as soon as it has loaded "
+                    "the tables"});
     std::filesystem::remove(path("state"));
     EXPECT_FALSE(unit.isActive());
     EXPECT_EQ(logged(), Lines{"high availability: this unit is not the active one, nothing is backed up"});
@@ -164,8 +201,10 @@ TEST_F(HighAvailabilityTest, TheCommandsStatusSaysIt) {
     EXPECT_EQ(logged(), Lines{"high availability: /bin/sh ended with status 2, so this unit is not active"});
     write("status", "0");
     EXPECT_TRUE(unit.isActive());
-    EXPECT_EQ(logged(), (Lines{"high availability: /bin/sh answers again",
-                               "high availability: this unit is the active one now"}));
+    EXPECT_EQ(logged(),
+              (Lines{"high availability: /bin/sh answers again",
+                     "high availability: this unit is the active one now, and backs up as soon as it has loaded "
+                     "the tables"}));
 }
 
 TEST_F(HighAvailabilityTest, ACommandThatIsEndedByASignalMissingOrHangingIsNoAnswer) {
@@ -244,6 +283,8 @@ TEST_F(HighAvailabilityTest, EndpointReputationIsToldOfBoth) {
     EndpointConfiguration configuration(endpoint, "/b/endpoint.sql", {}, unit);
     EXPECT_FALSE(configuration.haMaster());
     write("state", "active");
+    EXPECT_FALSE(configuration.haMaster()) << "it has to load what the other unit has written";
+    unit->hasLoaded();
     EXPECT_TRUE(configuration.haMaster());
     configuration.resyncIfMaster();
     EXPECT_EQ(read("resynced"), "endpoint\n");

@@ -9,6 +9,7 @@ import signal
 import struct
 import subprocess
 import termios
+import time
 import unittest
 import urllib.error
 import urllib.request
@@ -164,9 +165,18 @@ class Pair(unittest.TestCase):
         self.assertEqual(value("vellum_high_availability_active"), 0)
         self.assertIn("unit STANDBY", world.vellum.ctl("top", "--once"))
         self.assertFalse(resynced.exists())
+
+        # The other unit has written the tables meanwhile. They are loaded before this one writes them.
+        world.mariadb.query("INSERT INTO grey_list VALUES ('198.51.100.0/24', 'jo@other.example', 'a@example.org', "
+                            f"{int(time.time())}, {int(time.time()) + 90000})")
         state.write_text("active\n")
+        world.vellum.daemon.signal(signal.SIGHUP)
+        world.logged("high availability: the tables are loaded, this unit backs up from now on")
+        self.assertIn("jo@other.example", [one["sender"] for one in world.vellum.tuples()])
         world.vellum.daemon.stop()
         self.assertEqual(sorted(resynced.read_text().split()), ["endpoint", "greylist", "reputation"])
+        senders = [row[0] for row in world.mariadb.query("SELECT SenderEmailAddress FROM grey_list")]
+        self.assertIn("jo@other.example", senders)
         del world.vellum.settings["high_availability"]
         world.vellum.write_settings()
         world.vellum.start_daemon()
