@@ -1,11 +1,11 @@
 #include "tests/daemon/PolicyServerFixture.h"
 
+#include "tests/support/Eventually.h"
+
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 #include <sys/resource.h>
-#include <thread>
 
 namespace Vellum::Daemon {
 
@@ -55,14 +55,7 @@ void PolicyServerTest::start(PolicyServerOptions options) {
 }
 
 bool PolicyServerTest::eventually(std::function<bool(PolicyServerFigures const&)> const& wanted) const {
-    auto const end = std::chrono::steady_clock::now() + CapturingLogger::patience;
-    while (!wanted(server.figures())) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return Vellum::eventually([&] { return wanted(server.figures()); });
 }
 
 std::size_t PolicyServerTest::notes(std::string const& part) const {
