@@ -7,7 +7,6 @@
 #include "daemon/GreylistConfiguration.h"
 #include "daemon/LastBackup.h"
 #include "daemon/MetricsHandler.h"
-#include "daemon/SignalInbox.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Logger.h"
 #include "foundation/Version.h"
@@ -88,7 +87,7 @@ void Daemon::check() const {
 }
 
 int Daemon::run() {
-    SignalInbox signals({SIGTERM, SIGINT, SIGHUP});
+    m_signals = std::make_unique<SignalInbox>(std::initializer_list<int>{SIGTERM, SIGINT, SIGHUP});
     useLog(m_settings.log);
     note(Logger::Severity::info, std::string("vellumd ") + version + " starts with " + m_settingsPath);
     try {
@@ -113,11 +112,11 @@ int Daemon::run() {
     }
     note(Logger::Severity::info, "serving");
 
-    while (signals.next() == SIGHUP) {
+    while (m_signals->next() == SIGHUP) {
         reload();
     }
     stop();
-    return EX_OK;
+    return m_milterHasEnded ? EX_TEMPFAIL : EX_OK;
 }
 
 void Daemon::useLog(LogSettings const& settings) {
@@ -280,9 +279,20 @@ void Daemon::serveMailServers() {
                      .maxConnections = policy.maxConnections});
     if (MilterSettings const& milter = m_settings.milter; milter.listen) {
         m_milter = std::make_unique<MilterServer>(*m_milterFront);
-        m_milter->start(
-            {.listen = *milter.listen, .socketMode = milter.socketMode, .maxConnections = milter.maxConnections});
+        m_milter->start({.listen = *milter.listen,
+                         .socketMode = milter.socketMode,
+                         .maxConnections = milter.maxConnections,
+                         .hasEnded = [this] {
+                             endWithoutMilter();
+                         }});
     }
+}
+
+// The library cannot be started again in this process; who started the process can. Nothing is lost: it was most likely
+// a signal to end that the library took.
+void Daemon::endWithoutMilter() {
+    m_milterHasEnded = true;
+    m_signals->put(SIGTERM);
 }
 
 void Daemon::serveMetrics() {

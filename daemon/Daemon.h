@@ -23,10 +23,12 @@
 #include "daemon/RateControlConfiguration.h"
 #include "daemon/ReputationConfiguration.h"
 #include "daemon/Settings.h"
+#include "daemon/SignalInbox.h"
 #include "daemon/SubscriberDirectory.h"
 
 #include "foundation/Latest.h"
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,6 +59,7 @@ class Daemon : private GreylistAdministration {
     void serve();
     void makeDecision();
     void serveMailServers();
+    void endWithoutMilter();
     void serveMetrics();
     void reload();
     void sayWhatNeedsARestart(Settings const& changed) const;
@@ -105,6 +108,8 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<SubscriberDirectory> m_subscribers; // null: the settings want no lookups
     Standing m_standing{nullptr};
     std::unique_ptr<MailCounts> m_counts;
+    std::unique_ptr<SignalInbox> m_signals;
+    std::atomic<bool> m_milterHasEnded{false}; // by itself
     std::unique_ptr<MilterFront> m_milterFront;
     std::unique_ptr<MilterServer> m_milter; // null: the settings want none
     std::shared_ptr<DaemonMetrics> m_metrics;

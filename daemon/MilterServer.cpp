@@ -288,12 +288,14 @@ void MilterServer::start(MilterServerOptions const& options) {
         here.front = &m_front;
     }
     here.running = true;
-    m_thread = std::thread([&here] {
+    m_thread = std::thread([&here, hasEnded = options.hasEnded] {
         int const outcome = smfi_main();
         here.running = false;
         if (!here.stopping) {
-            note(Logger::Severity::error, "the milter front has ended by itself (" + std::to_string(outcome) +
-                                              "), the mail server goes on without it; restart vellumd");
+            note(Logger::Severity::error, "the milter front has ended by itself (" + std::to_string(outcome) + ")");
+            if (hasEnded) {
+                hasEnded();
+            }
         }
     });
 }

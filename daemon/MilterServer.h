@@ -18,6 +18,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <sys/types.h>
@@ -30,6 +31,9 @@ struct MilterServerOptions {
     mode_t socketMode = 0666;
     std::size_t maxConnections = 2000;  // one more is let through unseen
     std::chrono::seconds timeout{7210}; // for the mail server to say the next thing
+    // Called once, on a thread of the front, when it ends without stop(): the library has failed, or got a signal that
+    // was meant for the process.
+    std::function<void()> hasEnded = {};
 };
 
 // What has been served since start().

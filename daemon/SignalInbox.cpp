@@ -15,11 +15,15 @@ namespace {
 // Where the handler writes; handlers have no other way to know.
 std::atomic<int> pipeOfHandler{-1};
 
-extern "C" void signalArrived(int signal) {
-    int const kept = errno;
+void writeTo(int pipe, int signal) {
     auto const number = static_cast<unsigned char>(signal);
     // A full pipe holds more signals than anybody will act on.
-    [[maybe_unused]] ssize_t const ignored = write(pipeOfHandler.load(), &number, sizeof number);
+    [[maybe_unused]] ssize_t const ignored = write(pipe, &number, sizeof number);
+}
+
+extern "C" void signalArrived(int signal) {
+    int const kept = errno;
+    writeTo(pipeOfHandler.load(), signal);
     errno = kept;
 }
 
@@ -63,6 +67,10 @@ int SignalInbox::next() {
     while (read(m_reading.get(), &number, sizeof number) != sizeof number) {
     }
     return number;
+}
+
+void SignalInbox::put(int signal) {
+    writeTo(m_writing.get(), signal);
 }
 
 } // namespace Vellum::Daemon

@@ -5,7 +5,9 @@
 //
 // By handlers, not by waiting for blocked signals: the milter library has a thread of its own that waits for the same
 // signals and would end the milter front at a SIGHUP. The kernel hands a signal of the process to a waiting thread only
-// when the main thread has it blocked, so the main thread never has it blocked while an inbox is there.
+// when the main thread has it blocked, so the main thread never has it blocked while an inbox is there. What is left is
+// a signal that arrives while the waiting thread begins to wait, or right behind another one; whoever learns of such an
+// end calls put().
 #pragma once
 
 #include "foundation/FileDescriptor.h"
@@ -27,6 +29,8 @@ class SignalInbox {
 
     // Waits for the next one. The same signal sent again before it was taken may come once only.
     int next();
+    // As if the signal had arrived. Thread-safe; never waits.
+    void put(int signal);
 
   private:
     std::vector<int> m_signals;

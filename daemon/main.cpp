@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
                      "delegation protocol, served to tools on port 29001, kept in MariaDB.\n\n"
                      "Signals: SIGHUP reads settings and rules again, SIGTERM takes a last backup and ends.\n"
                      "Exit status: 0 ended as told, 69 the start failed (database, sockets, state directory),\n"
-                     "78 the settings are wrong.",
+                     "75 the milter front ended by itself, 78 the settings are wrong.",
                      "vellumd");
     std::string settings = "/etc/vellum/vellumd.toml";
     std::string user;

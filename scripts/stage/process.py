@@ -96,13 +96,17 @@ class Process:
         if self._child is not None:
             self._child.wait()
 
-    def terminate(self, patience=PATIENCE_SECONDS):
-        """SIGTERM; waits for the end and returns the exit code."""
-        self._child.terminate()
+    def wait(self, patience=PATIENCE_SECONDS):
+        """Waits for the end and returns the exit code."""
         try:
             return self._child.wait(patience)
         except subprocess.TimeoutExpired as error:
-            raise StageError(f"{self.name} is still there {patience} s after SIGTERM:\n{self.log()[-4000:]}") from error
+            raise StageError(f"{self.name} has not ended after {patience} s:\n{self.log()[-4000:]}") from error
+
+    def terminate(self, patience=PATIENCE_SECONDS):
+        """SIGTERM; waits for the end and returns the exit code."""
+        self._child.terminate()
+        return self.wait(patience)
 
     def stop(self):
         """As gently as it allows."""

@@ -1,9 +1,13 @@
 #include "daemon/SignalInbox.h"
 
+#include "tests/support/Eventually.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <csignal>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <unistd.h>
 
@@ -52,15 +56,33 @@ TEST(SignalInbox, SignalIsBlockedAgainAfterwards) {
     EXPECT_EQ(signal, SIGUSR1);
 }
 
-// The milter library has such a thread.
+TEST(SignalInbox, WhatIsPutComesInItsOrder) {
+    Blocked const blocked(SIGUSR1);
+    SignalInbox inbox({SIGUSR1});
+    std::thread([&] { inbox.put(SIGTERM); }).join();
+    raise(SIGUSR1);
+    EXPECT_EQ(inbox.next(), SIGTERM);
+    EXPECT_EQ(inbox.next(), SIGUSR1);
+}
+
+bool sleeps(pid_t thread) {
+    std::string number, name, state;
+    std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat") >> number >> name >> state;
+    return state == "S";
+}
+
+// The milter library has such a thread. One that only begins to wait may take what is pending.
 TEST(SignalInbox, ThreadThatWaitsForTheSameSignalDoesNotGetIt) {
     Blocked const blocked(SIGUSR1);
+    std::atomic<pid_t> begins{0};
     std::atomic<int> taken{-1};
     std::thread waiting([&] {
+        begins = gettid();
         int signal = 0;
         sigwait(&blocked.set(), &signal);
         taken = signal;
     });
+    ASSERT_TRUE(eventually([&] { return begins != 0 && sleeps(begins); }));
     {
         SignalInbox inbox({SIGUSR1});
         for (int i = 0; i < 100; ++i) {

@@ -1,9 +1,16 @@
 """The milter front behind a real Postfix, alone."""
 
+import ctypes
 import json
+import os
+import platform
+import signal
 import unittest
+from pathlib import Path
 
-from world import DEFER_TEXT, Client, World
+from world import DEFER_TEXT, Client, World, wait_until
+
+SIGTIMEDWAIT = {"x86_64": 128, "aarch64": 137}  # the system call that sigwait() makes
 
 
 def setUpModule():
@@ -162,3 +169,30 @@ class Release(unittest.TestCase):
                          "192.0.2.0/24 jo@released.example a@example.org: the next message passes\n")
         replies, _ = world.send(client, "jo@released.example", "a@example.org")
         self.assertEqual(replies[0].code, 250)
+
+
+class SignalThatTheLibraryTook(unittest.TestCase):
+    """The milter library waits for signals to end in a thread of its own. What that one takes, the daemon never sees."""
+
+    def waiting_thread(self):
+        """Its number; None until it is in sigwait()."""
+        for task in Path(f"/proc/{world.vellum.daemon.pid}/task").iterdir():
+            if (task / "syscall").read_text().split()[0] == str(SIGTIMEDWAIT[platform.machine()]):
+                return int(task.name)
+        return None
+
+    def test_daemon_saves_everything_and_ends_for_its_service_manager(self):
+        if platform.machine() not in SIGTIMEDWAIT:
+            self.skipTest(f"the number of a system call is not known for {platform.machine()}")
+        world.send(Client("192.0.2.150"), "jo@kept.example", "a@example.org")
+        before = world.vellum.log()
+        thread = wait_until(self.waiting_thread, "the library's thread to wait for a signal")
+        tgkill = ctypes.CDLL(None, use_errno=True).tgkill
+        self.assertEqual(tgkill(world.vellum.daemon.pid, thread, signal.SIGTERM), 0, os.strerror(ctypes.get_errno()))
+        self.assertEqual(world.vellum.daemon.wait(), 75)
+        news = world.vellum.log()[len(before):]
+        self.assertIn("the milter front has ended by itself (0)", news)
+        self.assertRegex(news, r"last backup: .* are with the database daemon")
+        self.assertRegex(news, r"\bended\n")
+        world.vellum.start_daemon()
+        self.assertIn("jo@kept.example", [tuple["sender"] for tuple in world.vellum.tuples()])
