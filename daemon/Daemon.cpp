@@ -229,6 +229,7 @@ void Daemon::makeDecision() {
     m_standing = Standing(m_subscribers.get());
     m_counts =
         std::make_unique<MailCounts>(MailLimits{m_settings.rateLimits, m_settings.endpointLimits}, m_subscribers.get());
+    m_countQueue = std::make_unique<CountQueue>(*m_counts);
     m_decision =
         std::make_unique<Decision>(**GreyList::TupleCache::instance(), **GreyList::DynamicExemptCache::instance(),
                                    decisionSettings(), &m_standing);
@@ -237,7 +238,7 @@ void Daemon::makeDecision() {
     m_translator = std::make_unique<PolicyTranslator>(*m_decision, PolicyTranslatorSettings::of(m_settings), clockNow);
     m_policy = std::make_unique<PolicyServer>(*m_translator);
     m_milterFront =
-        std::make_unique<MilterFront>(*m_decision, *m_counts, MilterFrontSettings::of(m_settings), clockNow);
+        std::make_unique<MilterFront>(*m_decision, *m_countQueue, MilterFrontSettings::of(m_settings), clockNow);
 }
 
 std::size_t Daemon::filesWanted() const {
@@ -427,6 +428,7 @@ void Daemon::stop() {
     m_milter.reset(); // from here on nothing changes in the caches
     dispatcher().stop();
     m_decision->settle();
+    m_countQueue->waitUntilDone();
     Cron::Crontab::instance(true).stop();
     if (!DetachedBackup::waitForAll(patienceWithLastBackups)) {
         note(Logger::Severity::error, "a backup that was running did not end in time");

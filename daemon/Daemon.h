@@ -6,6 +6,7 @@
 // Order of end (SIGTERM, SIGINT): fronts, port 29001, jobs, then the last backup, which is waited for.
 #pragma once
 
+#include "daemon/CountQueue.h"
 #include "daemon/DaemonMetrics.h"
 #include "daemon/DatabaseWatch.h"
 #include "daemon/Decision.h"
@@ -108,6 +109,7 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<SubscriberDirectory> m_subscribers; // null: the settings want no lookups
     Standing m_standing{nullptr};
     std::unique_ptr<MailCounts> m_counts;
+    std::unique_ptr<CountQueue> m_countQueue; // in front of m_counts
     std::unique_ptr<SignalInbox> m_signals;
     std::atomic<bool> m_milterHasEnded{false}; // by itself
     std::unique_ptr<MilterFront> m_milterFront;

@@ -21,7 +21,7 @@ struct MessageSummary {
     bool infected = false;
 };
 
-// Whoever counts. Called by the front's threads, several at once; must not wait and must not throw.
+// Whoever counts. A front calls it by several threads at once.
 class MessageObserver {
   public:
     virtual ~MessageObserver() = default;

@@ -16,10 +16,11 @@ Verdict verdict(Verdict::Action action, Verdict::Reason reason) {
     return made;
 }
 
-// A handle on the entry of `key`, empty for none; not a use.
+// A handle on the entry of `key`, empty for none; not a use. In upgrade mode, as all reading here: a shared hold would
+// wait behind a count that waits for a listing.
 template <class Handle, class Cache, class Key>
 Handle peek(Cache const& cache, Key const& key) {
-    SharedLock const hold(cache.lock);
+    UpgradeLock const hold(cache.lock);
     auto const found = cache.lookup(key);
     return found == cache.end() ? Handle(false) : found->second;
 }
@@ -52,7 +53,7 @@ std::optional<std::uint32_t> reputationScore(IPAddress const& client, long now) 
         return std::nullopt;
     }
     auto const current = static_cast<std::uint32_t>(now / Reputation::secondsPerPeriod);
-    SharedLock const hold(Reputation::Entry::s_lock);
+    UpgradeLock const hold(Reputation::Entry::s_lock);
     return entry->score(now, current - (Reputation::scoredPeriods - 1));
 }
 
@@ -145,7 +146,7 @@ Standing::Facts::Rate rateFacts(EmailAddress const& sender, long now) {
         return facts;
     }
     facts.known = true;
-    SharedLock const hold(SenderRateControl::Entry::s_lock);
+    UpgradeLock const hold(SenderRateControl::Entry::s_lock);
     auto const records = entry->records();
     for (auto at = records.lower_bound(SenderRateControl::firstPeriodAt(now)); at != records.end(); ++at) {
         auto const& record = at->second;
@@ -170,7 +171,7 @@ Standing::Facts Standing::facts(Message const& message, StandingSettings const& 
     all.block = senderBlock(all.accountable, now);
     all.score = reputationScore(message.client, now);
     if (auto const entry = peek<Reputation::RefEntry>(**Reputation::RefCache::instance(), message.client)) {
-        SharedLock const hold(Reputation::Entry::s_lock);
+        UpgradeLock const hold(Reputation::Entry::s_lock);
         all.hours.assign(entry->records().begin(), entry->records().end());
         all.state = entry->state();
         all.lastModified = entry->lastModified();

@@ -8,7 +8,8 @@
 //                      logged in, whose address is that of people on the move
 //
 // What has no entry in a cache gets none here, and nothing counts as a use: asking changes nothing.
-// Thread-safe; takes the caches' and entries' locks, shared, each for a moment.
+// Thread-safe; takes the caches' and entries' locks in upgrade mode, each for a moment: beside listings, and beside
+// whoever waits for a listing's end.
 #pragma once
 
 #include "daemon/LimitSettings.h"

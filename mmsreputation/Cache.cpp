@@ -112,13 +112,14 @@ std::size_t Cache::exemptSize() const {
     return m_exempt.size();
 }
 
+// Both in upgrade mode, which passes by writers that wait for a listing's end: decisions ask.
 bool Cache::isBlacklisted(MSISDN const& number) const {
-    SharedLock const hold(lock);
+    UpgradeLock const hold(lock);
     return isListed(m_blacklist, number);
 }
 
 bool Cache::isExempt(MSISDN const& number) const {
-    SharedLock const hold(lock);
+    UpgradeLock const hold(lock);
     return isListed(m_exempt, number);
 }
 
