@@ -2,6 +2,7 @@
 
 #include "foundation/Exception.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -77,9 +78,21 @@ void become(Account const& account) {
     }
 }
 
-// setresuid() takes them from a process that was root; a starter may have left some to one that never was.
+bool hasCapabilities() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> held{};
+    check(syscall(SYS_capget, &header, held.data()) == 0, "reading capabilities");
+    return std::any_of(held.begin(), held.end(),
+                       [](auto const& set) { return (set.effective | set.permitted | set.inheritable) != 0; });
+}
+
+// setresuid() takes them from a process that was root; a starter may have left some to one that never was. Where there
+// are none, the kernel is not asked to drop them: a service manager may have forbidden the call.
 void dropCapabilities() {
     prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0); // unknown to old kernels, which have none
+    if (!hasCapabilities()) {
+        return;
+    }
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> const none{};
     check(syscall(SYS_capset, &header, none.data()) == 0, "giving up capabilities");
