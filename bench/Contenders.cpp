@@ -1,12 +1,12 @@
 #include "bench/Contenders.h"
 
 #include "bench/NoopPolicyServer.h"
+#include "bench/Peers.h"
 #include "bench/VellumPolicyServer.h"
 #include "foundation/Exception.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,7 +24,7 @@ using Daemon::PolicyServerOptions;
 Contender inOneProcess(std::string const& name, std::uint64_t tuples,
                        std::function<void(ServerProcess::Ready const&)> const& body) {
     auto const process = std::make_shared<ServerProcess>(name, body);
-    return {name, process, process, tuples};
+    return {name, process, process, tuples, Protocol::policy, false};
 }
 
 Contender startNoop(std::string const& name, PolicyServerOptions const& options, std::uint64_t tuples) {
@@ -36,34 +36,22 @@ Contender startNoop(std::string const& name, PolicyServerOptions const& options,
     });
 }
 
-// ---- postgrey
+// Enough for keys to be known ones, few enough for the slowest to learn within seconds.
+constexpr std::uint64_t tuplesOfAPeer = 200;
 
-// A port that nobody listens on at this moment.
-ListenAddress freePort() {
-    return ListeningSocket(ListenAddress::parse("inet:127.0.0.1:0"), 0).address();
+std::shared_ptr<ServerProcess> startPeer(std::string const& name, std::string const& transport,
+                                         TemporaryDirectory const& directory) {
+    auto const program = peerProgram(name, transport, directory.path());
+    if (!program) {
+        return nullptr;
+    }
+    return std::make_shared<ServerProcess>(name,
+                                           [&program](ServerProcess::Ready const& ready) { runPeer(*program, ready); });
 }
 
-std::shared_ptr<ServerProcess> startPostgrey(TemporaryDirectory const& directory, ListenAddress const& address) {
-    passwd const* const user = getpwnam("postgrey");
-    if (user == nullptr || geteuid() != 0) {
-        fail("postgrey is not installed, or this is not root");
-    }
-    std::string const home = directory.file(address.isUnix() ? "postgrey-unix" : "postgrey-tcp");
-    std::filesystem::create_directory(home);
-    if (chown(home.c_str(), user->pw_uid, user->pw_gid) != 0) {
-        fail("chown " + home);
-    }
-    std::string const where = address.isUnix() ? "--unix=" + address.path : "--inet=" + address.inet.asString();
-    return std::make_shared<ServerProcess>("postgrey",
-                                           std::vector<std::string>{"/usr/sbin/postgrey", where, "--dbdir=" + home,
-                                                                    "--pidfile=" + home + "/pid", "--delay=1"},
-                                           address, home + "/log");
-}
-
-Contender startBothPostgreys(TemporaryDirectory const& directory, std::uint64_t tuples) {
-    auto const onUnix = startPostgrey(directory, ListenAddress::parse("unix:" + directory.file("postgrey")));
-    auto const onTcp = startPostgrey(directory, freePort());
-    return {"postgrey", onUnix, onTcp, std::max<std::uint64_t>(tuples / 1000, 1)};
+Contender startPeer(std::string const& name, TemporaryDirectory const& directory) {
+    auto const protocol = name == "greylistd" ? Protocol::greylistd : Protocol::policy;
+    return {name, startPeer(name, "unix", directory), startPeer(name, "tcp", directory), tuplesOfAPeer, protocol, true};
 }
 
 } // namespace
@@ -96,10 +84,11 @@ Contender startContender(std::string const& name, std::uint64_t tuples, unsigned
         return inOneProcess(name, tuples,
                             [&](ServerProcess::Ready const& ready) { runDecisions(options, tuples, log, ready); });
     }
-    if (name == "postgrey") {
-        return startBothPostgreys(directory, tuples);
+    auto const& peers = peerNames();
+    if (std::find(peers.begin(), peers.end(), name) != peers.end()) {
+        return startPeer(name, directory);
     }
-    fail('"' + name + "\" is none of noop, vellum-noop, vellumd, postgrey");
+    fail('"' + name + "\" is none of noop, vellum-noop, vellumd and the packages");
 }
 
 } // namespace Vellum::Bench

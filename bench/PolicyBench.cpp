@@ -1,9 +1,10 @@
 // Policy servers side by side, under the load of mail servers: requests per second, latencies, and the server's CPU
-// time for each request.
+// time for each request. Ends with 3 when one of them had to be left out.
 //
 // In every round each server is measured once, in turn (A B A B ...), and the medians over the rounds are shown; so
 // whatever else the machine does falls on all of them alike.
 #include "bench/Contenders.h"
+#include "bench/Peers.h"
 #include "bench/PolicyLoad.h"
 #include "foundation/HugePages.h"
 
@@ -13,12 +14,20 @@
 #include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
 
 namespace Vellum::Bench {
 namespace {
 
+std::vector<std::string> allServers() {
+    std::vector<std::string> servers{"noop", "vellum-noop", "vellumd"};
+    servers.insert(servers.end(), peerNames().begin(), peerNames().end());
+    return servers;
+}
+
 struct Options {
-    std::vector<std::string> servers{"noop", "vellum-noop", "vellumd", "postgrey"};
+    std::vector<std::string> servers = allServers();
     std::vector<std::string> transports{"unix", "tcp"};
     std::vector<unsigned int> connections{1, 4, 32};
     std::vector<std::string> keys{"known", "skewed", "new"};
@@ -88,59 +97,113 @@ nlohmann::json asJson(Row const& row) {
 
 // ---- the measuring
 
-std::vector<Row> measure(std::vector<Contender> const& contenders, Options const& options, std::string const& keys,
-                         std::string const& transport, unsigned int connections, std::uint64_t& firstFresh) {
-    std::vector<Row> rows;
-    for (Contender const& contender : contenders) {
-        rows.push_back({contender.name, transport, connections, keys, {}});
-    }
-    for (unsigned int round = 0; round < options.rounds; ++round) {
-        for (std::size_t i = 0; i < contenders.size(); ++i) {
-            ServerProcess const& server = contenders[i].on(transport);
-            Load load;
-            load.server = transport == "unix" ? server.unixAddress() : server.tcpAddress();
-            load.connections = connections;
-            load.keys = keysNamed(keys);
-            load.tuples = contenders[i].tuples;
-            load.firstFresh = firstFresh;
-            load.duration = std::chrono::milliseconds(options.milliseconds);
-            rows[i].rounds.push_back(run(load, server.process()));
-            firstFresh += rows[i].rounds.back().fresh;
+// One that does not start or stops answering is said, with its reason, and left out of what follows.
+class Contest {
+  public:
+    explicit Contest(Options const& options) : m_options(options), m_firstFresh(options.tuples) {
+        for (std::string const& name : options.servers) {
+            attempt(name, [&] {
+                m_contenders.push_back(startContender(name, options.tuples, options.workers, m_directory));
+                if (m_contenders.back().learns) {
+                    teach(m_contenders.back());
+                }
+            });
         }
     }
-    return rows;
-}
 
-// All of one kind of keys before the next: new tuples make the server forget known ones, so they come last.
-void measureAll(Options const& options) {
-    TemporaryDirectory const directory;
-    std::vector<Contender> contenders;
-    for (std::string const& name : options.servers) {
-        contenders.push_back(startContender(name, options.tuples, options.workers, directory));
-    }
-    nlohmann::json results = nlohmann::json::array();
-    std::uint64_t firstFresh = options.tuples;
-    printHeading();
-    for (std::string const& keys : options.keys) {
-        for (std::string const& transport : options.transports) {
-            for (unsigned int const connections : options.connections) {
-                auto const rows = measure(contenders, options, keys, transport, connections, firstFresh);
-                for (Row const& row : rows) {
-                    print(row, rows.front().perSecond());
-                    results.push_back(asJson(row));
+    // All of one kind of keys before the next: new tuples make the server forget known ones, so they come last.
+    void run() {
+        printHeading();
+        for (std::string const& keys : m_options.keys) {
+            for (std::string const& transport : m_options.transports) {
+                for (unsigned int const connections : m_options.connections) {
+                    compare(keys, transport, connections);
                 }
             }
         }
+        if (!m_options.json.empty()) {
+            std::ofstream(m_options.json) << m_results.dump(2) << '\n';
+        }
     }
-    if (!options.json.empty()) {
-        std::ofstream(options.json) << results.dump(2) << '\n';
+
+    // Every one that was asked for took part to the end.
+    bool complete() const { return m_out.empty(); }
+
+  private:
+    template <class Work>
+    void attempt(std::string const& name, Work work) {
+        try {
+            work();
+        } catch (std::exception const& e) {
+            m_out.insert(name);
+            std::cerr << "left out: " << name << ": " << reasonOf(e) << '\n';
+            m_results.push_back({{"server", name}, {"left_out", reasonOf(e)}});
+        }
     }
-}
+
+    LoadResult measure(Contender const& contender, ServerProcess const& server, std::string const& keys,
+                       unsigned int connections) {
+        Load load;
+        load.server = &server == contender.onUnix.get() ? server.unixAddress() : server.tcpAddress();
+        load.protocol = contender.protocol;
+        load.connections = connections;
+        load.keys = keysNamed(keys);
+        load.tuples = contender.tuples;
+        load.firstFresh = m_firstFresh;
+        load.duration = std::chrono::milliseconds(m_options.milliseconds);
+        LoadResult const result = Bench::run(load, server.process());
+        m_firstFresh += result.fresh;
+        return result;
+    }
+
+    // Twice, with more than its delay in between, so that the tuples have passed.
+    void teach(Contender const& contender) {
+        for (int time = 0; time < 2; ++time) {
+            for (ServerProcess const* const server : {contender.on("unix"), contender.on("tcp")}) {
+                if (server != nullptr) {
+                    measure(contender, *server, "known", 4);
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+        }
+    }
+
+    void compare(std::string const& keys, std::string const& transport, unsigned int connections) {
+        std::vector<Row> rows;
+        for (Contender const& contender : m_contenders) {
+            rows.push_back({contender.name, transport, connections, keys, {}});
+        }
+        for (unsigned int round = 0; round < m_options.rounds; ++round) {
+            for (std::size_t i = 0; i < m_contenders.size(); ++i) {
+                ServerProcess const* const server = m_contenders[i].on(transport);
+                if (server != nullptr && m_out.count(m_contenders[i].name) == 0) {
+                    attempt(m_contenders[i].name,
+                            [&] { rows[i].rounds.push_back(measure(m_contenders[i], *server, keys, connections)); });
+                }
+            }
+        }
+        double const limit = rows.front().rounds.empty() ? 0 : rows.front().perSecond();
+        for (Row const& row : rows) {
+            if (row.rounds.size() == m_options.rounds) {
+                print(row, limit);
+                m_results.push_back(asJson(row));
+            }
+        }
+    }
+
+    Options const& m_options;
+    TemporaryDirectory m_directory;
+    std::vector<Contender> m_contenders; // gone before their directory
+    std::set<std::string> m_out;
+    nlohmann::json m_results = nlohmann::json::array();
+    std::uint64_t m_firstFresh;
+};
 
 int benchMain(int argc, char** argv) {
     Options options;
     CLI::App app("Policy servers side by side; the first one named is what the others are compared with");
-    app.add_option("--servers", options.servers, "noop, vellum-noop, vellumd, postgrey")->delimiter(',');
+    app.add_option("--servers", options.servers, "noop, vellum-noop, vellumd, or the name of a package")
+        ->delimiter(',');
     app.add_option("--transports", options.transports, "unix, tcp")->delimiter(',');
     app.add_option("--connections", options.connections, "connections, one request in flight on each")->delimiter(',');
     app.add_option("--keys", options.keys, "known, skewed, new; new last, they displace known ones")->delimiter(',');
@@ -151,12 +214,13 @@ int benchMain(int argc, char** argv) {
     app.add_option("--json", options.json, "file for the figures");
     CLI11_PARSE(app, argc, argv);
     try {
-        measureAll(options);
+        Contest contest(options);
+        contest.run();
+        return contest.complete() ? 0 : 3;
     } catch (std::exception const& e) {
         std::cerr << "PolicyBench: " << e.what() << '\n';
         return 1;
     }
-    return 0;
 }
 
 } // namespace

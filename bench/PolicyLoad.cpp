@@ -1,8 +1,10 @@
 #include "bench/PolicyLoad.h"
 
 #include "bench/LatencyHistogram.h"
+#include "bench/ProcessTime.h"
 #include "foundation/Exception.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
@@ -90,6 +92,15 @@ void appendName(std::string& out, std::uint64_t number) {
     appendDomain(out, number);
 }
 
+void appendQuestion(std::string& out, std::uint64_t number) {
+    out += "--grey ";
+    appendAddress(out, addressOf(number));
+    out += ' ';
+    appendSender(out, number);
+    out += ' ';
+    appendRecipient(out, number);
+}
+
 // The numbers of the envelopes, one after the other.
 class Numbers {
   public:
@@ -155,50 +166,53 @@ int connectTcp(unsigned int port) {
 }
 
 struct Client {
-    int socket;
-    std::uint64_t sentAt;
+    int socket = -1;
+    std::uint64_t sentAt = 0;
 };
 
 class Generator {
   public:
     Generator(Load const& load, LoadResult& result) : m_load(load), m_result(result), m_numbers(load) {
-        m_clients.reserve(load.connections);
-        for (unsigned int i = 0; i < load.connections; ++i) {
-            m_clients.push_back(
-                {load.server.isUnix() ? connectUnix(load.server.path) : connectTcp(load.server.inet.port()), 0});
-            epoll_event event{};
-            event.events = EPOLLIN;
-            event.data.ptr = &m_clients.back();
-            if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_clients.back().socket, &event) != 0) {
-                fail("epoll_ctl: " + reason());
-            }
+        m_clients.resize(load.connections);
+        if (load.protocol == Protocol::policy) {
+            std::for_each(m_clients.begin(), m_clients.end(), [this](Client& client) { connect(client); });
         }
     }
 
-    void run(clockid_t serverClock) {
+    void run(pid_t serverProcess) {
         for (Client& client : m_clients) {
             ask(client, nanoseconds(CLOCK_MONOTONIC));
         }
         serveUntil(nanoseconds(CLOCK_MONOTONIC) + inNanoseconds(m_load.warmUp));
         m_histogram = LatencyHistogram();
         m_result = LoadResult();
+        ProcessTime const cpu(serverProcess);
         std::uint64_t const begin = nanoseconds(CLOCK_MONOTONIC);
-        std::uint64_t const cpuBegin = nanoseconds(serverClock);
         serveUntil(begin + inNanoseconds(m_load.duration));
-        std::uint64_t const cpu = nanoseconds(serverClock) - cpuBegin;
         m_result.seconds = static_cast<double>(nanoseconds(CLOCK_MONOTONIC) - begin) / 1e9;
+        m_result.serverCpu = static_cast<double>(cpu.nanoseconds()) / 1000 / static_cast<double>(m_histogram.total());
         m_result.requests = m_histogram.total();
         m_result.fresh = m_numbers.freshUsed();
         m_result.p50 = m_histogram.quantile(0.5);
         m_result.p99 = m_histogram.quantile(0.99);
         m_result.p999 = m_histogram.quantile(0.999);
-        m_result.serverCpu = static_cast<double>(cpu) / 1000 / static_cast<double>(m_result.requests);
         leave();
     }
 
   private:
     static std::uint64_t inNanoseconds(std::chrono::milliseconds time) {
         return static_cast<std::uint64_t>(time.count()) * 1000000U;
+    }
+
+    void connect(Client& client) {
+        client.socket =
+            m_load.server.isUnix() ? connectUnix(m_load.server.path) : connectTcp(m_load.server.inet.port());
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.ptr = &client;
+        if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, client.socket, &event) != 0) {
+            fail("epoll_ctl: " + reason());
+        }
     }
 
     void serveUntil(std::uint64_t end) {
@@ -211,7 +225,7 @@ class Generator {
             }
             for (int i = 0; i < ready; ++i) {
                 Client& client = *static_cast<Client*>(events[i].data.ptr);
-                count(client.socket);
+                count(client);
                 now = nanoseconds(CLOCK_MONOTONIC);
                 m_histogram.add(now - client.sentAt);
                 ask(client, now);
@@ -232,8 +246,13 @@ class Generator {
 
     void ask(Client& client, std::uint64_t now) {
         m_request.clear();
-        appendRequest(m_request, m_numbers.next(), ++m_messages);
         client.sentAt = now;
+        if (m_load.protocol == Protocol::greylistd) {
+            connect(client);
+            appendQuestion(m_request, m_numbers.next());
+        } else {
+            appendRequest(m_request, m_numbers.next(), ++m_messages);
+        }
         if (send(client.socket, m_request.data(), m_request.size(), MSG_NOSIGNAL) !=
             static_cast<ssize_t>(m_request.size())) {
             fail("send: " + reason());
@@ -241,24 +260,32 @@ class Generator {
     }
 
     // An answer is one segment of some hundred bytes at most; it always arrives in one piece.
-    void count(int socket) {
+    void count(Client const& client) {
         std::array<char, 1024> answer;
-        ssize_t const received = recv(socket, answer.data(), answer.size(), 0);
+        ssize_t const received = recv(client.socket, answer.data(), answer.size(), 0);
         if (received <= 0) {
             fail(received == 0 ? "the server closed the connection" : "recv: " + reason());
         }
         std::string_view const text(answer.data(), static_cast<std::size_t>(received));
+        if (m_load.protocol == Protocol::greylistd) {
+            close(client.socket);
+            ++(text == "true" ? m_result.defer : text == "false" ? m_result.dunno : m_result.other);
+            return;
+        }
         if (!text.starts_with("action=") || !text.ends_with("\n\n")) {
             fail("the answer is " + std::string(text));
         }
-        std::string_view const action = text.substr(7);
+        countAction(text.substr(7));
+    }
+
+    void countAction(std::string_view action) {
         auto const is = [action](std::string_view begin) {
             return action.size() >= begin.size() && strncasecmp(action.data(), begin.data(), begin.size()) == 0;
         };
-        ++(is("DUNNO")     ? m_result.dunno
-           : is("DEFER")   ? m_result.defer
-           : is("PREPEND") ? m_result.prepend
-                           : m_result.other);
+        ++(is("DUNNO")                 ? m_result.dunno
+           : is("DEFER") || is("450 ") ? m_result.defer
+           : is("PREPEND")             ? m_result.prepend
+                                       : m_result.other);
     }
 
     Load const& m_load;
@@ -282,11 +309,7 @@ static_assert(std::is_trivially_copyable_v<Shared>);
 
 [[noreturn]] void runChild(Load const& load, pid_t serverProcess, Shared& shared) {
     try {
-        clockid_t serverClock{};
-        if (int const error = clock_getcpuclockid(serverProcess, &serverClock); error != 0) {
-            fail("clock_getcpuclockid: " + std::generic_category().message(error));
-        }
-        Generator(load, shared.result).run(serverClock);
+        Generator(load, shared.result).run(serverProcess);
     } catch (std::exception const& e) {
         std::string(e.what()).copy(static_cast<char*>(shared.failure), sizeof shared.failure - 1);
     }

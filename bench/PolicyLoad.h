@@ -32,8 +32,15 @@ Envelope envelopeOf(std::uint64_t number);
 // makes the instance unique.
 void appendRequest(std::string& out, std::uint64_t number, std::uint64_t message);
 
+// How a server is asked.
+enum class Protocol {
+    policy,    // Postfix' policy protocol, many requests over one connection
+    greylistd, // greylistd's own: "--grey ADDRESS SENDER RECIPIENT", answered by "true" or "false", then the end
+};
+
 struct Load {
     Daemon::ListenAddress server;
+    Protocol protocol = Protocol::policy;
     unsigned int connections = 1;
     Keys keys = Keys::known;
     std::uint64_t tuples = 1000000;     // that the server knows
@@ -57,8 +64,8 @@ struct LoadResult {
     std::uint64_t other = 0;
 };
 
-// Puts the load on the server from a process of its own; `serverProcess` is the one whose CPU time is counted, all its
-// threads. Throws Exception when the server cannot be reached or closes a connection.
+// Puts the load on the server from a process of its own; `serverProcess` is the one whose CPU time is counted, with all
+// its threads and all processes below it. Throws Exception when the server cannot be reached or closes a connection.
 LoadResult run(Load const& load, pid_t serverProcess);
 
 } // namespace Vellum::Bench

@@ -4,9 +4,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
@@ -14,8 +12,8 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <system_error>
-#include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace Vellum::Bench {
 namespace {
@@ -39,6 +37,19 @@ void writeAddresses(int pipe, std::vector<Daemon::ListenAddress> const& addresse
     close(pipe);
 }
 
+// Instead of addresses: a line that begins with what no address begins with.
+void writeReason(int pipe, std::string const& reason) {
+    std::string const text = '!' + reason;
+    [[maybe_unused]] ssize_t const written = write(pipe, text.data(), text.size());
+}
+
+} // namespace
+
+std::string reasonOf(std::exception const& caught) {
+    auto const* const ours = dynamic_cast<Exception const*>(&caught);
+    return ours != nullptr && !ours->stringParameters().empty() ? ours->stringParameters().back() : caught.what();
+}
+
 bool accepts(Daemon::ListenAddress const& address) {
     int const probe = socket(address.isUnix() ? AF_UNIX : AF_INET, SOCK_STREAM, 0);
     int result = -1;
@@ -58,8 +69,6 @@ bool accepts(Daemon::ListenAddress const& address) {
     return result == 0;
 }
 
-} // namespace
-
 ServerProcess::ServerProcess(std::string const& name, std::function<void(Ready const&)> const& body) : m_name(name) {
     int pipe[2];
     if (pipe2(pipe, O_CLOEXEC) != 0) {
@@ -70,34 +79,14 @@ ServerProcess::ServerProcess(std::string const& name, std::function<void(Ready c
         endWithParent();
         close(pipe[0]);
         try {
-            body([&pipe](auto const& addresses) { writeAddresses(pipe[1], addresses); });
+            body([&pipe](auto const& addresses) { writeAddresses(std::exchange(pipe[1], -1), addresses); });
         } catch (std::exception const& e) {
-            std::fprintf(stderr, "%s: %s\n", name.c_str(), e.what());
+            writeReason(pipe[1], reasonOf(e));
         }
         _exit(1);
     }
     close(pipe[1]);
     awaitAddresses(pipe[0]);
-}
-
-ServerProcess::ServerProcess(std::string const& name, std::vector<std::string> const& command,
-                             Daemon::ListenAddress const& address, std::string const& outputFile)
-    : m_name(name), m_addresses{address} {
-    std::vector<char*> arguments;
-    for (std::string const& argument : command) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    m_process = fork();
-    if (m_process == 0) {
-        endWithParent();
-        int const output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(output, STDOUT_FILENO);
-        dup2(output, STDERR_FILENO);
-        execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
-    awaitConnection(address);
 }
 
 ServerProcess::~ServerProcess() {
@@ -113,30 +102,15 @@ void ServerProcess::awaitAddresses(int pipe) {
         text.append(piece, static_cast<std::size_t>(count));
     }
     close(pipe);
+    if (text.starts_with('!') || text.empty()) {
+        waitpid(m_process, nullptr, 0);
+        fail(m_name, text.empty() ? "it did not start" : text.substr(1));
+    }
     for (std::size_t begin = 0; begin < text.size();) {
         std::size_t const end = text.find('\n', begin);
         m_addresses.push_back(Daemon::ListenAddress::parse(std::string_view(text).substr(begin, end - begin)));
         begin = end + 1;
     }
-    if (m_addresses.empty()) {
-        waitpid(m_process, nullptr, 0);
-        fail(m_name, "it did not start");
-    }
-}
-
-void ServerProcess::awaitConnection(Daemon::ListenAddress const& address) {
-    for (int attempt = 0; attempt < 500; ++attempt) {
-        if (accepts(address)) {
-            return;
-        }
-        if (waitpid(m_process, nullptr, WNOHANG) != 0) {
-            fail(m_name, "it ended instead of listening on " + address.asString());
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    kill(m_process, SIGKILL);
-    waitpid(m_process, nullptr, 0);
-    fail(m_name, "it does not listen on " + address.asString());
 }
 
 Daemon::ListenAddress const& ServerProcess::addressWhere(bool isUnix) const {

@@ -3,6 +3,7 @@
 
 #include "daemon/ListeningSocket.h"
 
+#include <exception>
 #include <functional>
 #include <string>
 #include <sys/types.h>
@@ -10,17 +11,21 @@
 
 namespace Vellum::Bench {
 
+// What an exception says to somebody who knows what was tried: the last parameter of ours, the text of others.
+std::string reasonOf(std::exception const& caught);
+
+// True when somebody accepts a connection there. The connection is closed at once.
+bool accepts(Daemon::ListenAddress const& address);
+
 class ServerProcess {
   public:
     // Tells that the server listens; to be called once, in the server's process.
     using Ready = std::function<void(std::vector<Daemon::ListenAddress> const&)>;
 
     // Forks; the child runs `body`, which serves until the process is ended, and ends. Waits until it is ready.
-    // Throws Exception when it ends before that. To be called while this process has one thread.
+    // Throws Exception, with what `body` threw, when it ends before that. To be called while this process has one
+    // thread.
     ServerProcess(std::string const& name, std::function<void(Ready const&)> const& body);
-    // Runs a program, whose output goes to `outputFile`; it is ready once `address` accepts connections.
-    ServerProcess(std::string const& name, std::vector<std::string> const& command,
-                  Daemon::ListenAddress const& address, std::string const& outputFile);
     // SIGTERM, and waits.
     ~ServerProcess();
     ServerProcess(ServerProcess const&) = delete;
@@ -33,7 +38,6 @@ class ServerProcess {
 
   private:
     void awaitAddresses(int pipe);
-    void awaitConnection(Daemon::ListenAddress const& address);
     Daemon::ListenAddress const& addressWhere(bool isUnix) const;
 
     std::string m_name;
