@@ -1,13 +1,12 @@
 // The decision beside the textbook cache (std::map, std::list, boost::shared_mutex), in one binary and one run.
 //
-//   DecisionBench [--tuples N] [--json]
+//   DecisionBench [--tuples N]... [--turns N] [--json]
 //
 // For each size the two caches answer the same sequences of the same identities, in turns, and the medians of the turns
 // are printed: known tuples at random, new ones with eviction of the oldest, and a mix of 90 and 10 %; from 1 and 2
 // threads. Bytes per tuple are all-in: what the process's heap grew by, divided by the tuples held.
+#include "bench/BenchSupport.h"
 #include "foundation/HugePages.h"
-#include "foundation/Logger.h"
-#include "greylist/Configuration.h"
 #include "greylist/TupleCache.h"
 
 #include <boost/thread/locks.hpp>
@@ -18,7 +17,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <list>
 #include <map>
 #include <memory>
@@ -31,26 +29,6 @@ using namespace Vellum;
 using namespace Vellum::GreyList;
 
 namespace {
-
-class SilentLogger : public Logger {
-  protected:
-    void write(Severity, std::string_view) override {}
-};
-
-class BenchConfiguration : public Configuration {
-  public:
-    explicit BenchConfiguration(int maxRecords) : m_maxRecords(maxRecords) {}
-    int initialExpiryHours() const override { return 24; }
-    int ttlDays() const override { return 36; }
-    int greylistMinutes() const override { return 5; }
-    std::string backupPath() const override { return {}; }
-    void backupDone() override {}
-    bool backupEnabled() const override { return false; }
-    int maxRecords() const override { return m_maxRecords; }
-
-  private:
-    int m_maxRecords;
-};
 
 // The identity as a textbook has it: values behind one shared pointer.
 struct TextbookId {
@@ -114,23 +92,6 @@ class TextbookCache {
     boost::shared_mutex m_lock;
 };
 
-// Identity number n of a mail stream in which networks and senders repeat as they do in real logs: some eleven tuples
-// of a network, addresses of 24 characters on average.
-template <class Id>
-Id identity(std::uint64_t n) {
-    std::uint64_t mixed = n / 11 * 0x9E3779B97F4A7C15ULL;
-    char text[80];
-    ip_addr_t raw{4, {}};
-    raw.bytes[0] = static_cast<std::uint8_t>(1 + (mixed >> 56) % 220);
-    raw.bytes[1] = static_cast<std::uint8_t>(mixed >> 48);
-    raw.bytes[2] = static_cast<std::uint8_t>(mixed >> 40);
-    std::snprintf(text, sizeof text, "user%llu.%llu@example%llu.net", static_cast<unsigned long long>(n % 11),
-                  static_cast<unsigned long long>((mixed >> 8) % 100000), static_cast<unsigned long long>(n % 7));
-    EmailAddress const sender = EmailAddress::fromAddress(text);
-    std::snprintf(text, sizeof text, "recipient%llu@example.org", static_cast<unsigned long long>(n % 1000));
-    return Id(IPAddressMask(raw, 24), sender, EmailAddress::fromAddress(text));
-}
-
 std::size_t heapInUse() {
     struct mallinfo2 const info = mallinfo2();
     return info.uordblks + info.hblkhd;
@@ -146,7 +107,7 @@ class Side {
     Side(std::size_t tuples, Cache* cache) : m_tuples(tuples), m_cache(cache) {
         std::size_t const before = heapInUse();
         for (std::size_t n = 0; n < tuples; ++n) {
-            m_cache->state(identity<Id>(n * 7919 % tuples), 1000);
+            m_cache->state(Bench::identity<Id>(n * 7919 % tuples), 1000);
         }
         m_bytesPerTuple = static_cast<double>(heapInUse() - before) / static_cast<double>(tuples);
         m_nextFresh = tuples;
@@ -162,7 +123,8 @@ class Side {
             for (std::size_t i = 0; i < decisions / threads; ++i) {
                 bool const fresh = load == Load::fresh || (load == Load::mixed && random() % 10 == 0);
                 // A fresh tuple pushes out the oldest one, so the known ones are the last `tuples`.
-                ids.push_back(identity<Id>(fresh ? m_nextFresh++ : m_nextFresh - m_tuples + random() % m_tuples));
+                ids.push_back(
+                    Bench::identity<Id>(fresh ? m_nextFresh++ : m_nextFresh - m_tuples + random() % m_tuples));
             }
         }
         auto const start = std::chrono::steady_clock::now();
@@ -188,16 +150,11 @@ class Side {
     std::uint64_t m_nextFresh = 0;
 };
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-void compare(std::size_t tuples, bool json) {
-    RefConfiguration::instance(new BenchConfiguration(static_cast<int>(tuples)));
+void compare(std::size_t tuples, Bench::Options const& options) {
+    Bench::installConfiguration(tuples);
     Side<_TupleCache, TupleId> ours(tuples, new _TupleCache);
     Side<TextbookCache, TextbookId> textbook(tuples, new TextbookCache(tuples));
-    if (json) {
+    if (options.json) {
         std::printf("{\"tuples\":%zu,\"bytes\":%.1f,\"textbook_bytes\":%.1f}\n", tuples, ours.bytesPerTuple(),
                     textbook.bytesPerTuple());
     } else {
@@ -207,17 +164,18 @@ void compare(std::size_t tuples, bool json) {
     for (unsigned int threads : {1U, 2U}) {
         for (Load load : {Load::known, Load::fresh, Load::mixed}) {
             std::vector<double> mine, theirs, ratios;
-            for (unsigned int turn = 0; turn < 7; ++turn) {
+            for (unsigned int turn = 0; turn < options.turns; ++turn) {
                 std::size_t const decisions = std::max<std::size_t>(100000, std::min<std::size_t>(tuples, 400000));
                 mine.push_back(ours.run(load, threads, decisions, turn));
                 theirs.push_back(textbook.run(load, threads, decisions, turn));
                 ratios.push_back(theirs.back() / mine.back());
             }
             char const* const name = loadNames[static_cast<int>(load)];
-            std::printf(json ? "{\"tuples\":%zu,\"load\":\"%s\",\"threads\":%u,\"ns\":%.1f,\"textbook_ns\":%.1f,"
-                               "\"ratio\":%.2f}\n"
-                             : "%9zu  %-14s %u thread(s)  %7.0f ns  textbook %7.0f ns  %5.2f times as fast\n",
-                        tuples, name, threads, median(mine), median(theirs), median(ratios));
+            std::printf(options.json
+                            ? "{\"tuples\":%zu,\"load\":\"%s\",\"threads\":%u,\"ns\":%.1f,\"textbook_ns\":%.1f,"
+                              "\"ratio\":%.2f}\n"
+                            : "%9zu  %-14s %u thread(s)  %7.0f ns  textbook %7.0f ns  %5.2f times as fast\n",
+                        tuples, name, threads, Bench::median(mine), Bench::median(theirs), Bench::median(ratios));
             std::fflush(stdout);
         }
     }
@@ -227,22 +185,9 @@ void compare(std::size_t tuples, bool json) {
 
 int main(int argc, char** argv) {
     useHugePages(argv); // as vellumd does
-    SilentLogger silent;
-    Logger::install(&silent);
-    bool json = false;
-    std::vector<std::size_t> sizes{10000, 100000, 1000000};
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--json") == 0) {
-            json = true;
-        } else if (std::strcmp(argv[i], "--tuples") == 0 && i + 1 < argc) {
-            sizes = {std::stoul(argv[++i])};
-        } else {
-            std::fprintf(stderr, "usage: %s [--tuples N] [--json]\n", argv[0]);
-            return 2;
-        }
+    Bench::SilentLogger const silent;
+    Bench::Options const options = Bench::Options::parse(argc, argv, {10000, 100000, 1000000}, 7);
+    for (std::size_t const tuples : options.sizes) {
+        compare(tuples, options);
     }
-    for (std::size_t const tuples : sizes) {
-        compare(tuples, json);
-    }
-    Logger::install(nullptr);
 }

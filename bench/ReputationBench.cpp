@@ -227,7 +227,9 @@ class ReputationBench {
                 },
                 [&] { return milliseconds([&] { writePlain(bytes, durable); }); });
         }
-        std::printf("locks held for a script %.2f ms; the script has %zu bytes\n", median(held), bytes.size());
+        std::printf(m_options.json ? "{\"case\":\"locks held\",\"addresses\":%zu,\"ms\":%.2f}\n"
+                                   : "locks held for the script of %zu addresses: %.2f ms\n",
+                    m_addresses, median(held));
     }
     void writePlain(std::string const& bytes, bool durable) const {
         std::string const target = m_directory.path() + "/plain.sql";
