@@ -68,11 +68,18 @@ DatabaseException::DatabaseException(std::string const& where, unsigned int serv
       m_connectionLost(neverConnected || endsTheConnection(serverError)), m_message(message) {}
 
 bool DatabaseException::worthRetrying() const {
-    return m_connectionLost || isPassing(m_serverError);
+    return m_connectionLost || m_passing || isPassing(m_serverError);
+}
+
+DatabaseException DatabaseException::asPassing() const {
+    DatabaseException passing(*this);
+    passing.m_passing = true;
+    return passing;
 }
 
 DatabaseException DatabaseException::within(std::string const& outer, std::string const& context) const {
-    return {outer, m_serverError, context + ": " + m_message, m_connectionLost};
+    DatabaseException const outward(outer, m_serverError, context + ": " + m_message, m_connectionLost);
+    return m_passing ? outward.asPassing() : outward;
 }
 
 std::string shortenedStatement(std::string_view statement) {

@@ -25,8 +25,11 @@ class DatabaseException : public Exception {
     bool connectionLost() const { return m_connectionLost; }
 
     // The cause lies outside of the statement (no server, a lock held by somebody else, a full disk, a server that is
-    // going down): the same statement may succeed later.
+    // going down, a script that cannot be read now): the same statement may succeed later.
     bool worthRetrying() const;
+
+    // The same error as one that is worth retrying, where no number says so.
+    DatabaseException asPassing() const;
 
     // What happened, without the operation's name.
     std::string const& message() const { return m_message; }
@@ -36,6 +39,7 @@ class DatabaseException : public Exception {
   private:
     unsigned int m_serverError;
     bool m_connectionLost;
+    bool m_passing = false;
     std::string m_message;
 };
 

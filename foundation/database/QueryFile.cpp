@@ -23,13 +23,20 @@ DatabaseException refusal(std::string const& message) {
     return {scriptOperation, 0, message};
 }
 
+// A disk in trouble, or a process out of descriptors or memory, says nothing about the script.
+DatabaseException refusal(std::string const& what, int error) {
+    DatabaseException const failed = refusal(what + ": " + std::strerror(error));
+    bool const passes = error == EIO || error == EMFILE || error == ENFILE || error == ENOMEM;
+    return passes ? failed.asPassing() : failed;
+}
+
 // The script, piece by piece.
 class ScriptFile {
   public:
     // Never waits: a FIFO without a writer would hold an ordinary open() for ever.
     explicit ScriptFile(std::string const& path) : m_descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
         if (m_descriptor < 0) {
-            throw refusal(std::string("cannot be opened: ") + std::strerror(errno));
+            throw refusal("cannot be opened", errno);
         }
         struct stat status {};
         if (fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -49,7 +56,7 @@ class ScriptFile {
             got = ::read(m_descriptor, m_piece.data(), m_piece.size());
         } while (got < 0 && errno == EINTR);
         if (got < 0) {
-            throw refusal(std::string("cannot be read: ") + std::strerror(errno));
+            throw refusal("cannot be read", errno);
         }
         m_done += static_cast<std::uint64_t>(got);
         return {m_piece.data(), static_cast<std::size_t>(got)};

@@ -261,6 +261,18 @@ TEST_F(QueryFileTest, UnusableFilesAreNamed) {
     expectSessionAsBefore();
 }
 
+TEST_F(QueryFileTest, FileThatCannotBeReadNowIsWorthRetrying) {
+    std::string const path = "/proc/self/mem"; // a regular file whose first byte nobody can read
+    try {
+        QueryFile(connection(), path).execute();
+        FAIL() << "was read";
+    } catch (DatabaseException const& failed) {
+        EXPECT_THAT(failed.message(), HasSubstr("cannot be read: Input/output error"));
+        EXPECT_TRUE(failed.worthRetrying());
+        EXPECT_FALSE(failed.connectionLost());
+    }
+}
+
 TEST_F(QueryFileTest, StatementBeyondTheServersPacketIsRefusedAndCostsNoConnection) {
     server().run({"SET GLOBAL max_allowed_packet=1048576"});
     reconnect();
