@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <set>
 #include <sstream>
 #include <toml.hpp>
@@ -127,7 +128,12 @@ SettingsTable SettingsTable::parseFile(std::string const& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
     bool const empty = file.is_open() && file.peek() == std::ifstream::traits_type::eof() && !file.bad();
-    if (!empty && (!file || !(text << file.rdbuf()))) {
+    try {
+        text.exceptions(std::ios::failbit); // otherwise want of memory would look like a file that cannot be read
+        if (!empty && (!file || !(text << file.rdbuf()))) {
+            throw std::ios::failure("");
+        }
+    } catch (std::ios::failure const&) {
         throw SettingsError(path + ": cannot be read: " + std::strerror(errno));
     }
     return parse(text.str(), path);
@@ -142,6 +148,8 @@ SettingsTable SettingsTable::parse(std::string const& text, std::string const& f
     } catch (toml::exception const& problem) {
         throw SettingsError(fileName + ':' + std::to_string(problem.location().line()) + ": " +
                             firstLine(problem.what()));
+    } catch (std::bad_alloc const&) {
+        throw; // no mistake of the file: the next start may find memory
     } catch (std::exception const& problem) {
         throw SettingsError(fileName + ": " + firstLine(problem.what()));
     }
