@@ -21,6 +21,7 @@ using std::chrono::milliseconds;
 
 std::vector<char*> pointers(std::vector<std::string> const& texts) {
     std::vector<char*> all;
+    all.reserve(texts.size() + 1);
     for (std::string const& text : texts) {
         all.push_back(const_cast<char*>(text.c_str()));
     }

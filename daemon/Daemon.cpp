@@ -56,12 +56,21 @@ IPC::Dispatcher& dispatcher() {
     return IPC::Dispatcher::instance(IPC::stateDaemonPort);
 }
 
+std::function<std::uint64_t()> activationsOf(std::shared_ptr<HighAvailability> const& pair) {
+    return [pair] {
+        return pair->activations();
+    };
+}
+
 } // namespace
 
 Daemon::Daemon(std::string settingsPath)
     : m_settingsPath(std::move(settingsPath)), m_startedAt(clockNow()), m_settings(Settings::load(m_settingsPath)),
       m_highAvailability(std::make_shared<HighAvailability>(m_settings.highAvailability)),
-      m_loads(greylistTables(), [this] { cachesLoaded(); }) {}
+      m_loads(
+          greylistTables(), [this] { cachesLoaded(); }, activationsOf(m_highAvailability)),
+      m_reputationLoads(reputationTables(), {}, activationsOf(m_highAvailability)),
+      m_endpointLoads(endpointTables(), {}, activationsOf(m_highAvailability)) {}
 
 // Whatever may still log is gone before the loggers are.
 Daemon::~Daemon() {
@@ -96,12 +105,11 @@ int Daemon::run() {
         m_highAvailability->isActive();
         useGreylistConfiguration();
         m_reputation = std::make_unique<ReputationConfiguration>(
-            m_settings.reputation, m_settings.state.reputationScript(),
-            [this] { return m_reputationLoads.mayBackUp() && !restoreRunning() && m_highAvailability->mayBackUp(); },
+            m_settings.reputation, m_settings.state.reputationScript(), [this] { return mayBackUp(m_reputationLoads); },
             [pair = m_highAvailability] { pair->resync("reputation"); });
         m_rateControl = std::make_unique<RateControlConfiguration>(m_settings.rateControl);
         m_endpoints = std::make_unique<EndpointConfiguration>(
-            m_settings.endpoint, m_settings.state.endpointScript(), [this] { return !restoreRunning(); },
+            m_settings.endpoint, m_settings.state.endpointScript(), [this] { return mayBackUp(m_endpointLoads); },
             m_highAvailability);
         m_rules = loadRules(m_settings);
         bringUpState();
@@ -135,14 +143,14 @@ void Daemon::useDatabase() {
 }
 
 void Daemon::useGreylistConfiguration() {
-    auto const mayBackUp = [this] {
-        return m_loads.mayBackUp() && !restoreRunning() && m_highAvailability->mayBackUp();
+    auto const allowed = [this] {
+        return mayBackUp(m_loads);
     };
     auto const backupDone = [pair = m_highAvailability] {
         pair->resync("greylist");
     };
     GreyList::RefConfiguration::instance(
-        new GreylistConfiguration(m_settings.greylist, m_settings.state.greylistScript(), mayBackUp, backupDone));
+        new GreylistConfiguration(m_settings.greylist, m_settings.state.greylistScript(), allowed, backupDone));
 }
 
 // A backup that was accepted before this start may not be in the tables yet. Loading them now would bring back what was
@@ -198,7 +206,7 @@ void Daemon::sayWhatCouldNotBeLoaded() const {
     };
     say(m_loads.problem(), "greylist");
     say(m_reputationLoads.problem(), "reputation");
-    if (std::string const problem = m_endpointLoads.problem(); !problem.empty()) {
+    if (std::string const problem = m_endpointLoads.whyNoBackup(); !problem.empty()) {
         note(Logger::Severity::error,
              problem + "; loading is tried every minute" +
                  (endpointGate().open ? ""
@@ -347,10 +355,11 @@ void Daemon::keepHouse() {
     m_highAvailability->isActive(); // so that a change is said, and trouble found, before the next backup is due
     m_databaseWatch.look(clockNow());
     if (m_databaseWatch.state().reachable.value_or(false)) {
-        m_loads.tryAgain();
-        m_reputationLoads.tryAgain();
-        m_endpointLoads.tryAgain();
-        takeOver();
+        unlessTablesAreInHand([this] {
+            m_loads.tryAgain();
+            m_reputationLoads.tryAgain();
+            m_endpointLoads.tryAgain();
+        });
     }
     m_decision->dropDeadExemptions(clockNow());
     if (std::uint64_t const loads = GreyList::LoadReport::last().tupleLoads; loads != m_countedLoads) {
@@ -360,25 +369,6 @@ void Daemon::keepHouse() {
     countFamilies();
     MailCounts::dropOldHours(clockNow());
     m_databaseDaemonAnswers.set(DatabaseDaemon::askWhetherSettled() != DatabaseDaemon::Answer::unreachable);
-}
-
-// What the unit that was active before has left, beside what was learned here.
-void Daemon::takeOver() {
-    if (!m_highAvailability->mustLoad() || DatabaseDaemon::askWhetherSettled() == DatabaseDaemon::Answer::notSettled) {
-        return;
-    }
-    std::string problem;
-    for (KeptTables const& tables : {greylistTables(), reputationTables(), endpointTables()}) {
-        tables.loadAnew();
-        problem = problem.empty() ? tables.problem() : problem;
-    }
-    if (problem.empty()) {
-        m_highAvailability->hasLoaded();
-        note(Logger::Severity::warning, "high availability: the tables are loaded, this unit backs up from now on");
-    } else {
-        note(Logger::Severity::error,
-             "high availability: nothing is backed up before the tables are loaded: " + problem);
-    }
 }
 
 void Daemon::countFamilies() {
@@ -439,23 +429,23 @@ void Daemon::stop() {
 }
 
 void Daemon::takeLastBackups() {
-    std::string standby;
-    if (!m_highAvailability->mayBackUp()) {
-        standby = m_highAvailability->mustLoad() ? "this unit has not loaded the tables since it is the active one"
-                                                 : "this unit is not the active one";
-    }
-    LastBackup greylist = lastGreylistBackup();
-    greylist.enabled = m_settings.greylist.backup;
-    greylist.problem = standby.empty() ? m_loads.problem() : standby;
-    takeLastBackup(greylist);
-    LastBackup reputation = lastReputationBackup(m_reputation->backupPath());
-    reputation.enabled = m_settings.reputation.backup;
-    reputation.problem = standby.empty() ? m_reputationLoads.problem() : standby;
-    takeLastBackup(reputation);
-    LastBackup endpoints = lastEndpointBackup(m_endpoints->fnameBackup());
-    endpoints.enabled = m_settings.endpoint.backup;
-    endpoints.problem = standby.empty() ? endpoints.problem : standby;
-    takeLastBackup(endpoints);
+    m_highAvailability->postponeResyncs();
+    std::string const standby = m_highAvailability->isActiveNow() ? "" : "this unit is not the active one";
+    auto const take = [&standby](LastBackup backup, bool enabled, LoadKeeper const& loads) {
+        backup.enabled = enabled;
+        backup.problem = standby.empty() ? loads.whyNoBackup() : standby;
+        takeLastBackup(backup);
+    };
+    take(lastGreylistBackup(), m_settings.greylist.backup, m_loads);
+    take(lastReputationBackup(m_reputation->backupPath()), m_settings.reputation.backup, m_reputationLoads);
+    take(lastEndpointBackup(m_endpoints->fnameBackup()), m_settings.endpoint.backup, m_endpointLoads);
+    m_highAvailability->runPostponedResyncs(patienceWithLastBackups);
+}
+
+// Whether the periodic backup of a family may begin. The restore is asked for last: the question before may take a
+// while.
+bool Daemon::mayBackUp(LoadKeeper const& loads) {
+    return m_highAvailability->isActiveNow() && loads.mayBackUp() && !restoreRunning();
 }
 
 DaemonStatus Daemon::status() const {
@@ -514,18 +504,18 @@ MetricFacts Daemon::metricFacts() const {
 }
 
 BackupGate Daemon::backupGate() const {
-    std::string const problem = m_loads.problem();
+    std::string const problem = m_loads.whyNoBackup();
     return {problem.empty(), problem};
 }
 
 BackupGate Daemon::reputationGate() const {
-    std::string const problem = m_reputationLoads.problem();
+    std::string const problem = m_reputationLoads.whyNoBackup();
     return {problem.empty(), problem};
 }
 
 BackupGate Daemon::endpointGate() const {
-    std::string const why = whyEndpointsAreNotBackedUp();
-    return {why.empty(), why.empty() ? why : "the endpoint tables could not be loaded: " + why};
+    std::string const problem = m_endpointLoads.whyNoBackup();
+    return {problem.empty(), problem};
 }
 
 bool Daemon::acceptEmpty() {
@@ -537,7 +527,7 @@ bool Daemon::acceptEmptyReputations() {
 }
 
 bool Daemon::acceptEmptyEndpoints() {
-    return acceptEndpoints();
+    return m_endpointLoads.accept();
 }
 
 void Daemon::cachesLoaded() {

@@ -68,7 +68,7 @@ class Daemon : private GreylistAdministration {
     void takeLastBackups();
     void stop();
     void keepHouse();
-    void takeOver();
+    bool mayBackUp(LoadKeeper const& loads);
     void countFamilies();
 
     DecisionSettings decisionSettings() const;
@@ -97,9 +97,9 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<RateControlConfiguration> m_rateControl;
     std::unique_ptr<ReputationConfiguration> m_reputation;
     LoadKeeper m_loads; // of the greylist
-    LoadKeeper m_reputationLoads{reputationTables()};
+    LoadKeeper m_reputationLoads;
     std::unique_ptr<EndpointConfiguration> m_endpoints;
-    LoadKeeper m_endpointLoads{endpointTables()};
+    LoadKeeper m_endpointLoads;
     DatabaseWatch m_databaseWatch;
     Latest<std::optional<bool>> m_databaseDaemonAnswers;
     std::unique_ptr<Decision> m_decision;

@@ -50,7 +50,7 @@ class DecisionCounters {
             return decide();
         }
         auto const start = Clock::now();
-        Verdict const verdict = decide();
+        Verdict verdict = decide(); // not const: it is moved out
         place.add(Clock::now() - start);
         return verdict;
     }

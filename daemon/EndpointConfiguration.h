@@ -14,12 +14,11 @@
 
 namespace Vellum::Daemon {
 
-// Installed for its life. Whether the cache may replace the tables is not asked here: the library looks at the very
-// cache that it writes.
+// Installed for its life.
 class EndpointConfiguration final : public MMSReputation::Configuration {
   public:
-    // `mayBackUp` is asked at each hourly backup, by a thread of its own; empty: it may. Without a pair this unit is
-    // always the master.
+    // `mayBackUp` answers whether this unit is the active one and the tables may be replaced; it is asked at each
+    // hourly backup, on the job table's thread; empty: it may. `pair` is told of backups; it may be null.
     EndpointConfiguration(EndpointSettings const& settings, std::string backupFile,
                           std::function<bool()> mayBackUp = {}, std::shared_ptr<HighAvailability> pair = nullptr)
         : m_backupFile(std::move(backupFile)), m_mayBackUp(std::move(mayBackUp)), m_pair(std::move(pair)),
@@ -41,9 +40,7 @@ class EndpointConfiguration final : public MMSReputation::Configuration {
             m_pair->resync("endpoint");
         }
     }
-    bool haMaster() const override {
-        return m_backup && (!m_mayBackUp || m_mayBackUp()) && (!m_pair || m_pair->mayBackUp());
-    }
+    bool haMaster() const override { return m_backup && (!m_mayBackUp || m_mayBackUp()); }
     unsigned int maxEntries() const override { return MMSReputation::Cache::mostEntries; }
     unsigned int windowSize() const override { return m_windowMinutes; }
     bool enabled() const override { return m_enabled; }

@@ -78,6 +78,18 @@ std::string problem() {
     return why.empty() ? why : "the endpoint tables could not be loaded: " + why;
 }
 
+std::string whyNoBackup() {
+    RefCache const cache = current();
+    std::string const why = cache.isNull() ? "nothing was loaded" : cache->whyNotWhole();
+    return why.empty() ? why : "the endpoint tables could not be loaded: " + why;
+}
+
+void accept() {
+    if (RefCache const cache = current(); !cache.isNull()) {
+        cache->takeAsWhole();
+    }
+}
+
 void loadAnew() {
     MMSReputation::Database database(Database::Connection::defaultAddress());
     RefCache const before = current();
@@ -99,17 +111,7 @@ void loadAgain() {
 } // namespace
 
 KeptTables endpointTables() {
-    return {"the endpoint tables", problem, loadAgain, loadAnew};
-}
-
-std::string whyEndpointsAreNotBackedUp() {
-    RefCache const cache = current();
-    return cache.isNull() ? "nothing was loaded" : cache->whyNotWhole();
-}
-
-bool acceptEndpoints() {
-    RefCache const cache = current();
-    return !cache.isNull() && cache->takeAsWhole();
+    return {"the endpoint tables", problem, loadAgain, loadAnew, whyNoBackup, accept};
 }
 
 } // namespace Vellum::Daemon

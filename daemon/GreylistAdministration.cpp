@@ -20,6 +20,7 @@
 
 #include <charconv>
 #include <chrono>
+#include <mutex>
 #include <string_view>
 
 namespace Vellum::Daemon {
@@ -140,6 +141,13 @@ Report GreylistAdministration::backUp(Make make) {
         Report::setFailed(failed.asString());
     }
     return Report::last();
+}
+
+void GreylistAdministration::unlessTablesAreInHand(std::function<void()> const& work) {
+    std::unique_lock const hold(m_inHand, std::try_to_lock);
+    if (hold.owns_lock()) {
+        work();
+    }
 }
 
 GreyList::BackupReport GreylistAdministration::backupNow() {

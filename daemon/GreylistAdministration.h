@@ -5,6 +5,7 @@
 #include "foundation/Locks.h"
 
 #include <atomic>
+#include <functional>
 
 namespace Vellum::Daemon {
 
@@ -29,6 +30,8 @@ class GreylistAdministration : public AdminServices {
     bool restoreRunning() const { return m_restoring; }
 
   protected:
+    // Runs `work`, which loads tables, unless a restore or a backup on demand is in hand.
+    void unlessTablesAreInHand(std::function<void()> const& work);
     // The caches hold what the tables held, or the load has failed; LoadReport.h says which.
     virtual void cachesLoaded() = 0;
 

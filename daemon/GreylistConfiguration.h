@@ -13,8 +13,8 @@ namespace Vellum::Daemon {
 class GreylistConfiguration : public GreyList::Configuration {
   public:
     // `mayBackUp` answers whether the caches hold what the tables held, so that a backup loses nothing; it is asked at
-    // each backup. `onBackupDone` is told when the database daemon was asked, whatever it answered. Both are called by
-    // threads of their own and may be empty; an empty `mayBackUp` means yes.
+    // each hourly backup, on the job table's thread. `onBackupDone` is told when the database daemon was asked,
+    // whatever it answered, on the backup's thread. Both may be empty; an empty `mayBackUp` means yes.
     GreylistConfiguration(GreylistSettings settings, std::string backupFile, std::function<bool()> mayBackUp = {},
                           std::function<void()> onBackupDone = {});
 

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Vellum::Daemon {
 namespace {
@@ -68,19 +69,9 @@ bool HighAvailability::isActive() {
     return answer(*settings);
 }
 
-bool HighAvailability::mayBackUp() {
+bool HighAvailability::isActiveNow() {
     Synchronized const hold(m_lock);
-    return answer(*m_settings.get()) && !m_mustLoad;
-}
-
-bool HighAvailability::mustLoad() {
-    Synchronized const hold(m_lock);
-    return m_mustLoad;
-}
-
-void HighAvailability::hasLoaded() {
-    Synchronized const hold(m_lock);
-    m_mustLoad = false;
+    return answer(*m_settings.get());
 }
 
 bool HighAvailability::answer(HighAvailabilitySettings const& settings) {
@@ -88,7 +79,7 @@ bool HighAvailability::answer(HighAvailabilitySettings const& settings) {
     bool const active = ask(settings);
     m_answeredAt = m_now();
     if (before != active) {
-        m_mustLoad = active;
+        m_activations += active ? 1 : 0;
         sayChange(active);
     }
     m_lastAnswer.set(active);
@@ -138,17 +129,50 @@ void HighAvailability::sayChange(bool active) {
 }
 
 void HighAvailability::resync(std::string const& family) {
+    {
+        Synchronized const hold(m_noting);
+        if (m_postponed) {
+            m_postponed->push_back(family);
+            return;
+        }
+    }
+    resyncNow(family, m_settings.get()->commandLimit);
+}
+
+void HighAvailability::postponeResyncs() {
+    Synchronized const hold(m_noting);
+    m_postponed.emplace();
+}
+
+void HighAvailability::runPostponedResyncs(std::chrono::seconds budget) {
+    std::vector<std::string> families;
+    {
+        Synchronized const hold(m_noting);
+        families = std::exchange(m_postponed, std::nullopt).value_or(std::vector<std::string>());
+    }
+    auto const end = m_now() + budget;
+    for (std::string const& family : families) {
+        auto const left = std::chrono::duration_cast<std::chrono::seconds>(end - m_now());
+        if (left.count() > 0) {
+            resyncNow(family, std::min(left, m_settings.get()->commandLimit));
+        } else if (!m_settings.get()->resyncCommand.empty()) {
+            Logger::instance(false).note(Logger::Severity::error, "high availability: no time is left for " +
+                                                                      shown(m_settings.get()->resyncCommand) +
+                                                                      " after the backup of " + family);
+        }
+    }
+}
+
+void HighAvailability::resyncNow(std::string const& family, std::chrono::seconds limit) {
     auto const settings = m_settings.get();
     if (settings->resyncCommand.empty() || !isActive()) {
         return;
     }
-    CommandOutcome const outcome =
-        runCommand(settings->resyncCommand, settings->commandLimit, {"VELLUM_FAMILY=" + family});
+    CommandOutcome const outcome = runCommand(settings->resyncCommand, limit, {"VELLUM_FAMILY=" + family});
     if (outcome.hasSucceeded()) {
         m_resyncing.ends("high availability: " + shown(settings->resyncCommand) + " succeeds again");
     } else {
-        m_resyncing.begins("high availability: " + shown(settings->resyncCommand) + ' ' +
-                           outcome.asString(settings->commandLimit));
+        m_resyncing.begins("high availability: " + shown(settings->resyncCommand) + ' ' + outcome.asString(limit));
     }
 }
 

@@ -11,7 +11,7 @@
 // that writes, only what came since the last backup. It is said once, and so is its end; so is a change of the answer.
 //
 // A unit that becomes the active one after it was not has caches as old as its last load. It must load what the other
-// unit has left in the tables before it may write them.
+// unit has left in the tables before it may write them: LoadKeeper sees to that, by the number of activations.
 #pragma once
 
 #include "daemon/Command.h"
@@ -21,10 +21,13 @@
 #include "foundation/Latest.h"
 #include "foundation/Locks.h"
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Vellum::Daemon {
 
@@ -43,16 +46,20 @@ class HighAvailability {
 
     // Asks, unless the last answer is younger than the settings say. Several that ask at once wait for one answer.
     bool isActive();
-    // Whether a backup may replace the tables: asks in any case, and answers no before a new active unit has loaded.
-    bool mayBackUp();
-    // This unit has become the active one, and hasLoaded() has not been called since.
-    bool mustLoad();
-    void hasLoaded();
+    // Asks in any case: before the tables are replaced.
+    bool isActiveNow();
+    // How often this unit has become the active one after it was not. Does not wait.
+    std::uint64_t activations() const { return m_activations; }
     // The last answer, without asking; nothing before the first one.
     std::optional<bool> lastAnswer() const { return m_lastAnswer.get(); }
     // Runs the settings' command for what follows a backup, with VELLUM_FAMILY=`family` in its environment, where this
     // unit is the active one. Waits for its end.
     void resync(std::string const& family);
+    // From now on resync() only notes the family: at the end of the process all backups come before a command that may
+    // hang.
+    void postponeResyncs();
+    // Runs what was noted, one after the other; `budget` is for all of them together, and what does not fit in is said.
+    void runPostponedResyncs(std::chrono::seconds budget);
 
   private:
     bool answer(HighAvailabilitySettings const& settings) VELLUM_REQUIRES(m_lock);
@@ -60,6 +67,7 @@ class HighAvailability {
     bool askFile(std::string const& path);
     bool askCommand(HighAvailabilitySettings const& settings);
     void sayChange(bool active);
+    void resyncNow(std::string const& family, std::chrono::seconds limit);
 
     Replaceable<HighAvailabilitySettings> m_settings;
     Now const m_now;
@@ -68,8 +76,9 @@ class HighAvailability {
     Latest<std::optional<bool>> m_lastAnswer;
     Mutex m_lock; // held while a file or a command is asked
     std::optional<Clock::time_point> m_answeredAt VELLUM_GUARDED_BY(m_lock);
-    bool m_mustLoad VELLUM_GUARDED_BY(m_lock)
-    = false;
+    std::atomic<std::uint64_t> m_activations{0};
+    Mutex m_noting; // innermost
+    std::optional<std::vector<std::string>> m_postponed VELLUM_GUARDED_BY(m_noting);
 };
 
 } // namespace Vellum::Daemon

@@ -1,6 +1,5 @@
 #include "daemon/LastBackup.h"
 
-#include "daemon/LoadKeeper.h"
 #include "foundation/Logger.h"
 #include "greylist/BackupReport.h"
 #include "greylist/GlRecordDatabase.h"
@@ -92,7 +91,6 @@ LastBackup lastReputationBackup(std::string const& path) {
 LastBackup lastEndpointBackup(std::string const& path) {
     LastBackup backup;
     backup.of = " of endpoints";
-    backup.problem = whyEndpointsAreNotBackedUp();
     backup.take = backup.takeWithoutServer = [path] {
         MMSReputation::Database::write(path);
     };

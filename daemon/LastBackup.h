@@ -29,6 +29,6 @@ void takeLastBackup(LastBackup const& backup);
 // All of the process's caches; the scripts of both reputations are written to `path`.
 LastBackup lastGreylistBackup();
 LastBackup lastReputationBackup(std::string const& path);
-LastBackup lastEndpointBackup(std::string const& path); // its problem is set
+LastBackup lastEndpointBackup(std::string const& path);
 
 } // namespace Vellum::Daemon

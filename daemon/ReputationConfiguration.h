@@ -15,8 +15,8 @@ namespace Vellum::Daemon {
 class ReputationConfiguration final : public Reputation::Configuration {
   public:
     // `mayBackUp` answers whether the cache holds what the tables held, so that a backup loses nothing; it is asked at
-    // each backup, by a thread of its own. `onBackupDone` is told when the database daemon was asked, whatever it
-    // answered; it may be empty.
+    // each hourly backup, on the job table's thread. `onBackupDone` is told when the database daemon was asked,
+    // whatever it answered; it may be empty.
     ReputationConfiguration(ReputationSettings const& settings, std::string backupFile, std::function<bool()> mayBackUp,
                             std::function<void()> onBackupDone = {})
         : m_backupFile(std::move(backupFile)), m_mayBackUp(std::move(mayBackUp)),

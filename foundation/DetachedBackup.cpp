@@ -22,7 +22,8 @@ struct Family {
 struct Registry {
     std::mutex lock;
     std::condition_variable idle;
-    std::map<std::string, Family> running; // families with a thread; all under `lock`
+    std::map<std::string, Family> running; // families with a thread; all under `lock`, as is the next
+    unsigned int decisions = 0;
 };
 
 Registry& registry() {
@@ -94,9 +95,21 @@ void start(std::string const& family, std::function<void()> backup) {
     }
 }
 
+Decision::Decision() {
+    std::lock_guard<std::mutex> const held(registry().lock);
+    ++registry().decisions;
+}
+
+Decision::~Decision() {
+    std::lock_guard<std::mutex> const held(registry().lock);
+    --registry().decisions;
+    registry().idle.notify_all();
+}
+
 bool waitForAll(std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> held(registry().lock);
-    return registry().idle.wait_for(held, limit, [] { return registry().running.empty(); });
+    return registry().idle.wait_for(held, limit,
+                                    [] { return registry().running.empty() && registry().decisions == 0; });
 }
 
 unsigned int running() {

@@ -19,7 +19,17 @@ namespace Vellum::DetachedBackup {
 // that is logged too, and no backup is made. Thread-safe.
 void start(std::string const& family, std::function<void()> backup);
 
-// Waits until no backup runs or waits; false when that took longer than `limit`.
+// Held while it is decided whether a backup begins: waitForAll() waits for that, too, so that what begins elsewhere
+// with such a wait has either been seen by the decision or sees the backup.
+class Decision {
+  public:
+    Decision();
+    ~Decision();
+    Decision(Decision const&) = delete;
+    Decision& operator=(Decision const&) = delete;
+};
+
+// Waits until no backup runs, waits or is being decided; false when that took longer than `limit`.
 bool waitForAll(std::chrono::milliseconds limit);
 
 // Families with a backup running now.

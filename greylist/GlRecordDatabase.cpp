@@ -142,6 +142,7 @@ bool GlRecordDatabase::writeScript(bool withServer) {
             report.leftOut = rows.leftOut;
         });
         backup.script.handOver(Vellum::DatabaseDaemon::RequestCode::greylistScript, LogCode::daemonRefused);
+        backup.publish();
         RefConfiguration::instance(nullptr)->backupDone();
     } catch (Exception const& failed) {
         logFailure(LogCode::writeFailed, Source::recordDatabase, writeFailedLine, failed);

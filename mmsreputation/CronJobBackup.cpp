@@ -24,6 +24,7 @@ void backup() {
 
 int CronJobBackup::task() const {
     return statusOrLogged(LogCode::backupJobFailed, [] {
+        DetachedBackup::Decision const deciding; // a restore that begins meanwhile waits for what comes of it
         if (Configuration::instance()->haMaster()) {
             backupEntries();
         }

@@ -292,6 +292,7 @@ bool Database::write(std::string const& file) {
             report.leftOut = rows.leftOut;
         });
         backup.script.handOver(Vellum::DatabaseDaemon::RequestCode::endpointScript, LogCode::daemonRefused);
+        backup.publish();
         Configuration::instance()->resyncIfMaster();
     } catch (Exception const& failed) {
         logFailure(LogCode::writeFailed, Source::database, writeFailedLine, failed);

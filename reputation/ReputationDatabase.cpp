@@ -127,6 +127,7 @@ bool Database::writeScript(std::string const& path) {
             report.leftOut = rows.leftOut;
         });
         backup.script.handOver(Vellum::DatabaseDaemon::RequestCode::reputationScript, LogCode::daemonRefused);
+        backup.publish();
         Configuration::instance()->backupDone();
     } catch (Exception const& failed) {
         backup.script.hasFailed(failed.asString());

@@ -190,7 +190,7 @@ DatabaseException Connection::error(char const* where, std::string_view statemen
     if (!statement.empty()) {
         text += "; statement: " + shortenedStatement(statement);
     }
-    DatabaseException const failed(where, number, text);
+    DatabaseException failed(where, number, text);
     m_hasBroken = m_hasBroken || failed.connectionLost();
     return failed;
 }

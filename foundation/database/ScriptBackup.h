@@ -8,6 +8,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <utility>
 
 namespace Vellum::Database {
 
@@ -59,7 +60,8 @@ class ScriptBackup {
     std::chrono::steady_clock::time_point const m_start = std::chrono::steady_clock::now();
 };
 
-// The same with a family's report, which is handed in (Report::set) at the end of its life, however that comes.
+// The same with a family's report, which is handed in (Report::set) by publish(), or at the end of its life, however
+// that comes. What is to be told of a backup afterwards, and may take a while, belongs behind publish().
 //
 //   ReportedBackup<BackupReport> backup;
 //   try {
@@ -71,15 +73,21 @@ class ScriptBackup {
 template <class Report>
 struct ReportedBackup {
     ReportedBackup() = default;
-    ~ReportedBackup() {
-        script.end();
-        Report::set(report);
+    ~ReportedBackup() { publish(); }
+    void publish() {
+        if (!std::exchange(m_published, true)) {
+            script.end();
+            Report::set(report);
+        }
     }
     ReportedBackup(ReportedBackup const&) = delete;
     ReportedBackup& operator=(ReportedBackup const&) = delete;
 
     Report report;
     ScriptBackup script{report};
+
+  private:
+    bool m_published = false;
 };
 
 } // namespace Vellum::Database

@@ -124,28 +124,31 @@ TEST_F(HighAvailabilityTest, TheFilesFirstWordSaysIt) {
     EXPECT_FALSE(unit.isActive());
 }
 
-TEST_F(HighAvailabilityTest, UnitThatBecomesTheActiveOneLoadsBeforeItBacksUp) {
+TEST_F(HighAvailabilityTest, ActivationsAreCounted) {
     HighAvailability unit(withFile());
     write("state", "active");
-    EXPECT_TRUE(unit.mayBackUp()) << "it has loaded at its start";
-    EXPECT_FALSE(unit.mustLoad());
-    write("state", "standby");
-    EXPECT_FALSE(unit.mayBackUp());
-    EXPECT_FALSE(unit.mustLoad());
-    write("state", "active");
-    EXPECT_FALSE(unit.mayBackUp());
-    EXPECT_TRUE(unit.mustLoad());
     EXPECT_TRUE(unit.isActive());
-    EXPECT_FALSE(unit.mayBackUp());
-    unit.hasLoaded();
-    EXPECT_TRUE(unit.mayBackUp());
+    EXPECT_EQ(unit.activations(), 0U) << "it was so from the start";
     write("state", "standby");
-    unit.isActive();
+    EXPECT_FALSE(unit.isActive());
+    EXPECT_EQ(unit.activations(), 0U);
     write("state", "active");
-    unit.isActive();
+    EXPECT_TRUE(unit.isActiveNow());
+    EXPECT_TRUE(unit.isActive());
+    EXPECT_EQ(unit.activations(), 1U);
     write("state", "standby");
-    EXPECT_FALSE(unit.mayBackUp());
-    EXPECT_FALSE(unit.mustLoad()) << "it is not the active one any more";
+    EXPECT_FALSE(unit.isActiveNow());
+    write("state", "active");
+    EXPECT_TRUE(unit.isActive());
+    EXPECT_EQ(unit.activations(), 2U);
+}
+
+TEST_F(HighAvailabilityTest, UnitThatStartsAsTheStandbyIsActivatedLater) {
+    HighAvailability unit(withFile());
+    EXPECT_FALSE(unit.isActive());
+    write("state", "active");
+    EXPECT_TRUE(unit.isActive());
+    EXPECT_EQ(unit.activations(), 1U);
 }
 
 TEST_F(HighAvailabilityTest, BackupIsNotContentWithAnOldAnswer) {
@@ -156,7 +159,7 @@ TEST_F(HighAvailabilityTest, BackupIsNotContentWithAnOldAnswer) {
     EXPECT_TRUE(unit.isActive());
     write("state", "standby");
     EXPECT_TRUE(unit.isActive());
-    EXPECT_FALSE(unit.mayBackUp());
+    EXPECT_FALSE(unit.isActiveNow());
 }
 
 TEST_F(HighAvailabilityTest, NoFileIsNoAndNoTrouble) {
@@ -275,16 +278,43 @@ TEST_F(HighAvailabilityTest, AResyncThatFailsIsSaidOnceWithItsEnd) {
     EXPECT_EQ(logged(), Lines{"high availability: /bin/sh succeeds again"});
 }
 
+TEST_F(HighAvailabilityTest, PostponedResyncsComeWhenTheyAreRun) {
+    HighAvailabilitySettings settings = fresh();
+    settings.resyncCommand = {"/bin/sh", "-c", "echo $VELLUM_FAMILY >> " + path("resynced")};
+    HighAvailability unit(settings);
+    unit.postponeResyncs();
+    unit.resync("greylist");
+    unit.resync("endpoint");
+    EXPECT_EQ(read("resynced"), "");
+    unit.runPostponedResyncs(60s);
+    EXPECT_EQ(read("resynced"), "greylist\nendpoint\n");
+    unit.resync("reputation");
+    EXPECT_EQ(read("resynced"), "greylist\nendpoint\nreputation\n") << "at once again";
+}
+
+// At the end of the process: three that hang must not take three times their limit.
+TEST_F(HighAvailabilityTest, PostponedResyncsShareOneBudget) {
+    HighAvailabilitySettings settings = fresh();
+    settings.resyncCommand = {"/bin/sh", "-c", "echo $VELLUM_FAMILY >> " + path("resynced")};
+    HighAvailability::Clock::time_point now{};
+    HighAvailability unit(settings, [&now] { return now += 10s; }); // each look at the clock is ten seconds later
+    unit.postponeResyncs();
+    unit.resync("greylist");
+    unit.resync("endpoint");
+    unit.runPostponedResyncs(15s);
+    EXPECT_EQ(read("resynced"), "greylist\n");
+    EXPECT_EQ(logged(), Lines{"high availability: no time is left for /bin/sh after the backup of endpoint"});
+}
+
 TEST_F(HighAvailabilityTest, EndpointReputationIsToldOfBoth) {
     HighAvailabilitySettings settings = withFile();
     settings.resyncCommand = {"/bin/sh", "-c", "echo $VELLUM_FAMILY >> " + path("resynced")};
     auto const unit = std::make_shared<HighAvailability>(settings);
     EndpointSettings endpoint;
-    EndpointConfiguration configuration(endpoint, "/b/endpoint.sql", {}, unit);
+    EndpointConfiguration configuration(
+        endpoint, "/b/endpoint.sql", [unit] { return unit->isActiveNow(); }, unit);
     EXPECT_FALSE(configuration.haMaster());
     write("state", "active");
-    EXPECT_FALSE(configuration.haMaster()) << "it has to load what the other unit has written";
-    unit->hasLoaded();
     EXPECT_TRUE(configuration.haMaster());
     configuration.resyncIfMaster();
     EXPECT_EQ(read("resynced"), "endpoint\n");

@@ -62,6 +62,122 @@ TEST(LoadKeeper, AcceptanceHoldsForTheProblemThatItWasGivenFor) {
     EXPECT_FALSE(keeper.accept()) << "nothing to accept";
 }
 
+// Another unit of the pair has written the tables since they were loaded here.
+struct PairFixture {
+    PairFixture() {
+        fake.problem.clear();
+        tables.loadAnew = [this] {
+            ++loadsAnew;
+            during();
+            fake.problem = fake.next;
+        };
+    }
+    FakeTables fake;
+    KeptTables tables = fake.tables();
+    std::uint64_t activations = 0;
+    int loadsAnew = 0;
+    std::function<void()> during = [] {
+    };
+    CapturingLogger log;
+};
+
+constexpr char const* outdated =
+    "this unit has become the active one, and has not loaded yet what the other one has written";
+
+TEST(LoadKeeper, UnitThatBecomesTheActiveOneLoadsBeforeItBacksUp) {
+    PairFixture unit;
+    LoadKeeper keeper(unit.tables, {}, [&] { return unit.activations; });
+    EXPECT_TRUE(keeper.mayBackUp()) << "it has loaded at its start";
+    keeper.tryAgain();
+    EXPECT_EQ(unit.loadsAnew, 0);
+    unit.activations = 1;
+    EXPECT_FALSE(keeper.mayBackUp());
+    EXPECT_EQ(keeper.whyNoBackup(), outdated);
+    keeper.tryAgain();
+    EXPECT_TRUE(keeper.mayBackUp());
+    keeper.tryAgain();
+    EXPECT_EQ(unit.loadsAnew, 1);
+    EXPECT_THAT(unit.log.notes(),
+                ElementsAre("the tables of a test that the other unit has written are loaded: backups are on again"));
+}
+
+TEST(LoadKeeper, ActivationDuringTheLoadNeedsAnotherOne) {
+    PairFixture unit;
+    LoadKeeper keeper(unit.tables, {}, [&] { return unit.activations; });
+    unit.activations = 1;
+    unit.during = [&] {
+        unit.activations = 2;
+        unit.during = [] {
+        };
+    };
+    keeper.tryAgain();
+    EXPECT_FALSE(keeper.mayBackUp());
+    keeper.tryAgain();
+    EXPECT_TRUE(keeper.mayBackUp());
+    EXPECT_EQ(unit.loadsAnew, 2);
+}
+
+TEST(LoadKeeper, WhatCannotBeLoadedAfterAnActivationIsLikeAnyOther) {
+    PairFixture unit;
+    LoadKeeper keeper(unit.tables, {}, [&] { return unit.activations; });
+    unit.activations = 1;
+    unit.fake.next = "row 5";
+    keeper.tryAgain();
+    EXPECT_EQ(keeper.whyNoBackup(), "row 5");
+    EXPECT_THAT(unit.log.notes(), ElementsAre("of what the other unit has written, row 5"));
+    keeper.tryAgain();
+    keeper.tryAgain();
+    EXPECT_EQ(unit.loadsAnew, 1) << "what was learnt since is not thrown away again and again";
+    EXPECT_EQ(unit.fake.loads, 2) << "only what is missing";
+    EXPECT_TRUE(keeper.accept());
+    EXPECT_TRUE(keeper.mayBackUp());
+    keeper.tryAgain();
+    EXPECT_EQ(unit.fake.loads, 2);
+}
+
+TEST(LoadKeeper, WhatWasAcceptedBeforeTheActivationIsNotRefusedAfterIt) {
+    PairFixture unit;
+    unit.fake.problem = unit.fake.next = "row 3";
+    LoadKeeper keeper(unit.tables, {}, [&] { return unit.activations; });
+    EXPECT_TRUE(keeper.accept());
+    unit.activations = 1;
+    EXPECT_FALSE(keeper.mayBackUp());
+    keeper.tryAgain();
+    EXPECT_TRUE(keeper.mayBackUp());
+}
+
+TEST(LoadKeeper, AdministratorMayHaveWhatTheOtherUnitHasWrittenReplaced) {
+    PairFixture unit;
+    LoadKeeper keeper(unit.tables, {}, [&] { return unit.activations; });
+    unit.activations = 1;
+    EXPECT_TRUE(keeper.accept());
+    EXPECT_TRUE(keeper.mayBackUp());
+    keeper.tryAgain();
+    EXPECT_EQ(unit.loadsAnew, 0);
+}
+
+// Endpoints: no backup writes the lists, so one that is missing keeps nothing from being backed up.
+TEST(LoadKeeper, FamilyMayAllowBackupsWhileSomethingIsMissing) {
+    FakeTables fake;
+    KeptTables tables = fake.tables();
+    std::string why = "entries";
+    tables.whyNoBackup = [&] {
+        return why;
+    };
+    tables.accept = [&] {
+        why.clear();
+    };
+    LoadKeeper keeper(tables);
+    EXPECT_EQ(keeper.whyNoBackup(), "entries");
+    EXPECT_EQ(keeper.problem(), "row 3");
+    EXPECT_TRUE(keeper.accept());
+    EXPECT_TRUE(keeper.mayBackUp());
+    EXPECT_FALSE(keeper.accept());
+    EXPECT_EQ(keeper.problem(), "row 3") << "and is tried again";
+    keeper.tryAgain();
+    EXPECT_EQ(fake.loads, 1);
+}
+
 class ReputationLoadTest : public Reputation::ReputationTables {};
 
 TEST_F(ReputationLoadTest, WithoutAnyLoadBackupsAreOff) {

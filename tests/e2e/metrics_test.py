@@ -171,7 +171,8 @@ class Pair(unittest.TestCase):
                             f"{int(time.time())}, {int(time.time()) + 90000})")
         state.write_text("active\n")
         world.vellum.daemon.signal(signal.SIGHUP)
-        world.logged("high availability: the tables are loaded, this unit backs up from now on")
+        for tables in ("the tables", "the tables of sender reputation", "the endpoint tables"):
+            world.logged(f": {tables} that the other unit has written are loaded: backups are on again")
         self.assertIn("jo@other.example", [one["sender"] for one in world.vellum.tuples()])
         world.vellum.daemon.stop()
         self.assertEqual(sorted(resynced.read_text().split()), ["endpoint", "greylist", "reputation"])

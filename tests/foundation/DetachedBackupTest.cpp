@@ -113,5 +113,17 @@ TEST(DetachedBackup, ExceptionsEndTheRunAndAreLogged) {
                                          "backup of tuples: an unknown exception"));
 }
 
+// Whoever waits for all backups, and so keeps new ones from being decided for, sees what was decided before.
+TEST(DetachedBackup, OneThatIsBeingDecidedIsWaitedFor) {
+    auto decision = std::make_unique<DetachedBackup::Decision>();
+    EXPECT_FALSE(DetachedBackup::waitForAll(std::chrono::milliseconds(0)));
+    bool done = false;
+    DetachedBackup::start("a", [&done] { done = true; });
+    std::thread deciding([&decision] { decision.reset(); });
+    EXPECT_TRUE(DetachedBackup::waitForAll(CapturingLogger::patience));
+    EXPECT_TRUE(done);
+    deciding.join();
+}
+
 } // namespace
 } // namespace Vellum

@@ -33,13 +33,15 @@ struct EndpointServices : public GreylistAdministration {
     BackupGate backupGate() const override { return {false, "not here"}; }
     BackupGate reputationGate() const override { return {}; }
     BackupGate endpointGate() const override {
-        std::string const why = whyEndpointsAreNotBackedUp();
+        std::string const why = loads.whyNoBackup();
         return {why.empty(), why};
     }
     bool acceptEmpty() override { return false; }
     bool acceptEmptyReputations() override { return false; }
-    bool acceptEmptyEndpoints() override { return acceptEndpoints(); }
+    bool acceptEmptyEndpoints() override { return loads.accept(); }
     void cachesLoaded() override {}
+
+    LoadKeeper loads{endpointTables()};
 };
 
 class EndpointAdministration : public MMSReputation::EndpointTables {

@@ -33,6 +33,7 @@ class EndpointInDaemon : public MMSReputation::EndpointTables {
     void takeLastBackup() const {
         LastBackup backup = lastEndpointBackup(m_state.fnameBackup());
         backup.enabled = m_state.haMaster();
+        backup.problem = m_loads.whyNoBackup();
         Daemon::takeLastBackup(backup);
     }
 
@@ -127,10 +128,10 @@ TEST_F(EndpointInDaemon, MissedEntriesThatAreAcceptedAreBackedUpAndTheListsAreSt
          "insert into mms_reputation_expiry values ('1', 0), ('', 0)", "insert into mms_exempt values ('11')",
          "insert into mms_blacklist values ('21'), ('')"});
     load();
-    EXPECT_THAT(whyEndpointsAreNotBackedUp(), HasSubstr("Invalid EndpointReputation Entry"));
-    EXPECT_TRUE(acceptEndpoints());
-    EXPECT_FALSE(acceptEndpoints()) << "there is nothing more to accept";
-    EXPECT_EQ(whyEndpointsAreNotBackedUp(), "");
+    EXPECT_THAT(m_loads.whyNoBackup(), HasSubstr("Invalid EndpointReputation Entry"));
+    EXPECT_TRUE(m_loads.accept());
+    EXPECT_FALSE(m_loads.accept()) << "there is nothing more to accept";
+    EXPECT_EQ(m_loads.whyNoBackup(), "");
     EXPECT_NE(m_loads.problem(), "") << "the lists were not read either";
     m_loads.tryAgain();
     lookAtTheCache();
@@ -149,18 +150,18 @@ TEST_F(EndpointInDaemon, MissedEntriesThatAreAcceptedAreBackedUpAndTheListsAreSt
 TEST_F(EndpointInDaemon, LoadThatFailsAfterAnAcceptedOneShutsTheGateAgain) {
     run({"insert into mms_reputation values ('', 1, 1, 1)", "insert into mms_reputation_expiry values ('', 0)"});
     load();
-    EXPECT_TRUE(acceptEndpoints());
+    EXPECT_TRUE(m_loads.accept());
     load();
-    EXPECT_THAT(whyEndpointsAreNotBackedUp(), HasSubstr("Invalid EndpointReputation Entry"));
-    EXPECT_TRUE(acceptEndpoints());
+    EXPECT_THAT(m_loads.whyNoBackup(), HasSubstr("Invalid EndpointReputation Entry"));
+    EXPECT_TRUE(m_loads.accept());
 }
 
 TEST_F(EndpointInDaemon, MissedListsHoldUpNoBackup) {
     run({"insert into mms_blacklist values ('')"});
     load();
     EXPECT_NE(m_loads.problem(), "");
-    EXPECT_EQ(whyEndpointsAreNotBackedUp(), "");
-    EXPECT_FALSE(acceptEndpoints());
+    EXPECT_EQ(m_loads.whyNoBackup(), "");
+    EXPECT_FALSE(m_loads.accept());
 }
 
 TEST_F(EndpointInDaemon, HourlyBackupAsksWhetherItMay) {
@@ -204,7 +205,7 @@ TEST_F(EndpointInDaemon, NoLastBackupOfAPartialLoadNorWhenSwitchedOff) {
     load();
     FakeDatabaseDaemon const daemon;
     takeLastBackup();
-    EXPECT_THAT(note(), HasSubstr("no last backup of endpoints: EntryRow"));
+    EXPECT_THAT(note(), HasSubstr("no last backup of endpoints: the endpoint tables could not be loaded: EntryRow"));
     m_state.change({.backup = false});
     takeLastBackup();
     EXPECT_EQ(note(), "no last backup of endpoints: backups are switched off in the settings");

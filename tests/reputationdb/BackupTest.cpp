@@ -58,6 +58,18 @@ TEST_F(BackupTest, ScriptOfAnEmptyCacheIsHandedToTheDaemon) {
     EXPECT_THAT(files(), ElementsAre("reputation.sql"));
 }
 
+// What is told of a backup may take a while, which is no part of it.
+TEST_F(BackupTest, ReportIsThereWhenTheConfigurationIsTold) {
+    BackupReport::set({});
+    FakeDatabaseDaemon const daemon;
+    bool accepted = false;
+    m_configuration.onBackupDone = [&] {
+        accepted = BackupReport::last().accepted;
+    };
+    EXPECT_TRUE(write());
+    EXPECT_TRUE(accepted);
+}
+
 TEST_F(BackupTest, RefusalIsLoggedWithABlankAndTheConfigurationIsToldAllTheSame) {
     FakeDatabaseDaemon const daemon(5);
     EXPECT_FALSE(write());

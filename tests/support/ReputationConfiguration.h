@@ -5,6 +5,7 @@
 #include "reputation/Configuration.h"
 
 #include <atomic>
+#include <functional>
 #include <string>
 
 namespace Vellum::Reputation {
@@ -22,7 +23,12 @@ class InstalledConfiguration final : public Configuration {
         }
         return path;
     }
-    void backupDone() override { ++backupsDone; }
+    void backupDone() override {
+        ++backupsDone;
+        if (onBackupDone) {
+            onBackupDone();
+        }
+    }
     bool backupEnabled() const override {
         if (enabledThrows) {
             throw Exception("InstalledConfiguration::backupEnabled", Exception::failure);
@@ -34,6 +40,7 @@ class InstalledConfiguration final : public Configuration {
     std::atomic<bool> enabled{true};
     std::atomic<bool> enabledThrows{false};
     std::atomic<int> backupsDone{0};
+    std::function<void()> onBackupDone; // set before anybody asks
 
   private:
     Configuration* m_before;
