@@ -66,6 +66,7 @@ std::function<std::uint64_t()> activationsOf(std::shared_ptr<HighAvailability> c
 
 Daemon::Daemon(std::string settingsPath)
     : m_settingsPath(std::move(settingsPath)), m_startedAt(clockNow()), m_settings(Settings::load(m_settingsPath)),
+      m_settingsAtStart(m_settings),
       m_highAvailability(std::make_shared<HighAvailability>(m_settings.highAvailability)),
       m_loads(
           greylistTables(), [this] { cachesLoaded(); }, activationsOf(m_highAvailability)),
@@ -324,30 +325,31 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
         }
         return texts;
     };
-    IpcSettings const& ipc = m_settings.ipc;
-    say(changed.state.directory != m_settings.state.directory, "[state] directory");
-    say(changed.state.pidFile != m_settings.state.pidFile, "[state] pid_file");
+    IpcSettings const& ipc = m_settingsAtStart.ipc;
+    say(changed.state.directory != m_settingsAtStart.state.directory, "[state] directory");
+    say(changed.state.pidFile != m_settingsAtStart.state.pidFile, "[state] pid_file");
     say(changed.ipc.port != ipc.port || changed.ipc.ipv6 != ipc.ipv6 || changed.ipc.users != ipc.users ||
             changed.ipc.maxConnections != ipc.maxConnections || changed.ipc.workers != ipc.workers ||
             changed.ipc.frameTimeoutSeconds != ipc.frameTimeoutSeconds,
         "[ipc]");
-    say(addresses(changed) != addresses(m_settings) || changed.policy.socketMode != m_settings.policy.socketMode ||
-            changed.policy.threads != m_settings.policy.threads ||
-            changed.policy.maxConnections != m_settings.policy.maxConnections,
+    say(addresses(changed) != addresses(m_settingsAtStart) ||
+            changed.policy.socketMode != m_settingsAtStart.policy.socketMode ||
+            changed.policy.threads != m_settingsAtStart.policy.threads ||
+            changed.policy.maxConnections != m_settingsAtStart.policy.maxConnections,
         "[policy]");
     auto const address = [](auto const& settings) {
         return settings.listen ? settings.listen->asString() : std::string();
     };
-    say(address(changed.milter) != address(m_settings.milter) ||
-            changed.milter.socketMode != m_settings.milter.socketMode ||
-            changed.milter.maxConnections != m_settings.milter.maxConnections,
+    say(address(changed.milter) != address(m_settingsAtStart.milter) ||
+            changed.milter.socketMode != m_settingsAtStart.milter.socketMode ||
+            changed.milter.maxConnections != m_settingsAtStart.milter.maxConnections,
         "[milter] listen, socket_mode or max_connections");
-    say(address(changed.metrics) != address(m_settings.metrics), "[metrics] listen");
-    say(changed.greylist.maxRecords != m_settings.greylist.maxRecords, "[greylist] max_records");
-    say(changed.rateControl.maxSenders != m_settings.rateControl.maxSenders, "[rate_control] max_senders");
+    say(address(changed.metrics) != address(m_settingsAtStart.metrics), "[metrics] listen");
+    say(changed.greylist.maxRecords != m_settingsAtStart.greylist.maxRecords, "[greylist] max_records");
+    say(changed.rateControl.maxSenders != m_settingsAtStart.rateControl.maxSenders, "[rate_control] max_senders");
     say(changed.endpoint.windowMinutes != m_endpoints->windowSize(), "[endpoint] window_minutes");
-    say(changed.endpoint.radius != m_settings.endpoint.radius ||
-            changed.endpoint.enabled != m_settings.endpoint.enabled,
+    say(changed.endpoint.radius != m_settingsAtStart.endpoint.radius ||
+            changed.endpoint.enabled != m_settingsAtStart.endpoint.enabled,
         "[endpoint] enabled or radius");
 }
 
@@ -381,22 +383,7 @@ void Daemon::countFamilies() {
 void Daemon::reload() {
     Logger::instance(false).reopen();
     try {
-        Settings changed = Settings::load(m_settingsPath);
-        sayWhatNeedsARestart(changed);
-        changed.state = m_settings.state; // the lock is held there
-        if (changed.log.target.asString() != m_settings.log.target.asString()) {
-            useLog(changed.log);
-        }
-        m_settings = changed;
-        useDatabase();
-        m_highAvailability->install(m_settings.highAvailability);
-        useGreylistConfiguration();
-        m_endpoints->change(m_settings.endpoint);
-        m_reputation->change(m_settings.reputation);
-        m_translator->install(PolicyTranslatorSettings::of(m_settings));
-        m_milterFront->install(MilterFrontSettings::of(m_settings));
-        m_counts->install({m_settings.rateLimits, m_settings.endpointLimits});
-        note(Logger::Severity::info, "settings read again from " + m_settingsPath);
+        takeOver(Settings::load(m_settingsPath));
     } catch (std::exception const& failed) {
         note(Logger::Severity::error, std::string("the settings stay as they were: ") + failed.what());
     }
@@ -408,6 +395,30 @@ void Daemon::reload() {
     m_decision->install(decisionSettings());
     m_decision->rebuildPassCounts(clockNow()); // more may be needed now than was counted
     m_housekeeping->soon();                    // another unit of the pair may be the active one
+}
+
+// Settings that were read can be taken over; only want of memory keeps some of them from it.
+void Daemon::takeOver(Settings changed) {
+    sayWhatNeedsARestart(changed);
+    changed.state = m_settings.state; // the lock is held there
+    if (changed.log.target.asString() != m_settings.log.target.asString()) {
+        useLog(changed.log);
+    }
+    m_settings = std::move(changed);
+    try {
+        useDatabase();
+        m_highAvailability->install(m_settings.highAvailability);
+        useGreylistConfiguration();
+        m_endpoints->change(m_settings.endpoint);
+        m_reputation->change(m_settings.reputation);
+        m_translator->install(PolicyTranslatorSettings::of(m_settings));
+        m_milterFront->install(MilterFrontSettings::of(m_settings));
+        m_counts->install({m_settings.rateLimits, m_settings.endpointLimits});
+        note(Logger::Severity::info, "settings read again from " + m_settingsPath);
+    } catch (std::exception const& failed) {
+        note(Logger::Severity::error,
+             std::string("the settings hold in part only, read them again or start anew: ") + failed.what());
+    }
 }
 
 void Daemon::stop() {

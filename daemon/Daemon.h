@@ -63,6 +63,7 @@ class Daemon : private GreylistAdministration {
     void endWithoutMilter();
     void serveMetrics();
     void reload();
+    void takeOver(Settings changed);
     void sayWhatNeedsARestart(Settings const& changed) const;
     void sayWhatCouldNotBeLoaded() const;
     void takeLastBackups();
@@ -87,7 +88,8 @@ class Daemon : private GreylistAdministration {
 
     std::string const m_settingsPath;
     long const m_startedAt;
-    Settings m_settings; // as last read; main thread only
+    Settings m_settings;              // as last read; main thread only
+    Settings const m_settingsAtStart; // what holds until the next start
     // Shared with the families' configurations, which a backup at the end may outlive this object with.
     std::shared_ptr<HighAvailability> const m_highAvailability;
     GreyList::RefExemptRuleSet m_rules;             // as last read without a mistake; main thread only

@@ -68,6 +68,20 @@ class Reload(unittest.TestCase):
         world.logged("stay as they were", before)
         return world.vellum.log()[before:]
 
+    def test_what_needs_a_restart_is_said_at_each_reload_until_then(self):
+        before = world.vellum.settings["greylist"].get("max_records")
+        world.vellum.settings["greylist"]["max_records"] = 12345
+        world.vellum.write_settings()
+        for _ in range(2):
+            self.assertIn("[greylist] max_records was changed: that takes effect at the next start",
+                          world.vellum.reload())
+        if before is None:
+            del world.vellum.settings["greylist"]["max_records"]
+        else:
+            world.vellum.settings["greylist"]["max_records"] = before
+        world.vellum.write_settings()
+        self.assertNotIn("was changed", world.vellum.reload())
+
 
 class BadInput(unittest.TestCase):
     def test_request_without_a_client_address_is_answered_and_the_connection_lives(self):
