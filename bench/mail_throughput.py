@@ -12,7 +12,6 @@ is. Needs root, as Postfix does.
 
 import argparse
 import json
-import os
 import statistics
 import subprocess
 import sys
@@ -24,7 +23,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "scripts"))
 from stage.mariadb import PrivateMariaDb  # noqa: E402
 from stage.postfix import PrivatePostfix  # noqa: E402
 from stage.process import StageError  # noqa: E402
-from stage.stage import SOURCE_DIRECTORY, Stage  # noqa: E402
+from stage.stage import SOURCE_DIRECTORY, Stage, needs_root  # noqa: E402
 from stage.vellum import Vellum  # noqa: E402
 
 SENDER = "jo@load.example"
@@ -72,8 +71,8 @@ def main():
     options.add_argument("--rounds", type=int, default=7, help="(default %(default)s)")
     options.add_argument("--json", action="store_true", help="the figures as one object a line")
     chosen = options.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("mail_throughput.py: needs root: Postfix is started by nobody else")
+    if needs_root():
+        sys.exit(f"mail_throughput.py: {needs_root()}")
     with Stage() as stage:
         vellum = Vellum(stage, chosen.programs, PrivateMariaDb(stage), milter={},
                         greylist={"delay_minutes": 0, "auto_exempt_after": 0})
