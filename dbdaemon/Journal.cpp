@@ -154,7 +154,7 @@ bool Journal::begin(Entry const& entry) {
     return true;
 }
 
-void Journal::giveBack(Entry const& entry) {
+void Journal::giveBack(Entry const& entry) noexcept {
     Synchronized const held(m_lock);
     auto const found = m_entries.find(entry.number);
     bool const ran = found != m_entries.end() && found->second.step == Step::running; // or the trouble came after it
@@ -178,8 +178,9 @@ void Journal::finish(Entry const& entry) {
 
 void Journal::fail(Entry const& entry) {
     Synchronized const held(m_lock);
-    m_entries.erase(entry.number);
+    m_entries.find(entry.number)->second.step = Step::done; // known until it is moved, whatever fails
     renameFile(entry.path, m_directory + "/failed/" + JournalName{entry.number, entry.code}.asString());
+    m_entries.erase(entry.number);
     syncDirectory(m_directory + "/failed");
     syncDirectory(m_directory);
     pruneFailures(entry.code);
@@ -208,12 +209,14 @@ bool Journal::dropSuperseded(std::int32_t code) {
 
 bool Journal::isRemoved(std::uint64_t number, std::int32_t code) const {
     try {
-        removeFile(pathOf(number, code));
+        try {
+            removeFile(pathOf(number, code));
+        } catch (Exception const& failed) {
+            note(Logger::Severity::error, failed.asString());
+            return false;
+        }
         note(Logger::Severity::info, "script " + std::to_string(number) + " of request code " + std::to_string(code) +
                                          " is superseded by a newer one and dropped");
-    } catch (Exception const& failed) {
-        note(Logger::Severity::error, failed.asString());
-        return false;
     } catch (std::bad_alloc const&) { // tried again, whether the file is gone or not
         return false;
     }

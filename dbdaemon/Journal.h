@@ -46,16 +46,16 @@ class Journal {
     std::vector<Entry> waiting() const;
     // Marks an entry as running, so that a newer script does not drop it. False when it is not there any more.
     bool begin(Entry const& entry);
-    // It could not be run now: it waits again, unless a newer one has come.
-    void giveBack(Entry const& entry);
+    // It could not be run now: it waits again, unless a newer one has come. One that is done or failed is left alone.
+    void giveBack(Entry const& entry) noexcept;
     // It is done: removed.
     void finish(Entry const& entry);
     // The server will never run it: moved to failed/, of which the oldest go.
     void fail(Entry const& entry);
 
   private:
-    // `done`: it ran, but its file could not be removed. It stays known until the file is gone, because after a restart
-    // it would otherwise be run over what came later.
+    // `done`: it ran or was refused, but its file could not be removed or moved. It stays known until the file is gone,
+    // because after a restart it would otherwise be run over what came later.
     enum class Step { arriving, waiting, running, done };
     struct State {
         std::int32_t code;

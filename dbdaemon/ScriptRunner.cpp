@@ -49,6 +49,19 @@ class ScriptRunner::InterruptibleConnection {
     ScriptRunner& m_runner;
 };
 
+// Whatever ends the run of a script, it waits again unless it is done or put aside.
+class ScriptRunner::GivenBack {
+  public:
+    GivenBack(Journal& journal, Journal::Entry const& entry) : m_journal(journal), m_entry(entry) {}
+    ~GivenBack() { m_journal.giveBack(m_entry); }
+    GivenBack(GivenBack const&) = delete;
+    GivenBack& operator=(GivenBack const&) = delete;
+
+  private:
+    Journal& m_journal;
+    Journal::Entry const& m_entry;
+};
+
 ScriptRunner::ScriptRunner(Journal& journal, Pauses pauses)
     : m_journal(journal), m_pauses(pauses), m_thread([this] { loop(); }) {}
 
@@ -97,7 +110,7 @@ void ScriptRunner::loop() {
         m_work = false;
         m_idle = false;
         held.unlock();
-        bool const clear = runWaiting();
+        bool const clear = isAllRun();
         held.lock();
         pause = clear ? std::chrono::milliseconds(0) : std::clamp(pause * 2, m_pauses.first, m_pauses.longest);
         m_idle = clear;
@@ -105,6 +118,15 @@ void ScriptRunner::loop() {
     }
     m_ended = true;
     m_changed.notify_all();
+}
+
+// The thread goes on whatever happens; without memory for a message, too.
+bool ScriptRunner::isAllRun() {
+    try {
+        return runWaiting();
+    } catch (std::exception const&) {
+        return false;
+    }
 }
 
 // Tries everything that waits once; false when something still waits because of trouble.
@@ -127,6 +149,7 @@ ScriptRunner::Outcome ScriptRunner::run(Journal::Entry const& entry) {
     if (!m_journal.begin(entry)) {
         return Outcome::done; // superseded meanwhile
     }
+    GivenBack const unlessDone(m_journal, entry);
     try {
         Database::Connection connection(database, "", "", Database::Connection::defaultAddress());
         InterruptibleConnection const interruptible(*this, connection);
@@ -163,13 +186,12 @@ void ScriptRunner::refuse(Journal::Entry const& entry, std::string const& reason
     note(Logger::Severity::error, nameOf(entry) + " is refused, see failed/ in the journal: " + reason);
     try {
         m_journal.fail(entry);
-    } catch (Exception const& failure) {
-        note(Logger::Severity::error, nameOf(entry) + " cannot be put aside: " + failure.asString());
+    } catch (std::exception const& failure) {
+        note(Logger::Severity::error, nameOf(entry) + " cannot be put aside: " + failure.what());
     }
 }
 
 ScriptRunner::Outcome ScriptRunner::trouble(Journal::Entry const& entry, Database::DatabaseException const& reason) {
-    m_journal.giveBack(entry);
     if (isStopping()) {
         note(Logger::Severity::info, nameOf(entry) + " is rolled back and will be run at the next start");
         return Outcome::lostServer;

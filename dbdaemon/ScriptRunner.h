@@ -46,8 +46,10 @@ class ScriptRunner {
   private:
     enum class Outcome { done, passingTrouble, lostServer };
     class InterruptibleConnection;
+    class GivenBack;
 
     void loop();
+    bool isAllRun();
     bool runWaiting();
     Outcome run(Journal::Entry const& entry);
     Outcome runOver(Database::Connection& connection, Journal::Entry const& entry);

@@ -224,6 +224,54 @@ TEST_F(JournalTest, ScriptThatCannotBeRemovedNeverOutlivesANewerOne) {
     EXPECT_THAT(waiting(), ElementsAre(2)) << "the tables stay as they are";
 }
 
+// What no file can be moved over, whoever runs the test.
+void makeUnmovable(std::string const& directory, std::string const& name) {
+    std::filesystem::create_directories(directory + "/failed/" + name + "/inside");
+}
+
+TEST_F(JournalTest, RefusedScriptThatCannotBeMovedGoesWithTheNextOne) {
+    Journal::Entry const first = accept(4, "first");
+    ASSERT_TRUE(journal().begin(first));
+    makeUnmovable(path(), "0000000000000001-4.sql");
+    EXPECT_THAT(failureOf([&] { journal().fail(first); }), HasSubstr("renaming " + first.path));
+    journal().giveBack(first);
+    EXPECT_THAT(waiting(), IsEmpty()) << "it was refused for good";
+    EXPECT_THAT(namesIn(path()), ElementsAre("0000000000000001-4.sql"));
+    Journal::Entry const second = accept(4, "second");
+    ASSERT_TRUE(journal().begin(second));
+    journal().finish(second);
+    EXPECT_THAT(namesIn(path()), IsEmpty()) << "or it would be the newest one after a restart";
+    reopen();
+    EXPECT_THAT(waiting(), IsEmpty()) << "the tables stay as the second left them";
+}
+
+TEST_F(JournalTest, RefusedScriptThatCannotBeMovedIsTriedAgainAfterARestartUnlessANewerOneCame) {
+    Journal::Entry const first = accept(4, "first");
+    ASSERT_TRUE(journal().begin(first));
+    makeUnmovable(path(), "0000000000000001-4.sql");
+    EXPECT_NE(failureOf([&] { journal().fail(first); }), "none");
+    reopen();
+    EXPECT_THAT(waiting(), ElementsAre(1));
+    accept(4, "second");
+    EXPECT_THAT(waiting(), ElementsAre(2));
+}
+
+TEST_F(JournalTest, RefusedScriptThatCanNeitherBeMovedNorRemovedNeverOutlivesANewerOne) {
+    Journal::Entry const first = accept(4, "first");
+    ASSERT_TRUE(journal().begin(first));
+    makeUnmovable(path(), "0000000000000001-4.sql");
+    EXPECT_NE(failureOf([&] { journal().fail(first); }), "none");
+    makeUnremovable(first.path);
+    Journal::Entry const second = accept(4, "second");
+    ASSERT_TRUE(journal().begin(second));
+    EXPECT_THAT(failureOf([&] { journal().finish(second); }),
+                HasSubstr("an older script than " + second.path + " cannot be removed"));
+    std::filesystem::remove_all(first.path);
+    writeFile(first.path, "first");
+    reopen();
+    EXPECT_THAT(waiting(), ElementsAre(2));
+}
+
 TEST_F(JournalTest, ScriptThatDidNotArriveSupersedesNothing) {
     Journal::Entry const first = accept(4, "first");
     FileDescriptor const closed;

@@ -195,6 +195,23 @@ TEST_F(ServiceTest, RefusedScriptIsPutAsideAndLoggedOnce) {
     EXPECT_EQ(stateOfTables(rows), "2");
 }
 
+TEST_F(ServiceTest, RefusedScriptThatCannotBePutAsideHoldsNothingUpAndNeverComesBack) {
+    start();
+    std::filesystem::create_directories(m_options.journal + "/failed/0000000000000001-4.sql/inside");
+    EXPECT_EQ(ask("INSERT INTO grey_list VALUES\n(1);\n"), 0);
+    waitUntilIdle();
+    EXPECT_EQ(notes("script 1 of request code 4 cannot be put aside: "), 1);
+    EXPECT_THAT(journal(), ElementsAre("0000000000000001-4.sql"));
+    EXPECT_EQ(ask(replacingScript("2", rows)), 0);
+    waitUntilIdle();
+    EXPECT_THAT(journal(), IsEmpty());
+    stop();
+    start();
+    waitUntilIdle();
+    EXPECT_EQ(stateOfTables(rows), "2");
+    EXPECT_EQ(notes("is refused, see failed/"), 1);
+}
+
 TEST_F(ServiceTest, CutOffScriptIsPutAside) {
     start();
     std::string const whole = replacingScript("1", rows);
