@@ -1,31 +1,40 @@
 #include "daemon/MetricsServer.h"
 
 #include "foundation/Exception.h"
+#include "foundation/NoteLimiter.h"
+#include "foundation/ServiceThread.h"
 
 #include <prometheus/exposer.h>
+#include <prometheus/metric_family.h>
 
-#include <csignal>
-#include <pthread.h>
+#include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Vellum::Daemon {
 namespace {
 
-// Threads that are made meanwhile get no signal: those are the main thread's business.
-class WithoutSignals {
+// What a metrics library's thread asks. Between its caller and the HTTP library is C code, which no exception passes.
+class Unfailing : public prometheus::Collectable {
   public:
-    WithoutSignals() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
+    explicit Unfailing(std::shared_ptr<prometheus::Collectable> metrics) : m_metrics(std::move(metrics)) {}
+
+    std::vector<prometheus::MetricFamily> Collect() const override {
+        try {
+            try {
+                return m_metrics->Collect();
+            } catch (std::exception const& failed) {
+                m_trouble.note(Logger::Severity::error, std::string("metrics could not be told: ") + failed.what());
+            }
+        } catch (std::exception const&) { // no memory for that either
+        }
+        return {};
     }
-    ~WithoutSignals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    WithoutSignals(WithoutSignals const&) = delete;
-    WithoutSignals& operator=(WithoutSignals const&) = delete;
 
   private:
-    sigset_t m_before{};
+    std::shared_ptr<prometheus::Collectable> const m_metrics;
+    mutable NoteLimiter m_trouble{1, std::chrono::minutes(1)}; // who asks, asks often
 };
 
 std::vector<std::string> optionsFor(ListenAddress const& listen) {
@@ -35,8 +44,8 @@ std::vector<std::string> optionsFor(ListenAddress const& listen) {
 } // namespace
 
 MetricsServer::MetricsServer(ListenAddress const& listen, std::shared_ptr<prometheus::Collectable> metrics)
-    : m_address(listen), m_metrics(std::move(metrics)) {
-    WithoutSignals const hold;
+    : m_address(listen), m_metrics(std::make_shared<Unfailing>(std::move(metrics))) {
+    SignalsBlocked const hold; // the library's threads take none
     try {
         // The library does not tell why it cannot listen, so that is found out beforehand.
         static_cast<void>(ListeningSocket(listen, 0));

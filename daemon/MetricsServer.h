@@ -17,7 +17,8 @@ namespace Vellum::Daemon {
 // one of them for ten seconds. Mail is not concerned.
 class MetricsServer {
   public:
-    // Listens and serves from now on. The server holds no reference on `metrics` beyond a collection under way.
+    // Listens and serves from now on. A collection that throws is answered without what `metrics` tells, and logged,
+    // once a minute at the most.
     // Throws Exception naming the address and what is wrong with it.
     MetricsServer(ListenAddress const& listen, std::shared_ptr<prometheus::Collectable> metrics);
     ~MetricsServer(); // waits for a collection under way

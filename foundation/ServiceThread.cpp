@@ -1,29 +1,18 @@
 #include "foundation/ServiceThread.h"
 
-#include <csignal>
 #include <pthread.h>
 #include <utility>
 
 namespace Vellum {
-namespace {
+SignalsBlocked::SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &m_before);
+}
 
-// A new thread inherits the mask of the thread that makes it.
-class SignalsBlocked {
-  public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    SignalsBlocked(SignalsBlocked const&) = delete;
-    SignalsBlocked& operator=(SignalsBlocked const&) = delete;
-
-  private:
-    sigset_t m_before;
-};
-
-} // namespace
+SignalsBlocked::~SignalsBlocked() {
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+}
 
 std::thread startServiceThread(std::string const& name, std::function<void()> body) {
     SignalsBlocked const blocked;

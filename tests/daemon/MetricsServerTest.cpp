@@ -2,7 +2,9 @@
 
 #include "foundation/Exception.h"
 #include "foundation/FileDescriptor.h"
+#include "tests/support/CapturingLogger.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <prometheus/metric_family.h>
 
@@ -20,6 +22,10 @@ struct OneMetric : public prometheus::Collectable {
         sample.gauge.value = 17;
         return {{"vellum_test", "help", prometheus::MetricType::Gauge, {sample}}};
     }
+};
+
+struct NoMetric : public prometheus::Collectable {
+    std::vector<prometheus::MetricFamily> Collect() const override { throw std::bad_alloc(); }
 };
 
 FileDescriptor connectTo(unsigned int port) {
@@ -79,6 +85,19 @@ TEST(MetricsServer, OneThatSaysNothingDoesNotKeepOthersOut) {
     unsigned int const port = server.address().inet.port();
     FileDescriptor const silent = connectTo(port);
     EXPECT_NE(get(port, "/metrics").find("\nvellum_test 17\n"), std::string::npos);
+}
+
+// On the library's threads it would end the process.
+TEST(MetricsServer, ACollectionThatFailsIsAnsweredWithoutItAndLoggedOnce) {
+    CapturingLogger log;
+    MetricsServer const server(anyPort(), std::make_shared<NoMetric>());
+    for (int i = 0; i < 3; ++i) {
+        std::string const answer = get(server.address().inet.port(), "/metrics");
+        EXPECT_EQ(answer.find("HTTP/1.1 200 OK\r\n"), 0U) << answer;
+        EXPECT_NE(answer.find("\nexposer_"), std::string::npos) << "what the library itself tells: " << answer;
+        EXPECT_EQ(answer.find("vellum_"), std::string::npos) << answer;
+    }
+    EXPECT_THAT(log.notes(), testing::ElementsAre("metrics could not be told: std::bad_alloc"));
 }
 
 TEST(MetricsServer, ThePortIsFreeAgainAfterItsEnd) {
