@@ -1,13 +1,15 @@
 #include "daemon/LateTuples.h"
 
 #include "foundation/Logger.h"
+#include "foundation/ServiceThread.h"
 
 #include <exception>
 #include <string>
 
 namespace Vellum::Daemon {
 
-LateTuples::LateTuples(GreyList::_TupleCache& tuples, std::size_t mostHeld) : m_tuples(tuples), m_most(mostHeld) {}
+LateTuples::LateTuples(GreyList::_TupleCache& tuples, std::size_t mostHeld)
+    : m_tuples(tuples), m_most(mostHeld), m_thread(startServiceThread("late-tuples", [this] { work(); })) {}
 
 LateTuples::~LateTuples() {
     {
@@ -15,9 +17,7 @@ LateTuples::~LateTuples() {
         m_ending = true;
         m_changed.notify_all();
     }
-    if (m_thread.joinable()) {
-        m_thread.join();
-    }
+    m_thread.join();
 }
 
 void LateTuples::add(GreyList::TupleParts const& tuple, long now) {
@@ -27,9 +27,6 @@ void LateTuples::add(GreyList::TupleParts const& tuple, long now) {
         return;
     }
     m_waiting.try_emplace(id, now);
-    if (!m_thread.joinable()) {
-        m_thread = std::thread([this] { work(); });
-    }
     m_changed.notify_all();
 }
 

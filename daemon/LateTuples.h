@@ -7,7 +7,7 @@
 //   }
 //
 // Bounded: what comes beyond is not kept, and begins with its next attempt. Thread-safe. The thread that lets them in
-// starts with the first of them.
+// is there from the start, so that no decision depends on whether there is room for one.
 #pragma once
 
 #include "greylist/TupleCache.h"
@@ -24,7 +24,7 @@ class LateTuples {
   public:
     static constexpr std::size_t most = 100'000;
 
-    // The cache is borrowed.
+    // The cache is borrowed. Throws std::system_error without a thread.
     explicit LateTuples(GreyList::_TupleCache& tuples, std::size_t mostHeld = most);
     ~LateTuples(); // lets in what is left
     LateTuples(LateTuples const&) = delete;
