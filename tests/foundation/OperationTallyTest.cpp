@@ -31,14 +31,23 @@ TEST(OperationTally, CountsByWhatItWasOfAndHowItWent) {
 TEST(OperationTally, AnOperationThatDoesNotSayOtherwiseHasFailed) {
     { TalliedOperation const left(Operation::load, "tally-test"); }
     long const before = std::time(nullptr);
+    auto const begin = OperationTally::Clock::now();
+    std::chrono::nanoseconds least{0};
     {
         TalliedOperation done(Operation::load, "tally-test");
+        auto const inside = OperationTally::Clock::now();
+        while (least == 0ns) { // a tick of the clock at least
+            least = OperationTally::Clock::now() - inside;
+        }
         done.hasSucceeded();
     }
+    std::chrono::nanoseconds const most = OperationTally::Clock::now() - begin;
     OperationTotals const totals = OperationTally::instance().all(Operation::load).at("tally-test");
     EXPECT_EQ(totals.failed, 1U);
     EXPECT_EQ(totals.succeeded, 1U);
-    EXPECT_GE(totals.time.count(), 0);
+    EXPECT_GE(totals.lastTime, least);
+    EXPECT_LE(totals.lastTime, most);
+    EXPECT_GE(totals.time, totals.lastTime) << "of both together";
     EXPECT_GE(totals.lastSuccess, before);
 }
 
