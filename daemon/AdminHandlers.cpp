@@ -2,6 +2,7 @@
 
 #include "daemon/AdminHandler.h"
 #include "daemon/AdminJson.h"
+#include "daemon/ScriptWatch.h"
 #include "foundation/Escape.h"
 #include "foundation/Logger.h"
 #include "greylist/DynamicExemptCache.h"
@@ -14,6 +15,8 @@
 
 namespace Vellum::Daemon {
 namespace {
+
+using DatabaseDaemon::RequestCode;
 
 constexpr std::chrono::milliseconds progressInterval{100};
 
@@ -113,25 +116,29 @@ class StatusHandler : public ServiceHandler {
 
   protected:
     Json answer(Json const&, IPC::SocketIPC&) const override {
-        Json status = asJson(services().status(), std::time(nullptr));
+        DaemonStatus const daemon = services().status();
+        Json status = asJson(daemon, std::time(nullptr));
         GreyList::LoadReport const loads = GreyList::LoadReport::last();
         status["greylist"] = {{"tuples", asJson(tupleFill(), loads.tuples)},
                               {"exemptions", asJson(exemptionFill(), loads.exemptions)}};
-        status["backup"] = asJson(services().backupGate(), GreyList::BackupReport::last());
+        status["backup"] = asJson(services().backupGate(), GreyList::BackupReport::last(),
+                                  outcomeOf(daemon.scripts, RequestCode::greylistScript));
         status["reputation"] = {
             {"entries", asJson(fillOf(**Reputation::RefCache::instance()), Reputation::LoadReport::last())},
-            {"backup", asJson(services().reputationGate(), Reputation::BackupReport::last())}};
-        status["endpoints"] = endpoints();
+            {"backup", asJson(services().reputationGate(), Reputation::BackupReport::last(),
+                              outcomeOf(daemon.scripts, RequestCode::reputationScript))}};
+        status["endpoints"] = endpoints(daemon);
         return status;
     }
 
   private:
-    Json endpoints() const {
+    Json endpoints(DaemonStatus const& daemon) const {
         MMSReputation::LoadReport const loads = MMSReputation::LoadReport::last();
         return {{"entries", asJson(endpointFill(), loads.entries)},
                 {"exempt_list", {{"load", asJson(loads.exemptList)}}},
                 {"blacklist", {{"load", asJson(loads.blacklist)}}},
-                {"backup", asJson(services().endpointGate(), MMSReputation::BackupReport::last())}};
+                {"backup", asJson(services().endpointGate(), MMSReputation::BackupReport::last(),
+                                  outcomeOf(daemon.scripts, RequestCode::endpointScript))}};
     }
 };
 

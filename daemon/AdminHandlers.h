@@ -6,7 +6,9 @@
 //
 //   adminStatus       {"version", "pid", "started", "uptime_seconds", "settings", "policy_listeners": [text],
 //                      "greylist": {"tuples": CACHE, "exemptions": CACHE},
-//                      "backup": {"allowed", "reason", "last": BACKUP or null}, of the greylist,
+//                      "backup": {"allowed", "reason", "last": BACKUP or null, "ran": {"script", "accepted"} or null,
+//                      "refused": {"script", "time", "reason"} or null}, of the greylist: the last script that the
+//                      database daemon has run, and a newer one that it never will, as of the last minute,
 //                      "reputation": {"entries": CACHE, "backup": the same with "records" and "addresses" in place of
 //                      "tuples" and "exemptions"},
 //                      "endpoints": {"entries": CACHE, "exempt_list": {"load": LOAD}, "blacklist": {"load": LOAD},

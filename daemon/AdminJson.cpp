@@ -52,6 +52,14 @@ Json asJson(MMSReputation::BackupReport const& report) {
     return json;
 }
 
+Json asJson(DatabaseDaemon::ScriptOutcome::Run const& run) {
+    return {{"script", run.number}, {"accepted", run.acceptedAt}};
+}
+
+Json asJson(DatabaseDaemon::ScriptOutcome::Refusal const& refusal) {
+    return {{"script", refusal.number}, {"time", refusal.time}, {"reason", refusal.reason}};
+}
+
 Json asJson(DaemonStatus const& status, long now) {
     Json decisions = Json::array();
     for (DaemonStatus::DecisionCount const& decision : status.decisions) {

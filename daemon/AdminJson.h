@@ -26,10 +26,16 @@ Json asJson(CacheFill const& fill, Database::LoadReport const& load);
 Json asJson(GreyList::BackupReport const& report);
 Json asJson(Reputation::BackupReport const& report);
 Json asJson(MMSReputation::BackupReport const& report);
-// Of a gate and a family's last backup.
+Json asJson(DatabaseDaemon::ScriptOutcome::Run const& run);
+Json asJson(DatabaseDaemon::ScriptOutcome::Refusal const& refusal);
+// Of a gate, a family's last backup, and what became of its scripts.
 template <class Report>
-Json asJson(BackupGate const& gate, Report const& last) {
-    return {{"allowed", gate.open}, {"reason", gate.reason}, {"last", last.attempted ? asJson(last) : Json()}};
+Json asJson(BackupGate const& gate, Report const& last, DatabaseDaemon::ScriptOutcome const& outcome) {
+    return {{"allowed", gate.open},
+            {"reason", gate.reason},
+            {"last", last.attempted ? asJson(last) : Json()},
+            {"ran", outcome.ran ? asJson(*outcome.ran) : Json()},
+            {"refused", outcome.refused ? asJson(*outcome.refused) : Json()}};
 }
 Json asJson(DaemonStatus const& status, long now); // all but "backup" and the families
 Json asJson(std::string const& path, RestorePreview const& preview);

@@ -1,6 +1,7 @@
 // What the daemon tells and does for its administrator, as the requests on port 29001 ask for it (AdminHandlers.h).
 #pragma once
 
+#include "foundation/database/ScriptOutcomes.h"
 #include "greylist/BackupReport.h"
 #include "mmsreputation/Reports.h"
 #include "reputation/BackupReport.h"
@@ -39,6 +40,7 @@ struct DaemonStatus {
     std::vector<std::string> policyListeners;
     std::vector<DecisionCount> decisions;
     DatabaseState database;
+    DatabaseDaemon::ScriptOutcomes scripts{}; // as last told by the database daemon
 };
 
 // Whether backups may overwrite the tables.

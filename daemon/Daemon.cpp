@@ -161,11 +161,12 @@ void Daemon::awaitDatabaseDaemon() {
     auto const end = std::chrono::steady_clock::now() + DatabaseDaemon::timeout();
     for (bool said = false;; said = true) {
         Answer const answer = DatabaseDaemon::askWhetherSettled();
-        m_databaseDaemonAnswers.set(answer != Answer::unreachable);
         if (answer == Answer::accepted) {
+            m_scripts.look();
             return;
         }
         if (answer != Answer::notSettled) {
+            m_scripts.isUnreachable(); // to ask again would hold the start up once more
             note(Logger::Severity::warning, "the database daemon on " + DatabaseDaemon::socketPath() +
                                                 " does not answer: " + DatabaseDaemon::text(answer) +
                                                 "; backups fail until it does");
@@ -370,7 +371,7 @@ void Daemon::keepHouse() {
     }
     countFamilies();
     MailCounts::dropOldHours(clockNow());
-    m_databaseDaemonAnswers.set(DatabaseDaemon::askWhetherSettled() != DatabaseDaemon::Answer::unreachable);
+    m_scripts.look();
 }
 
 void Daemon::countFamilies() {
@@ -469,6 +470,7 @@ DaemonStatus Daemon::status() const {
     }
     status.decisions = decisionCounts();
     status.database = m_databaseWatch.state();
+    status.scripts = m_scripts.outcomes();
     return status;
 }
 
@@ -509,7 +511,8 @@ MetricFacts Daemon::metricFacts() const {
                             .failures = milter.failures});
     facts.counts = m_familyCounts.get();
     facts.database = m_databaseWatch.state().reachable;
-    facts.databaseDaemon = m_databaseDaemonAnswers.get();
+    facts.databaseDaemon = m_scripts.isAnswered();
+    facts.scripts = m_scripts.outcomes();
     facts.active = m_highAvailability->lastAnswer();
     return facts;
 }

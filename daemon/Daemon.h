@@ -23,6 +23,7 @@
 #include "daemon/PolicyTranslator.h"
 #include "daemon/RateControlConfiguration.h"
 #include "daemon/ReputationConfiguration.h"
+#include "daemon/ScriptWatch.h"
 #include "daemon/Settings.h"
 #include "daemon/SignalInbox.h"
 #include "daemon/SubscriberDirectory.h"
@@ -103,7 +104,7 @@ class Daemon : private GreylistAdministration {
     std::unique_ptr<EndpointConfiguration> m_endpoints;
     LoadKeeper m_endpointLoads;
     DatabaseWatch m_databaseWatch;
-    Latest<std::optional<bool>> m_databaseDaemonAnswers;
+    ScriptWatch m_scripts;
     std::unique_ptr<Decision> m_decision;
     std::uint64_t m_countedLoads = 0; // of tuples, that the decision's pass counts know
     std::unique_ptr<PolicyTranslator> m_translator;

@@ -1,5 +1,6 @@
 #include "daemon/DaemonMetrics.h"
 
+#include "daemon/ScriptWatch.h"
 #include "foundation/OperationTally.h"
 #include "foundation/Version.h"
 #include "foundation/ipc/PduType.h"
@@ -9,6 +10,7 @@
 #include "reputation/Cache.h"
 #include "senderratecontrol/SenderRateControlCache.h"
 
+#include <algorithm>
 #include <limits>
 #include <map>
 
@@ -222,24 +224,29 @@ void addOperations(std::vector<MetricFamily>& all, OperationNames const& names, 
     }
 }
 
-void addBackups(std::vector<MetricFamily>& all, long startedAt, long now) {
+// A script that was accepted may wait or be refused yet: only one that was run is a backup.
+void addBackups(std::vector<MetricFamily>& all, MetricFacts const& facts, long now) {
     Totals backups = OperationTally::instance().all(Operation::backup);
-    for (char const* family : {"greylist", "reputation", "endpoint"}) {
-        backups[family]; // told from the start on
+    Family success = gauge("vellum_backup_last_success_timestamp_seconds",
+                           "When the last backup was accepted that is in the tables, as of the last minute");
+    Family age = gauge("vellum_backup_age_seconds",
+                       "Time since then, or since the daemon's start where that is less, as of the last minute");
+    Family refused = gauge("vellum_backup_refused",
+                           "Whether the last backup was accepted, but can never be run, as of the last minute");
+    for (ScriptFamily const& family : scriptFamilies) {
+        backups[family.name]; // told from the start on
+        Labels const label{{"family", family.name}};
+        DatabaseDaemon::ScriptOutcome const outcome = outcomeOf(facts.scripts, family.code);
+        if (outcome.ran) {
+            success.add(outcome.ran->acceptedAt, label);
+        }
+        age.add(now - std::max(facts.startedAt, outcome.ran ? outcome.ran->acceptedAt : 0), label);
+        refused.add(outcome.refused ? 1 : 0, label);
     }
     addOperations(all, backupNames, backups);
-    Family success = gauge("vellum_backup_last_success_timestamp_seconds", "When the last accepted backup began");
-    Family age = gauge("vellum_backup_age_seconds",
-                       "Time since the last accepted backup began; before the first one, since the daemon's start");
-    for (auto const& [family, totals] : backups) {
-        bool const any = totals.succeeded > 0;
-        if (any) {
-            success.add(totals.lastSuccess, {{"family", family}});
-        }
-        age.add(now - (any ? totals.lastSuccess : startedAt), {{"family", family}});
+    for (Family* each : {&success, &age, &refused}) {
+        each->into(all);
     }
-    success.into(all);
-    age.into(all);
 }
 
 std::string requestName(std::string const& type) {
@@ -334,7 +341,7 @@ std::vector<MetricFamily> DaemonMetrics::Collect() const {
     addFronts(all, facts);
     addCaches(all);
     addCounts(all, facts.counts);
-    addBackups(all, facts.startedAt, m_clock());
+    addBackups(all, facts, m_clock());
     addOperations(all, loadNames, OperationTally::instance().all(Operation::load));
     addRequests(all);
     return all;

@@ -7,6 +7,7 @@
 #include "daemon/AdminJson.h"
 #include "daemon/DecisionCounters.h"
 #include "daemon/FamilyCounts.h"
+#include "foundation/database/ScriptOutcomes.h"
 
 #include <prometheus/collectable.h>
 #include <prometheus/metric_family.h>
@@ -35,10 +36,11 @@ struct MetricFacts {
     std::vector<FrontFigures> fronts;
     std::uint64_t policyRequests = 0;
     std::uint64_t policyProtocolErrors = 0;
-    FamilyCounts counts;                // of the last minute
-    std::optional<bool> database;       // reachable, as last tried; nothing: not tried yet
-    std::optional<bool> databaseDaemon; // likewise
-    std::optional<bool> active = true;  // of a pair; nothing: not asked yet
+    FamilyCounts counts;                      // of the last minute
+    std::optional<bool> database;             // reachable, as last tried; nothing: not tried yet
+    std::optional<bool> databaseDaemon;       // likewise
+    DatabaseDaemon::ScriptOutcomes scripts{}; // what became of the backups' scripts, as last told
+    std::optional<bool> active = true;        // of a pair; nothing: not asked yet
 };
 
 // Thread-safe if `facts` is.

@@ -106,6 +106,14 @@ void removeFile(std::string const& path) {
     }
 }
 
+long modificationTime(std::string const& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        throw failure("looking at", path);
+    }
+    return status.st_mtime;
+}
+
 void makeDirectory(std::string const& path) {
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
         throw failure("creating the directory", path);

@@ -19,6 +19,8 @@ void syncDirectory(std::string const& path);
 void renameFile(std::string const& from, std::string const& to);
 // Removes a file; one that is not there is no error.
 void removeFile(std::string const& path);
+// When the file was written last, seconds since the epoch.
+long modificationTime(std::string const& path);
 // Makes a directory (mode 0700); one that is there is no error.
 void makeDirectory(std::string const& path);
 

@@ -3,13 +3,17 @@
 #include "dbdaemon/FileOperations.h"
 #include "dbdaemon/JournalName.h"
 #include "foundation/Exception.h"
+#include "foundation/File.h"
 #include "foundation/Logger.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -21,6 +25,7 @@ namespace Vellum::DatabaseDaemon {
 namespace {
 
 constexpr std::string_view incoming = ".incoming-";
+constexpr std::string_view unfinishedOutcomes = ".outcomes."; // of a crash
 
 Exception failure(std::string const& what) {
     return Exception("Journal", Exception::failure).stringParameter(what);
@@ -36,6 +41,15 @@ std::set<std::string> namesIn(std::string const& directory) {
         throw failure("reading " + directory + ": " + error.message());
     }
     return names;
+}
+
+// Nothing for a file that is not there.
+std::string contentOf(std::string const& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file && errno != ENOENT) {
+        throw failure("opening " + path + ": " + std::strerror(errno));
+    }
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 void note(Logger::Severity severity, std::string const& text) {
@@ -74,10 +88,11 @@ void Journal::readDirectory() {
     Synchronized const held(m_lock);
     std::set<std::int32_t> codes;
     for (std::string const& name : namesIn(m_directory)) {
-        if (name.starts_with(incoming)) {
+        if (name.starts_with(incoming) || name.starts_with(unfinishedOutcomes)) {
             removeFile(m_directory + '/' + name);
         } else if (auto const entry = JournalName::parse(name)) {
-            m_entries[entry->number] = State{entry->code, Step::waiting};
+            m_entries[entry->number] =
+                State{entry->code, Step::waiting, modificationTime(pathOf(entry->number, entry->code))};
             m_lastNumber = std::max(m_lastNumber, entry->number);
             codes.insert(entry->code);
         }
@@ -87,6 +102,7 @@ void Journal::readDirectory() {
             m_lastNumber = std::max(m_lastNumber, entry->number); // two failures never share a name
         }
     }
+    m_outcomes = parseScriptOutcomes(contentOf(outcomesPath()));
     for (std::int32_t const code : codes) {
         dropSuperseded(code);
     }
@@ -101,7 +117,8 @@ Journal::Entry Journal::accept(std::int32_t code, int script) {
         Synchronized const held(m_lock);
         entry.number = ++m_lastNumber;
         entry.path = pathOf(entry.number, code);
-        m_entries[entry.number] = State{code, Step::arriving}; // known before its file is there: nothing can fail then
+        m_entries[entry.number] =
+            State{code, Step::arriving, std::time(nullptr)}; // known before its file is there: nothing can fail then
     }
     try {
         copyIn(script, m_directory + '/' + std::string(incoming) + std::to_string(entry.number), entry.path);
@@ -166,7 +183,11 @@ void Journal::giveBack(Entry const& entry) noexcept {
 
 void Journal::finish(Entry const& entry) {
     Synchronized const held(m_lock);
-    m_entries.find(entry.number)->second.step = Step::done;
+    State& state = m_entries.find(entry.number)->second;
+    state.step = Step::done;
+    noteOutcome(entry, [&](ScriptOutcome& outcome) {
+        outcome = {ScriptOutcome::Run{entry.number, state.acceptedAt}, std::nullopt};
+    });
     if (!dropSuperseded(entry.code)) {
         // An older script would be the newest one after a restart, and take the tables back to its state.
         throw failure("an older script than " + entry.path + " cannot be removed");
@@ -176,14 +197,38 @@ void Journal::finish(Entry const& entry) {
     syncDirectory(m_directory);
 }
 
-void Journal::fail(Entry const& entry) {
+void Journal::fail(Entry const& entry, std::string const& reason) {
     Synchronized const held(m_lock);
     m_entries.find(entry.number)->second.step = Step::done; // known until it is moved, whatever fails
+    noteOutcome(entry, [&](ScriptOutcome& outcome) {
+        outcome.refused = {entry.number, static_cast<long>(std::time(nullptr)), reason.substr(0, longestReason)};
+    });
     renameFile(entry.path, m_directory + "/failed/" + JournalName{entry.number, entry.code}.asString());
     m_entries.erase(entry.number);
     syncDirectory(m_directory + "/failed");
     syncDirectory(m_directory);
     pruneFailures(entry.code);
+}
+
+// Before the script is out of the way: after a crash in between it is run again, and that is noted again. What cannot
+// be noted is logged and keeps nothing from going on.
+template <class Change>
+void Journal::noteOutcome(Entry const& entry, Change change) {
+    try {
+        change(m_outcomes[entry.code]);
+        File::basic_ofstream<char> file{File::Path(outcomesPath())};
+        file << asText(m_outcomes);
+        file.commit();
+        syncDirectory(m_directory);
+    } catch (std::exception const& failed) {
+        note(Logger::Severity::error, "what became of script " + std::to_string(entry.number) +
+                                          " would not be known after a restart: " + failed.what());
+    }
+}
+
+ScriptOutcomes Journal::outcomes() const {
+    Synchronized const held(m_lock);
+    return m_outcomes;
 }
 
 // Removes what is older than the newest script of the code. Answers whether all of it is gone, but for what is running.

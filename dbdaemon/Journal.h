@@ -5,6 +5,7 @@
 //   lock                      held by the daemon that uses the journal
 //   0000000000000017-4.sql    script 17, accepted with request code 4, to be run
 //   .incoming-18              a copy in the making; a leftover of a crash is removed at the next start
+//   outcomes                  what became of the last script of each code, as ScriptOutcomes.h writes it
 //   failed/                   scripts that the server refused, the last few of each code, for looking at
 //
 // A script is accepted when it stands under its name, its bytes and that name synced to the disk: from then on it
@@ -13,6 +14,7 @@
 
 #include "foundation/FileDescriptor.h"
 #include "foundation/Locks.h"
+#include "foundation/database/ScriptOutcomes.h"
 
 #include <cstdint>
 #include <map>
@@ -25,7 +27,8 @@ namespace Vellum::DatabaseDaemon {
 // the system's reason.
 class Journal {
   public:
-    static constexpr unsigned int keptFailures = 3; // of each code
+    static constexpr unsigned int keptFailures = 3;    // of each code
+    static constexpr std::size_t longestReason = 1000; // bytes of a refusal that are kept
 
     struct Entry {
         std::uint64_t number; // in the order of acceptance
@@ -50,8 +53,13 @@ class Journal {
     void giveBack(Entry const& entry) noexcept;
     // It is done: removed.
     void finish(Entry const& entry);
-    // The server will never run it: moved to failed/, of which the oldest go.
-    void fail(Entry const& entry);
+    // The server will never run it: moved to failed/, of which the oldest go. The reason may have any length, and only
+    // its beginning is kept.
+    void fail(Entry const& entry, std::string const& reason);
+
+    // What became of the last script of each code; also after a restart, unless it could not be kept on disk, which is
+    // logged.
+    ScriptOutcomes outcomes() const;
 
   private:
     // `done`: it ran or was refused, but its file could not be removed or moved. It stays known until the file is gone,
@@ -60,6 +68,7 @@ class Journal {
     struct State {
         std::int32_t code;
         Step step;
+        long acceptedAt; // seconds since the epoch
     };
 
     void lockDirectory();
@@ -67,6 +76,9 @@ class Journal {
     void copyIn(int script, std::string const& temporary, std::string const& final) const;
     bool dropSuperseded(std::int32_t code) VELLUM_REQUIRES(m_lock);
     bool isRemoved(std::uint64_t number, std::int32_t code) const;
+    template <class Change>
+    void noteOutcome(Entry const& entry, Change change) VELLUM_REQUIRES(m_lock);
+    std::string outcomesPath() const { return m_directory + "/outcomes"; }
     void pruneFailures(std::int32_t code) const;
     std::string pathOf(std::uint64_t number, std::int32_t code) const;
 
@@ -75,6 +87,7 @@ class Journal {
 
     mutable Mutex m_lock;
     std::map<std::uint64_t, State> m_entries VELLUM_GUARDED_BY(m_lock);
+    ScriptOutcomes m_outcomes VELLUM_GUARDED_BY(m_lock);
     std::uint64_t m_lastNumber VELLUM_GUARDED_BY(m_lock)
     = 0;
 };

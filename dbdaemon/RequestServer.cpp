@@ -71,9 +71,9 @@ void RequestServer::answer() {
         Question const question = std::move(m_questions.front());
         m_questions.pop_front();
         held.unlock();
-        Answer const answer = m_answering(question.request, question.user);
+        Reply answer = m_answering(question.request, question.user);
         held.lock();
-        m_answers.emplace_back(question.client, answer);
+        m_answers.emplace_back(question.client, std::move(answer));
         signal();
     }
 }
@@ -192,9 +192,16 @@ bool RequestServer::receive(std::uint64_t id, Client& client) {
     return true;
 }
 
-bool RequestServer::reply(Client& client, Answer answer) {
-    auto const number = static_cast<std::int32_t>(answer);
-    client.bytes.assign(reinterpret_cast<char const*>(&number), sizeof number);
+bool RequestServer::reply(Client& client, Reply const& reply) {
+    auto const number = [&client](std::int32_t value) {
+        client.bytes.append(reinterpret_cast<char const*>(&value), sizeof value);
+    };
+    client.bytes.clear();
+    number(static_cast<std::int32_t>(reply.answer));
+    if (reply.text) {
+        number(static_cast<std::int32_t>(reply.text->size()));
+        client.bytes += *reply.text;
+    }
     client.step = Step::sending;
     client.deadline = Clock::now() + m_options.requestTimeout;
     return send(client);
@@ -214,7 +221,7 @@ bool RequestServer::send(Client& client) {
 bool RequestServer::takeAnswers() {
     std::uint64_t count = 0;
     [[maybe_unused]] ssize_t const ignored = read(m_event.get(), &count, sizeof count);
-    std::vector<std::pair<std::uint64_t, Answer>> answers;
+    std::vector<std::pair<std::uint64_t, Reply>> answers;
     bool stopping = false;
     {
         std::lock_guard<std::mutex> const held(m_mutex);

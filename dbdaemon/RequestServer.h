@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <sys/types.h>
@@ -37,7 +38,13 @@ class RequestServer {
         std::chrono::milliseconds requestTimeout{5000}; // for a whole request, and for taking the answer
         std::size_t maxClients = 256; // beyond it, the client that has been sending for longest is dropped
     };
-    using Answering = std::function<Answer(ScriptRequest const& request, uid_t user)>;
+    struct Reply {
+        Reply(Answer made) : answer(made) {}
+        Reply(Answer made, std::string behind) : answer(made), text(std::move(behind)) {}
+        Answer answer;
+        std::optional<std::string> text{}; // behind it, its length first
+    };
+    using Answering = std::function<Reply(ScriptRequest const& request, uid_t user)>;
 
     // Listens and starts both threads; requests are answered by `answering`, which must not throw. A socket file that
     // nobody listens on is replaced; see UnixListener, which throws.
@@ -74,7 +81,7 @@ class RequestServer {
     void takeClients();
     bool dropOldest();
     bool receive(std::uint64_t id, Client& client);
-    bool reply(Client& client, Answer answer);
+    bool reply(Client& client, Reply const& reply);
     bool send(Client& client);
     bool takeAnswers();
     void dropLateClients();
@@ -94,7 +101,7 @@ class RequestServer {
     std::condition_variable m_asked;
     // Under m_mutex:
     std::deque<Question> m_questions;
-    std::vector<std::pair<std::uint64_t, Answer>> m_answers;
+    std::vector<std::pair<std::uint64_t, Reply>> m_answers;
     bool m_stopping = false;
 
     std::thread m_answerer;

@@ -185,7 +185,7 @@ ScriptRunner::Outcome ScriptRunner::runOver(Database::Connection& connection, Jo
 void ScriptRunner::refuse(Journal::Entry const& entry, std::string const& reason) {
     note(Logger::Severity::error, nameOf(entry) + " is refused, see failed/ in the journal: " + reason);
     try {
-        m_journal.fail(entry);
+        m_journal.fail(entry, reason);
     } catch (std::exception const& failure) {
         note(Logger::Severity::error, nameOf(entry) + " cannot be put aside: " + failure.what());
     }

@@ -19,7 +19,8 @@ void note(Logger::Severity severity, std::string const& text) {
 
 bool isScript(std::int32_t code) {
     switch (static_cast<RequestCode>(code)) {
-    case RequestCode::isSettled: // names no script
+    case RequestCode::isSettled: // name no script
+    case RequestCode::outcomes:
         return false;
     case RequestCode::greylistScript:
     case RequestCode::reputationScript:
@@ -42,7 +43,7 @@ Answer refuse(std::string const& what, Answer answer, std::exception const& reas
 
 Service::Service(Options const& options)
     : m_patience(options.patience), m_journal(options.journal), m_runner(m_journal, options.pauses),
-      m_requests(options.requests, [this](ScriptRequest const& request, uid_t user) { return take(request, user); }) {
+      m_requests(options.requests, [this](ScriptRequest const& request, uid_t user) { return answer(request, user); }) {
     note(Logger::Severity::info, "taking requests on " + options.requests.socketPath + ", journal " + options.journal);
 }
 
@@ -50,10 +51,25 @@ Service::~Service() {
     m_runner.stop(m_patience);
 }
 
-Answer Service::take(ScriptRequest const& request, uid_t user) {
+RequestServer::Reply Service::answer(ScriptRequest const& request, uid_t user) {
     if (request.code == static_cast<std::int32_t>(RequestCode::isSettled)) {
         return m_runner.waitUntilIdle(std::chrono::milliseconds(0)) ? Answer::accepted : Answer::notSettled;
     }
+    if (request.code == static_cast<std::int32_t>(RequestCode::outcomes)) {
+        return outcomes();
+    }
+    return take(request, user);
+}
+
+RequestServer::Reply Service::outcomes() const {
+    try {
+        return {Answer::accepted, asText(m_journal.outcomes())};
+    } catch (std::exception const&) { // no memory
+        return Answer::journalFailed;
+    }
+}
+
+Answer Service::take(ScriptRequest const& request, uid_t user) {
     std::string const what =
         "request code " + std::to_string(request.code) + " of user " + std::to_string(user) + " for " + request.path;
     if (!isScript(request.code)) {

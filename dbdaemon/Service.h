@@ -34,6 +34,8 @@ class Service {
     bool waitUntilIdle(std::chrono::milliseconds limit) { return m_runner.waitUntilIdle(limit); }
 
   private:
+    RequestServer::Reply answer(ScriptRequest const& request, uid_t user);
+    RequestServer::Reply outcomes() const;
     Answer take(ScriptRequest const& request, uid_t user);
     FileDescriptor openScript(std::string const& path, uid_t asker) const;
     bool mayName(uid_t asker, uid_t owner) const;

@@ -69,12 +69,26 @@ class Conversation {
             bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
         }
     }
-    std::int32_t receiveAnswer() {
-        std::int32_t answer = 0;
-        for (std::size_t have = 0; have < sizeof answer;) {
+    std::int32_t receiveNumber() {
+        std::int32_t number = 0;
+        receive(reinterpret_cast<char*>(&number), sizeof number);
+        return number;
+    }
+    std::string receiveText() {
+        std::int32_t const length = receiveNumber();
+        if (length < 0 || length > static_cast<std::int32_t>(longestText)) {
+            throw trouble("the daemon on " + m_path + " answers with " + std::to_string(length) + " bytes");
+        }
+        std::string text(static_cast<std::size_t>(length), '\0');
+        receive(text.data(), text.size());
+        return text;
+    }
+
+  private:
+    void receive(char* bytes, std::size_t length) {
+        for (std::size_t have = 0; have < length;) {
             awaitReady(POLLIN);
-            ssize_t const got =
-                recv(m_socket, reinterpret_cast<char*>(&answer) + have, sizeof answer - have, MSG_DONTWAIT);
+            ssize_t const got = recv(m_socket, bytes + have, length - have, MSG_DONTWAIT);
             if (got == 0) {
                 throw trouble("the daemon on " + m_path + " hung up without an answer");
             }
@@ -83,10 +97,7 @@ class Conversation {
             }
             have += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
         }
-        return answer;
     }
-
-  private:
     void connectTo(std::string const& path, std::chrono::milliseconds limit) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -127,8 +138,7 @@ std::int32_t numberAt(char const* bytes) {
 Answer ask(std::string_view request) {
     Conversation daemon(socketPath(), timeout());
     daemon.send(request);
-    std::int32_t const answer = daemon.receiveAnswer();
-    return static_cast<Answer>(answer);
+    return static_cast<Answer>(daemon.receiveNumber());
 }
 
 } // namespace
@@ -189,6 +199,21 @@ Answer askWhetherSettled() {
     try {
         Buffer const question = request(RequestCode::isSettled, "/");
         return ask(question.view());
+    } catch (std::exception const&) {
+        return Answer::unreachable;
+    }
+}
+
+Answer askForOutcomes(ScriptOutcomes& outcomes) {
+    try {
+        Buffer const question = request(RequestCode::outcomes, "/");
+        Conversation daemon(socketPath(), timeout());
+        daemon.send(question.view());
+        auto const answer = static_cast<Answer>(daemon.receiveNumber());
+        if (answer == Answer::accepted) {
+            outcomes = parseScriptOutcomes(daemon.receiveText());
+        }
+        return answer;
     } catch (std::exception const&) {
         return Answer::unreachable;
     }

@@ -2,11 +2,13 @@
 //
 // A request (host byte order): offset 0, signed 32-bit request code; offset 4, signed 32-bit length of the path
 // including its NUL; offset 8, the path and its NUL. It goes to the daemon's Unix socket as it is, and the daemon
-// answers with one signed 32-bit DatabaseDaemon::Answer.
+// answers with one signed 32-bit DatabaseDaemon::Answer. Behind the answer "accepted" to RequestCode::outcomes comes a
+// signed 32-bit length and so many bytes of text (ScriptOutcomes.h).
 #pragma once
 
 #include "foundation/Buffer.h"
 #include "foundation/Export.h"
+#include "foundation/database/ScriptOutcomes.h"
 
 #include <chrono>
 #include <cstddef>
@@ -22,6 +24,7 @@ namespace Vellum::DatabaseDaemon {
 
 enum class RequestCode : std::int32_t {
     isSettled = 0, // runs nothing: accepted when every script that was accepted is done; the path is "/"
+    outcomes = 1,  // runs nothing: what became of the last scripts; the path is "/"
     greylistScript = 4,
     reputationScript = 5,
     endpointScript = 9,
@@ -41,8 +44,9 @@ enum class Answer : std::int32_t {
 // "accepted", "the script is unreadable", ... for messages.
 char const* text(Answer answer);
 
-inline constexpr std::size_t headerSize = 8;     // bytes before the path
-inline constexpr std::size_t longestPath = 4096; // bytes, the NUL included
+inline constexpr std::size_t headerSize = 8;      // bytes before the path
+inline constexpr std::size_t longestPath = 4096;  // bytes, the NUL included
+inline constexpr std::size_t longestText = 65536; // bytes behind an answer; more is no answer of the daemon's
 inline char const* const defaultSocketPath = "/run/vellum/dbd.sock";
 
 // Where the daemon listens and how long to wait for it; for the whole process, thread-safe.
@@ -58,5 +62,8 @@ int requestScript(RequestCode code, std::string const& path);
 // Whether the tables hold every script that the daemon has accepted; whoever loads them before that loads the past, and
 // the next backup would make it the present. Answers accepted, notSettled, or unreachable. Never throws.
 Answer askWhetherSettled();
+// What became of the last scripts of each code that the daemon has accepted. Answers accepted, unreachable, or what
+// else the daemon says, and then leaves `outcomes` alone. Never throws.
+Answer askForOutcomes(ScriptOutcomes& outcomes);
 
 } // namespace Vellum::DatabaseDaemon

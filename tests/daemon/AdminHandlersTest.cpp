@@ -130,7 +130,8 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
                                  "/etc/vellum/vellumd.toml",
                                  {"127.0.0.1:10023"},
                                  {{"defer", "new", 7}, {"pass", "known", 9}},
-                                 {true, now - 5, ""}};
+                                 {true, now - 5, ""},
+                                 {{4, {.ran = {{17, now - 3650}}, .refused = {{18, now - 49, "no such column"}}}}}};
     GreyList::LoadReport::setTuples({true, true, 17, ""});
     GreyList::LoadReport::setExemptions({true, false, 0, "row 3 of autoexempt"});
     GreyList::BackupReport::set({{true, true, now - 50, 40, 1, 1500, ""}, 16, 2});
@@ -171,7 +172,9 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
                         {"exemptions", 2},
                         {"left_out", 1},
                         {"bytes", 1500},
-                        {"problem", ""}}}}},
+                        {"problem", ""}}},
+                      {"ran", {{"script", 17}, {"accepted", now - 3650}}},
+                      {"refused", {{"script", 18}, {"time", now - 49}, {"reason", "no such column"}}}}},
                     {"database", {{"reachable", true}, {"as_of", now - 5}, {"problem", ""}}},
                     {"decisions",
                      {{{"action", "defer"}, {"reason", "new"}, {"count", 7}},
@@ -290,6 +293,7 @@ TEST_F(AdminHandlers, StatusTellsOfEndpoints) {
     MMSReputation::LoadReport::set(loads);
     MMSReputation::BackupReport::set({{true, false, 1000, 40, 1, 1500, "no answer"}, 10, 110});
     m_services.endpointsGate = {false, "row 3 of mms_reputation"};
+    m_services.answeredStatus.scripts[9].refused = {20, 1500, "out of range"};
     add(1);
     EXPECT_EQ(ask(IPC::PduType::adminStatus).at("endpoints"),
               json({{"entries",
@@ -311,7 +315,9 @@ TEST_F(AdminHandlers, StatusTellsOfEndpoints) {
                         {"subscribers", 10},
                         {"left_out", 1},
                         {"bytes", 1500},
-                        {"problem", "no answer"}}}}}}));
+                        {"problem", "no answer"}}},
+                      {"ran", nullptr},
+                      {"refused", {{"script", 20}, {"time", 1500}, {"reason", "out of range"}}}}}}));
 }
 
 TEST_F(AdminHandlers, AcceptEmptyOfEndpointsIsItsOwn) {
@@ -360,6 +366,7 @@ TEST_F(AdminHandlers, StatusTellsOfSenderReputation) {
     m_services.reputationsGate = {false, "row 3 of sender_reputation"};
     Reputation::BackupReport::set({{true, false, 1000, 40, 1, 1500, "no answer"}, 120, 10});
     (**Reputation::RefCache::instance()).find(IPAddress(std::string("192.0.2.1")));
+    m_services.answeredStatus.scripts[5].ran = {19, 900};
     EXPECT_EQ(
         ask(IPC::PduType::adminStatus).at("reputation"),
         json({{"entries",
@@ -378,7 +385,9 @@ TEST_F(AdminHandlers, StatusTellsOfSenderReputation) {
                   {"addresses", 10},
                   {"left_out", 1},
                   {"bytes", 1500},
-                  {"problem", "no answer"}}}}}}));
+                  {"problem", "no answer"}}},
+                {"ran", {{"script", 19}, {"accepted", 900}}},
+                {"refused", nullptr}}}}));
 }
 
 TEST_F(AdminHandlers, ScriptOfSenderReputationIsTold) {

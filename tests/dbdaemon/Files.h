@@ -26,12 +26,12 @@ inline FileDescriptor opened(std::string const& path) {
     return FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-// Sorted, the journal's lock and its directory of failures left out.
+// Sorted, and only what a journal holds of scripts: without its lock, its outcomes and its directory of failures.
 inline std::vector<std::string> namesIn(std::string const& directory) {
     std::vector<std::string> names;
     for (auto const& entry : std::filesystem::directory_iterator(directory)) {
         std::string const name = entry.path().filename().string();
-        if (name != "lock" && name != "failed") {
+        if (name != "lock" && name != "outcomes" && name != "failed") {
             names.push_back(name);
         }
     }

@@ -6,6 +6,8 @@
 #include "foundation/Exception.h"
 
 #include <csignal>
+#include <ctime>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optional>
@@ -37,6 +39,14 @@ class JournalTest : public testing::Test {
     }
     Journal::Entry accept(std::int32_t code, std::string const& text) {
         return journal().accept(code, opened(script(text)).get());
+    }
+    void run(Journal::Entry const& entry) {
+        ASSERT_TRUE(journal().begin(entry));
+        journal().finish(entry);
+    }
+    void refuse(Journal::Entry const& entry, std::string const& reason) {
+        ASSERT_TRUE(journal().begin(entry));
+        journal().fail(entry, reason);
     }
     std::vector<std::uint64_t> waiting() {
         std::vector<std::uint64_t> numbers;
@@ -143,7 +153,7 @@ TEST_F(JournalTest, NumberWrittenInAnotherWayIsNoEntry) {
 TEST_F(JournalTest, NumbersGoOnBehindFailures) {
     Journal::Entry const entry = accept(4, "bad");
     journal().begin(entry);
-    journal().fail(entry);
+    journal().fail(entry, "it is no SQL");
     reopen();
     EXPECT_EQ(accept(4, "next").number, 2U);
 }
@@ -233,7 +243,7 @@ TEST_F(JournalTest, RefusedScriptThatCannotBeMovedGoesWithTheNextOne) {
     Journal::Entry const first = accept(4, "first");
     ASSERT_TRUE(journal().begin(first));
     makeUnmovable(path(), "0000000000000001-4.sql");
-    EXPECT_THAT(failureOf([&] { journal().fail(first); }), HasSubstr("renaming " + first.path));
+    EXPECT_THAT(failureOf([&] { journal().fail(first, "it is no SQL"); }), HasSubstr("renaming " + first.path));
     journal().giveBack(first);
     EXPECT_THAT(waiting(), IsEmpty()) << "it was refused for good";
     EXPECT_THAT(namesIn(path()), ElementsAre("0000000000000001-4.sql"));
@@ -249,7 +259,7 @@ TEST_F(JournalTest, RefusedScriptThatCannotBeMovedIsTriedAgainAfterARestartUnles
     Journal::Entry const first = accept(4, "first");
     ASSERT_TRUE(journal().begin(first));
     makeUnmovable(path(), "0000000000000001-4.sql");
-    EXPECT_NE(failureOf([&] { journal().fail(first); }), "none");
+    EXPECT_NE(failureOf([&] { journal().fail(first, "it is no SQL"); }), "none");
     reopen();
     EXPECT_THAT(waiting(), ElementsAre(1));
     accept(4, "second");
@@ -260,7 +270,7 @@ TEST_F(JournalTest, RefusedScriptThatCanNeitherBeMovedNorRemovedNeverOutlivesANe
     Journal::Entry const first = accept(4, "first");
     ASSERT_TRUE(journal().begin(first));
     makeUnmovable(path(), "0000000000000001-4.sql");
-    EXPECT_NE(failureOf([&] { journal().fail(first); }), "none");
+    EXPECT_NE(failureOf([&] { journal().fail(first, "it is no SQL"); }), "none");
     makeUnremovable(first.path);
     Journal::Entry const second = accept(4, "second");
     ASSERT_TRUE(journal().begin(second));
@@ -270,6 +280,81 @@ TEST_F(JournalTest, RefusedScriptThatCanNeitherBeMovedNorRemovedNeverOutlivesANe
     writeFile(first.path, "first");
     reopen();
     EXPECT_THAT(waiting(), ElementsAre(2));
+}
+
+TEST_F(JournalTest, TellsWhatBecameOfTheLastScriptOfEachCode) {
+    EXPECT_EQ(journal().outcomes(), ScriptOutcomes{});
+    long const begin = std::time(nullptr);
+    run(accept(4, "first"));
+    accept(4, "waits");
+    refuse(accept(5, "bad"), "no such column");
+    ScriptOutcomes const told = journal().outcomes();
+    ASSERT_EQ(told.size(), 2U);
+    EXPECT_EQ(told.at(4).ran->number, 1U);
+    EXPECT_GE(told.at(4).ran->acceptedAt, begin);
+    EXPECT_LE(told.at(4).ran->acceptedAt, std::time(nullptr));
+    EXPECT_EQ(told.at(4).refused, std::nullopt);
+    EXPECT_EQ(told.at(5).ran, std::nullopt);
+    EXPECT_EQ(told.at(5).refused->number, 3U);
+    EXPECT_GE(told.at(5).refused->time, begin);
+    EXPECT_EQ(told.at(5).refused->reason, "no such column");
+}
+
+TEST_F(JournalTest, RefusalIsToldUntilANewerScriptIsRunAlsoAfterARestart) {
+    run(accept(4, "first"));
+    ScriptOutcome::Run const first = *journal().outcomes().at(4).ran;
+    refuse(accept(4, "second"), "it says\n\"no\"");
+    reopen();
+    ScriptOutcome const told = journal().outcomes().at(4);
+    EXPECT_EQ(told.ran, first) << "the tables hold it still";
+    ASSERT_TRUE(told.refused);
+    EXPECT_EQ(told.refused->number, 2U);
+    EXPECT_EQ(told.refused->reason, "it says\\n\"no\"");
+    refuse(accept(4, "third"), "it says no again");
+    EXPECT_EQ(journal().outcomes().at(4).refused->number, 3U);
+    EXPECT_EQ(journal().outcomes().at(4).ran, first);
+    accept(4, "fourth");
+    EXPECT_EQ(journal().outcomes().at(4).refused->number, 3U) << "only accepted";
+    run(journal().waiting().at(0));
+    EXPECT_EQ(journal().outcomes().at(4).refused, std::nullopt);
+    EXPECT_EQ(journal().outcomes().at(4).ran->number, 4U);
+    ScriptOutcomes const before = journal().outcomes();
+    reopen();
+    EXPECT_EQ(journal().outcomes(), before);
+}
+
+TEST_F(JournalTest, ScriptCountsAsAcceptedWhenItsFileWasMadeAlsoAfterARestart) {
+    Journal::Entry const entry = accept(4, "waits long");
+    timespec const times[2] = {{1700000000, 0}, {1700000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, entry.path.c_str(), times, 0), 0);
+    reopen();
+    run(journal().waiting().at(0));
+    EXPECT_EQ(journal().outcomes().at(4).ran->acceptedAt, 1700000000);
+}
+
+TEST_F(JournalTest, OfALongReasonTheBeginningIsKept) {
+    refuse(accept(4, "bad"), std::string(100000, 'x'));
+    EXPECT_EQ(journal().outcomes().at(4).refused->reason, std::string(Journal::longestReason, 'x'));
+}
+
+TEST_F(JournalTest, OutcomeThatCannotBeKeptIsToldUntilARestartAndHoldsNothingUp) {
+    std::filesystem::create_directories(path() + "/outcomes/inside");
+    refuse(accept(4, "bad"), "no such column");
+    run(accept(5, "good"));
+    EXPECT_EQ(journal().outcomes().at(4).refused->reason, "no such column");
+    EXPECT_EQ(journal().outcomes().at(5).ran->number, 2U);
+    EXPECT_THAT(namesIn(path()), IsEmpty());
+    EXPECT_THAT(m_log.notes(), ElementsAre(HasSubstr("what became of script 1 would not be known after a restart: "),
+                                           HasSubstr("what became of script 2 would not be known after a restart: ")));
+}
+
+TEST_F(JournalTest, OutcomesThatACrashLeftHalfWrittenGoAndDamagedOnesArePassedOver) {
+    run(accept(4, "first"));
+    writeFile(path() + "/.outcomes.aB3dE6", "4 ran 1");
+    writeFile(path() + "/outcomes", "no line of ours\n5 ran 7 1700000000\n4 ran");
+    reopen();
+    EXPECT_THAT(namesIn(path()), IsEmpty());
+    EXPECT_EQ(journal().outcomes(), (ScriptOutcomes{{5, {.ran = {{7, 1700000000}}, .refused = {}}}}));
 }
 
 TEST_F(JournalTest, ScriptThatDidNotArriveSupersedesNothing) {
@@ -287,7 +372,7 @@ TEST_F(JournalTest, LastFailuresOfEachCodeAreKept) {
         for (std::int32_t const code : {4, 9}) {
             Journal::Entry const entry = accept(code, "bad " + std::to_string(i));
             journal().begin(entry);
-            journal().fail(entry);
+            journal().fail(entry, "it is no SQL");
         }
     }
     EXPECT_THAT(namesIn(path()), IsEmpty());

@@ -36,6 +36,15 @@ class RawClient {
         [[maybe_unused]] ssize_t const ignored = ::send(m_socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
     void closeSending() { shutdown(m_socket.get(), SHUT_WR); }
+    // All that comes until the connection ends.
+    std::string rest() {
+        std::string all;
+        char piece[4096];
+        for (ssize_t got = 0; (got = recv(m_socket.get(), piece, sizeof piece, 0)) > 0;) {
+            all.append(piece, static_cast<std::size_t>(got));
+        }
+        return all;
+    }
     // The answer; nothing when the connection is closed without one.
     std::optional<Answer> answer() {
         std::int32_t number = 0;
@@ -74,7 +83,7 @@ class RequestServerTest : public testing::Test {
 
     TemporaryDirectory m_directory;
     RequestServer::Options m_options;
-    std::function<Answer(ScriptRequest const&)> m_answering = [](ScriptRequest const& request) {
+    std::function<RequestServer::Reply(ScriptRequest const&)> m_answering = [](ScriptRequest const& request) {
         return request.path == "/yes" ? Answer::accepted : Answer::scriptUnreadable;
     };
     std::optional<RequestServer> m_server;
@@ -92,6 +101,20 @@ TEST_F(RequestServerTest, ConnectionEndsAfterTheAnswer) {
     asking.send(requestFor("/yes"));
     EXPECT_EQ(asking.answer(), Answer::accepted);
     EXPECT_EQ(asking.answer(), std::nullopt);
+}
+
+TEST_F(RequestServerTest, TextComesBehindItsAnswerAndItsLength) {
+    std::string const large(3000000, 'x'); // more than a socket takes at once
+    m_answering = [&](ScriptRequest const& request) {
+        return RequestServer::Reply(Answer::accepted, request.path == "/large" ? large : "4 ran\n");
+    };
+    start();
+    RawClient asking = client();
+    asking.send(requestFor("/small"));
+    EXPECT_EQ(asking.rest(), std::string("\0\0\0\0\6\0\0\0", 8) + "4 ran\n");
+    RawClient patient = client();
+    patient.send(requestFor("/large"));
+    EXPECT_EQ(patient.rest().substr(8), large);
 }
 
 TEST_F(RequestServerTest, BytesMayComeOneByOne) {

@@ -115,7 +115,7 @@ TEST_F(ServiceTest, EveryRequestCodeIsServed) {
 
 TEST_F(ServiceTest, UnknownCodesAreRefused) {
     start();
-    for (int const code : {1, 3, 6, 10, -4}) {
+    for (int const code : {2, 3, 6, 10, -4}) {
         EXPECT_EQ(requestScript(static_cast<RequestCode>(code), script("commit;")), int(Answer::unknownCode)) << code;
     }
     EXPECT_THAT(journal(), IsEmpty());
@@ -250,6 +250,37 @@ TEST_F(ServiceTest, SaysWhetherEverythingAcceptedIsDone) {
     waitUntilIdle();
     EXPECT_EQ(askWhetherSettled(), Answer::accepted);
     EXPECT_EQ(stateOfTables(rows), "1");
+}
+
+TEST_F(ServiceTest, TellsWhatBecameOfScriptsAlsoAfterARestart) {
+    ScriptOutcomes told{{77, {}}};
+    EXPECT_EQ(askForOutcomes(told), Answer::unreachable) << "no daemon yet";
+    EXPECT_EQ(told.size(), 1U) << "left alone";
+    start();
+    EXPECT_EQ(askForOutcomes(told), Answer::accepted);
+    EXPECT_EQ(told, ScriptOutcomes{});
+    EXPECT_EQ(ask(replacingScript("1", rows)), 0);
+    waitUntilIdle();
+    EXPECT_EQ(ask("INSERT INTO grey_list VALUES\n(1);\n"), 0);
+    waitUntilIdle();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(askForOutcomes(told), Answer::accepted);
+        ASSERT_TRUE(told[4].ran && told[4].refused);
+        EXPECT_EQ(told[4].ran->number, 1U);
+        EXPECT_EQ(told[4].refused->number, 2U);
+        EXPECT_THAT(told[4].refused->reason, HasSubstr("Column count doesn't match value count at row 1"));
+        stop();
+        start();
+    }
+    server().kill();
+    EXPECT_EQ(ask(replacingScript("2", rows)), 0);
+    EXPECT_EQ(askForOutcomes(told), Answer::accepted);
+    EXPECT_TRUE(told[4].refused) << "only accepted";
+    server().start();
+    waitUntilIdle();
+    EXPECT_EQ(askForOutcomes(told), Answer::accepted);
+    EXPECT_FALSE(told[4].refused);
+    EXPECT_EQ(stateOfTables(rows), "2");
 }
 
 TEST_F(ServiceTest, WrongPasswordIsTroubleAndLosesNoScript) {

@@ -158,6 +158,7 @@ class NarrowestModes(unittest.TestCase):
             "journal": "drwx------ daemon",
             "journal/failed": "drwx------ daemon",
             "journal/lock": "-rw------- daemon",
+            "journal/outcomes": "-rw------- daemon",
             "run/dbd.sock": "srw-rw---- daemon",
             "run/milter.sock": "srw------- daemon",
             "run/policy.sock": "srw------- daemon",

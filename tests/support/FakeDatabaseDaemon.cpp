@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Vellum {
 namespace {
@@ -80,12 +81,19 @@ void FakeDatabaseDaemon::converse(int client) {
     if (onRequest) {
         onRequest(request);
     }
+    std::int32_t const number = answer;
+    std::string says(reinterpret_cast<char const*>(&number), sizeof number);
     {
         std::lock_guard const holding(m_lock);
         m_requests.push_back(request);
+        says += m_behind;
     }
-    std::int32_t const says = answer;
-    static_cast<void>(send(client, &says, sizeof says, MSG_NOSIGNAL));
+    static_cast<void>(send(client, says.data(), says.size(), MSG_NOSIGNAL));
+}
+
+void FakeDatabaseDaemon::answerWith(std::string behind) {
+    std::lock_guard const holding(m_lock);
+    m_behind = std::move(behind);
 }
 
 std::vector<std::string> FakeDatabaseDaemon::requests() const {

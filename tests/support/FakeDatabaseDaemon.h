@@ -26,6 +26,9 @@ class FakeDatabaseDaemon {
     // What is answered from now on.
     std::atomic<std::int32_t> answer;
 
+    // The bytes behind each answer from now on; none unless told.
+    void answerWith(std::string behind);
+
     std::vector<std::string> requests() const; // their bytes, in the order of arrival
 
   private:
@@ -36,7 +39,8 @@ class FakeDatabaseDaemon {
     int m_listener;
     int m_wake[2]; // a pipe; its writing end is closed to end the thread
     mutable std::mutex m_lock;
-    std::vector<std::string> m_requests; // under m_lock
+    std::vector<std::string> m_requests; // under m_lock, as is the next
+    std::string m_behind;
     std::thread m_thread;
 };
 

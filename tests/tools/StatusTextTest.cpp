@@ -82,6 +82,31 @@ TEST_F(StatusText, WhatIsWrongStandsOut) {
                                     "Database     NOT REACHABLE, as of 2026-11-21 10:04 (now): Connection refused\n");
 }
 
+TEST_F(StatusText, AScriptThatWasRefusedStandsOutBesideTheBackupThatWasAccepted) {
+    Json ill = status();
+    Json const refused = {{"script", 18}, {"time", now - 60}, {"reason", "Unknown column\n'x'"}};
+    ill["backup"]["ran"] = {{"script", 17}, {"accepted", now - 3600}};
+    ill["backup"]["refused"] = refused;
+    ill["reputation"]["backup"] = {{"allowed", true}, {"last", nullptr}, {"ran", nullptr}, {"refused", refused}};
+    std::string const text = statusText(ill, now);
+    EXPECT_NE(text.find("Last backup  2026-11-21 10:01 (3 min ago): 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
+                        "             THE LAST SCRIPT WAS REFUSED, 2026-11-21 10:03 (1 min ago): Unknown "
+                        "column\\n'x'\n"
+                        "             the tables hold the backup of 2026-11-21 09:04 (1 h ago)\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("             last backup none since the start\n"
+                        "             THE LAST SCRIPT WAS REFUSED, 2026-11-21 10:03 (1 min ago): Unknown "
+                        "column\\n'x'\n"
+                        "             the tables hold what was saved before it\n"),
+              std::string::npos)
+        << text;
+    ill["backup"]["refused"] = nullptr;
+    ill["reputation"]["backup"]["refused"] = nullptr;
+    EXPECT_EQ(statusText(ill, now).find("REFUSED"), std::string::npos);
+    EXPECT_EQ(statusText(ill, now).find("the tables hold"), std::string::npos);
+}
+
 TEST_F(StatusText, WhatADaemonDoesNotTellIsLeftOut) {
     EXPECT_EQ(statusText(Json::object(), now), "Daemon       -, process 0, up 0 s (since 1970-01-01 00:00)\n"
                                                "Settings     -\n"

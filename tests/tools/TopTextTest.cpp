@@ -104,6 +104,18 @@ TEST_F(TopText, TheFirstPageShowsAveragesSinceTheStart) {
               "blocked senders 5, blacklisted subscribers 2 by score and 4 by an administrator, exempt 1\n");
 }
 
+TEST_F(TopText, ABackupThatWasRefusedStandsOut) {
+    Json refused = metricsAfter(0);
+    refused["metrics"]["vellum_backup_refused"] =
+        many({sample(of("family", "endpoint"), 1), sample(of("family", "greylist"), 1)});
+    std::string const text = topText(refused, nullptr);
+    EXPECT_NE(text.find("BACKUP                        LAST GOOD      TOOK  GOOD  FAILED\n"
+                        "endpoint            none, NEWER REFUSED         -     -       -\n"
+                        "greylist  10 min 0 s ago, NEWER REFUSED  340.0 ms     2       1\n"),
+              std::string::npos)
+        << text;
+}
+
 TEST_F(TopText, LaterPagesShowTheRatesOfTheLastInterval) {
     Json const before = metricsAfter(0);
     Json later = metricsAfter(100);

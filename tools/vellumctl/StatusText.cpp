@@ -113,9 +113,23 @@ std::string databaseText(Json const& database, std::int64_t now) {
     return flag(reachable) ? "reachable" + when : "NOT REACHABLE" + when + ": " + text(part(database, "problem"));
 }
 
+// What became of scripts after they were accepted: only what is wrong.
+void addRefusal(Lines& lines, std::string const& label, Json const& backup, std::int64_t now) {
+    Json const& refused = part(backup, "refused");
+    if (refused.is_null()) {
+        return;
+    }
+    lines.add(label, "THE LAST SCRIPT WAS REFUSED, " + timeText(whole(part(refused, "time")), now) + ": " +
+                         text(part(refused, "reason")));
+    Json const& ran = part(backup, "ran");
+    lines.add(label, ran.is_null() ? "the tables hold what was saved before it"
+                                   : "the tables hold the backup of " + timeText(whole(part(ran, "accepted")), now));
+}
+
 void addBackup(Lines& lines, std::string const& label, Json const& backup, std::int64_t now) {
     lines.add(label, flag(part(backup, "allowed")) ? "backups on" : "BACKUPS OFF: " + text(part(backup, "reason")));
     lines.add(label, "last backup " + lastBackupText(part(backup, "last"), now));
+    addRefusal(lines, label, backup, now);
 }
 
 void addDecisions(Lines& lines, Json const& decisions) {
@@ -140,6 +154,7 @@ std::string statusText(Json const& status, std::int64_t now) {
     lines.add("Exemptions", cacheText(part(greylist, "exemptions")));
     lines.add("Backups", flag(part(backup, "allowed")) ? "on" : "OFF: " + text(part(backup, "reason")));
     lines.add("Last backup", lastBackupText(part(backup, "last"), now));
+    addRefusal(lines, "Last backup", backup, now);
     if (Json const& reputation = part(status, "reputation"); !reputation.is_null()) {
         lines.add("Reputation", cacheText(part(reputation, "entries")));
         addBackup(lines, "Reputation", part(reputation, "backup"), now);

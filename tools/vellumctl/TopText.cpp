@@ -213,14 +213,17 @@ class Frame {
             good["outcome"] = "success";
             Json failed = of;
             failed["outcome"] = "failure";
-            bool const any = m_now.value("vellum_backup_last_success_timestamp_seconds", of).has_value();
             auto const took = m_now.value("vellum_backup_last_duration_seconds", of);
-            rows.add({label(sample, "family"),
-                      any ? durationText(static_cast<std::int64_t>(sample.at("value").get<double>())) + " ago" : "none",
-                      took ? shortDuration(*took) : "-", count("vellum_backups_total", good),
-                      count("vellum_backups_total", failed)});
+            rows.add({label(sample, "family"), lastGood(of), took ? shortDuration(*took) : "-",
+                      count("vellum_backups_total", good), count("vellum_backups_total", failed)});
         }
         return rows.text(1);
+    }
+    std::string lastGood(Json const& family) const {
+        auto const when = m_now.value("vellum_backup_last_success_timestamp_seconds", family);
+        bool const refused = m_now.value("vellum_backup_refused", family).value_or(0) != 0;
+        return (when ? durationText(static_cast<std::int64_t>(m_now.time() - *when)) + " ago" : "none") +
+               (refused ? ", NEWER REFUSED" : "");
     }
     std::string families() const {
         return "blocked senders " + count("vellum_blocked_senders") + ", blacklisted subscribers " +
