@@ -1,6 +1,6 @@
 #include "daemon/EndpointSettings.h"
 
-#include "daemon/Settings.h"
+#include "tests/daemon/SettingsRefusal.h"
 
 #include <gtest/gtest.h>
 
@@ -8,16 +8,11 @@ namespace Vellum::Daemon {
 namespace {
 
 EndpointSettings parse(std::string const& lines) {
-    return Settings::parse("[endpoint]\n" + lines, "/etc/vellum/v.toml").endpoint;
+    return settingsOf("endpoint", lines).endpoint;
 }
 
 std::string errorOf(std::string const& lines) {
-    try {
-        parse(lines);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { parse(lines); });
 }
 
 void expectDefaults(EndpointSettings const& settings) {

@@ -1,6 +1,7 @@
 #include "daemon/ExemptRules.h"
 
 #include "foundation/Settings.h"
+#include "tests/daemon/SettingsRefusal.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -16,12 +17,7 @@ GreyList::RefExemptRuleSet parse(std::string const& text, std::uint32_t most = 1
 }
 
 std::string errorOf(std::string const& text, std::uint32_t most = 100) {
-    try {
-        parse(text, most);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { parse(text, most); });
 }
 
 // The id of the rule that matches, 0 when none does.
@@ -137,13 +133,9 @@ TEST(ExemptRules, TheyAreReadFromAFile) {
     std::ofstream(path) << "[[rule]]\nid = 5\nsender = \"a@b.example\"\n";
     EXPECT_EQ(match(loadExemptRules(path, 1), "a@b.example", "", "192.0.2.1"), 5U);
     std::ofstream(path) << "[[rule]]\nid = 5\n";
-    try {
-        loadExemptRules(path, 1);
-        FAIL() << "no error";
-    } catch (SettingsError const& error) {
-        EXPECT_EQ(error.message(), path + ":1: [rule] rule 5 has no condition: expected at least one of sender, "
-                                          "recipient, client, reverse_dns");
-    }
+    EXPECT_EQ(
+        refusalOf([&] { loadExemptRules(path, 1); }),
+        path + ":1: [rule] rule 5 has no condition: expected at least one of sender, recipient, client, reverse_dns");
     EXPECT_THROW(loadExemptRules(directory.path() + "/missing.toml", 1), SettingsError);
 }
 

@@ -1,7 +1,7 @@
 #include "daemon/HighAvailability.h"
 
 #include "daemon/EndpointConfiguration.h"
-#include "daemon/Settings.h"
+#include "tests/daemon/SettingsRefusal.h"
 #include "tests/support/CapturingLogger.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -18,16 +18,11 @@ using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
 HighAvailabilitySettings parse(std::string const& lines) {
-    return Settings::parse("[high_availability]\n" + lines, "/etc/vellum/v.toml").highAvailability;
+    return settingsOf("high_availability", lines).highAvailability;
 }
 
 std::string errorOf(std::string const& lines) {
-    try {
-        parse(lines);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { parse(lines); });
 }
 
 TEST(HighAvailabilitySettings, EmptySectionAndExampleMeanTheDefaults) {

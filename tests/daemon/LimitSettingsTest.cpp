@@ -1,6 +1,6 @@
 #include "daemon/LimitSettings.h"
 
-#include "daemon/Settings.h"
+#include "tests/daemon/SettingsRefusal.h"
 
 #include <gtest/gtest.h>
 
@@ -14,12 +14,7 @@ Settings parse(std::string const& text) {
 }
 
 std::string errorOf(std::string const& text) {
-    try {
-        parse(text);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { parse(text); });
 }
 
 void expectDefaults(Settings const& settings) {

@@ -1,6 +1,6 @@
 #include "daemon/MetricsSettings.h"
 
-#include "daemon/Settings.h"
+#include "tests/daemon/SettingsRefusal.h"
 
 #include <gtest/gtest.h>
 
@@ -8,16 +8,11 @@ namespace Vellum::Daemon {
 namespace {
 
 MetricsSettings parse(std::string const& lines) {
-    return Settings::parse("[metrics]\n" + lines, "/etc/vellum/v.toml").metrics;
+    return settingsOf("metrics", lines).metrics;
 }
 
 std::string errorOf(std::string const& lines) {
-    try {
-        parse(lines);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { parse(lines); });
 }
 
 TEST(MetricsSettings, NothingIsServedUnlessTheSettingsSayWhere) {

@@ -1,6 +1,6 @@
 #include "daemon/MilterSettings.h"
 
-#include "daemon/Settings.h"
+#include "tests/daemon/SettingsRefusal.h"
 
 #include <gtest/gtest.h>
 
@@ -11,16 +11,11 @@ namespace Vellum::Daemon {
 namespace {
 
 MilterSettings milter(std::string const& section) {
-    return Settings::parse("[milter]\n" + section, "/etc/vellum/v.toml").milter;
+    return settingsOf("milter", section).milter;
 }
 
 std::string errorOf(std::string const& section) {
-    try {
-        milter(section);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { milter(section); });
 }
 
 // The verdict on one header.

@@ -1,6 +1,7 @@
 #include "daemon/Settings.h"
 
 #include "foundation/database/DatabaseDaemon.h"
+#include "tests/daemon/SettingsRefusal.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -19,12 +20,7 @@ Settings parse(std::string const& text) {
 }
 
 std::string errorOf(std::string const& text) {
-    try {
-        parse(text);
-    } catch (SettingsError const& error) {
-        return error.message();
-    }
-    return "no error";
+    return refusalOf([&] { parse(text); });
 }
 
 // Every value, one in a line.
@@ -249,12 +245,7 @@ TEST(Settings, MistakesAreToldWithFileLineKeyValueAndWhatIsAllowed) {
 TEST(Settings, AFileThatIsMissingOrNoTomlIsToldSo) {
     TemporaryDirectory const directory;
     std::string const path = directory.path() + "/v.toml";
-    try {
-        Settings::load(path);
-        FAIL();
-    } catch (SettingsError const& error) {
-        EXPECT_EQ(error.message(), path + ": cannot be read: No such file or directory");
-    }
+    EXPECT_EQ(refusalOf([&] { Settings::load(path); }), path + ": cannot be read: No such file or directory");
     EXPECT_EQ(errorOf("[log\n").substr(0, 21), "/etc/vellum/v.toml:1:");
 }
 

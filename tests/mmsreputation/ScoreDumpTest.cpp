@@ -1,19 +1,18 @@
 #include "mmsreputation/ScoreDump.h"
 
 #include "mmsreputation/MMSReputationDisplay.h"
+#include "tests/support/ConcurrentChange.h"
 #include "tests/support/LoadedEndpoints.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace Vellum::MMSReputation {
@@ -31,22 +30,14 @@ class EndpointScoreDump : public testing::Test, public LoadedEndpoints {
     // Runs `change` on a thread at the moment in which a copy holds its locks; answers whether it was done before the
     // copy was. `waits` tells that it waits.
     bool doneBeforeTheCopy(std::function<bool()> const& waits, std::function<void()> const& change) {
-        std::atomic<bool> done{false};
+        ConcurrentChange changing(waits, change);
         bool seen = false;
-        std::thread changing;
         m_configuration->onWindowSize = [&] { // the copy asks for the slice of now
-            changing = std::thread([&] {
-                change();
-                done = true;
-            });
-            while (!done && !waits()) {
-                std::this_thread::yield();
-            }
-            seen = done;
+            changing.begin();
+            seen = changing.isDone();
         };
         ScoreSnapshot const copy(*m_cache);
         m_configuration->onWindowSize = {};
-        changing.join();
         return seen;
     }
     // What a dump in that directory is refused with.

@@ -1,13 +1,12 @@
 // What may go on beside a listing, and what waits for its end.
 #pragma once
 
+#include "tests/support/ConcurrentChange.h"
 #include "tests/support/ScriptedSocket.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
-#include <thread>
 
 namespace Vellum {
 
@@ -15,24 +14,15 @@ namespace Vellum {
 // tells that the change waits for a lock; where it never does, the change must come to its end beside the listing.
 inline bool doneBeforeTheEnd(ScriptedClient& client, std::function<bool()> const& waits,
                              std::function<void()> const& change, std::function<int(ScriptedClient&)> const& listing) {
-    std::atomic<bool> done{false};
+    ConcurrentChange changing(waits, change);
     bool seen = false;
-    std::thread changing;
     client.socket.onSend = [&](std::uint32_t) {
-        if (!changing.joinable()) {
-            changing = std::thread([&] {
-                change();
-                done = true;
-            });
-            while (!done && !waits()) {
-                std::this_thread::yield();
-            }
-        }
-        seen = done;
+        changing.begin();
+        seen = changing.isDone();
     };
     EXPECT_EQ(listing(client), 0);
     changing.join();
-    EXPECT_TRUE(done);
+    EXPECT_TRUE(changing.isDone());
     return seen;
 }
 

@@ -48,6 +48,28 @@ class StatusText : public testing::Test {
                  {{{"action", "defer"}, {"reason", "new"}, {"count", 1234}},
                   {{"action", "pass"}, {"reason", "known"}, {"count", 99999}}}}};
     }
+    // A backup of the greylist and of another family.
+    static void expectBackupTold(char const* family, Json const& report, std::string const& told) {
+        Json answer = status()["backup"]["last"];
+        answer[family] = report;
+        EXPECT_EQ(acceptedBackupText(answer),
+                  "accepted by the database daemon: 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
+                  "accepted by the database daemon: " +
+                      told + "\n");
+    }
+    // A restore of a family's script with 120 rows, over 130 in the tables and 14 entries in memory.
+    static void expectRestoreTold(char const* rows, char const* entries, std::string const& preview,
+                                  std::string const& loaded) {
+        std::string const text = previewText({{"path", "/f.sql"},
+                                              {"script", {{rows, 120}, {"tuples", 0}, {"complete", true}}},
+                                              {"tables", {{rows, 130}}},
+                                              {"caches", {{entries, 14}}}},
+                                             now);
+        EXPECT_NE(text.find(preview), std::string::npos) << text;
+        EXPECT_EQ(text.find("tuples"), std::string::npos) << text;
+        EXPECT_EQ(restoredText({{"loaded", {{"tuples", 0}, {"exemptions", 0}, {rows, 120}}}, {"milliseconds", 7}}),
+                  "restored: " + loaded + " loaded in 7 ms\n");
+    }
 };
 
 TEST_F(StatusText, AHealthyDaemonAtAGlance) {
@@ -241,47 +263,25 @@ TEST_F(StatusText, EndpointsHaveLinesOfTheirOwn) {
 }
 
 TEST_F(StatusText, BackupAndRestoreTellOfEndpoints) {
-    Json answer = status()["backup"]["last"];
-    answer["endpoints"] = {{"accepted", true}, {"slices", 2}, {"subscribers", 1}, {"bytes", 300}, {"milliseconds", 4}};
-    EXPECT_EQ(acceptedBackupText(answer),
-              "accepted by the database daemon: 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
-              "accepted by the database daemon: 2 slices of 1 subscriber, 300 bytes in 4 ms\n");
-    Json const preview = {{"path", "/e.sql"},
-                          {"script", {{"slices", 120}, {"tuples", 0}, {"complete", true}}},
-                          {"tables", {{"slices", 130}}},
-                          {"caches", {{"subscribers", 14}}}};
-    std::string const text = previewText(preview, now);
-    EXPECT_NE(text.find("             120 slices of endpoints\n"
-                        "Replaces     130 slices in the tables\n"
-                        "             14 subscribers in the daemon's memory\n"),
-              std::string::npos)
-        << text;
-    EXPECT_EQ(text.find("tuples"), std::string::npos) << text;
-    EXPECT_EQ(restoredText({{"loaded", {{"tuples", 0}, {"exemptions", 0}, {"slices", 120}}}, {"milliseconds", 7}}),
-              "restored: 120 slices loaded in 7 ms\n");
+    Json const report = {{"accepted", true}, {"slices", 2}, {"subscribers", 1}, {"bytes", 300}, {"milliseconds", 4}};
+    expectBackupTold("endpoints", report, "2 slices of 1 subscriber, 300 bytes in 4 ms");
+    expectRestoreTold("slices", "subscribers",
+                      "             120 slices of endpoints\n"
+                      "Replaces     130 slices in the tables\n"
+                      "             14 subscribers in the daemon's memory\n",
+                      "120 slices");
     EXPECT_EQ(acceptedText({{"changed", true}, {"subscribers", 1}}),
               "accepted: the next backup replaces the tables by 1 subscriber\n");
 }
 
 TEST_F(StatusText, BackupAndRestoreTellOfSenderReputation) {
-    Json answer = status()["backup"]["last"];
-    answer["reputation"] = {{"accepted", true}, {"records", 2}, {"addresses", 1}, {"bytes", 300}, {"milliseconds", 4}};
-    EXPECT_EQ(acceptedBackupText(answer),
-              "accepted by the database daemon: 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
-              "accepted by the database daemon: 2 hours of 1 address, 300 bytes in 4 ms\n");
-    Json const preview = {{"path", "/r.sql"},
-                          {"script", {{"reputations", 120}, {"tuples", 0}, {"complete", true}}},
-                          {"tables", {{"reputations", 130}}},
-                          {"caches", {{"addresses", 14}}}};
-    std::string const text = previewText(preview, now);
-    EXPECT_NE(text.find("             120 hours of sender reputation\n"
-                        "Replaces     130 hours in the tables\n"
-                        "             14 addresses in the daemon's memory\n"),
-              std::string::npos)
-        << text;
-    EXPECT_EQ(text.find("tuples"), std::string::npos) << text;
-    EXPECT_EQ(restoredText({{"loaded", {{"tuples", 0}, {"exemptions", 0}, {"reputations", 120}}}, {"milliseconds", 7}}),
-              "restored: 120 hours loaded in 7 ms\n");
+    Json const report = {{"accepted", true}, {"records", 2}, {"addresses", 1}, {"bytes", 300}, {"milliseconds", 4}};
+    expectBackupTold("reputation", report, "2 hours of 1 address, 300 bytes in 4 ms");
+    expectRestoreTold("reputations", "addresses",
+                      "             120 hours of sender reputation\n"
+                      "Replaces     130 hours in the tables\n"
+                      "             14 addresses in the daemon's memory\n",
+                      "120 hours");
     EXPECT_EQ(acceptedText({{"changed", true}, {"addresses", 1}}),
               "accepted: the next backup replaces the tables by 1 address\n");
 }
