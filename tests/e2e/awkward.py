@@ -104,6 +104,24 @@ COUNTERS = [
     (INT_MAX - 1, 0, 0, 0, INT_MAX),
 ]
 
+# What no daemon of ours has ever written into a counter: read as unsigned, so beyond the column when it is saved.
+NEGATIVE_COUNTERS = [
+    (-1, -1, -1, -1, -1),
+    (INT_MIN, INT_MIN, INT_MIN, INT_MIN, INT_MIN),
+    (5, -1, 0, INT_MIN, 1),
+    (-1, 7, INT_MAX, 0, INT_MIN),
+]
+# Times in a table: begin and end of a tuple or an exemption, both signed.
+TIMES = [
+    (-1, -1),
+    (INT_MIN, INT_MIN),
+    (INT_MIN, INT_MAX),
+    (-1, INT_MAX),
+    (0, 0),
+    (INT_MAX, INT_MAX),
+    (INT_MAX, INT_MIN),
+]
+
 # Subscriber numbers as a table may hold them.
 NUMBERS = [
     "0",

@@ -4,6 +4,7 @@ What went in comes out, or the log says why not. Each record has a place of its 
 which it is found again whatever has become of it.
 """
 
+import contextlib
 import ipaddress
 import json
 import re
@@ -11,7 +12,8 @@ import time
 import unittest
 
 import awkward
-from world import AUTO_EXEMPT_AFTER, Client, World
+from faults_port import Port, make_accounting, milter_mail, wait_for_subscriber
+from world import AUTO_EXEMPT_AFTER, DELAY_MINUTES, Client, World, wait_until
 
 SLICE_SECONDS = 120  # of endpoints, with the usual window of 30 minutes
 LONGEST_LISTED_NUMBER = 35  # digits in a record of port 29001
@@ -243,6 +245,155 @@ class StoredCounters(Records):
         saved = world.mariadb.query("SELECT * FROM mms_reputation")
         self.assertEqual(sorted((row[0], *map(int, row[1:])) for row in saved),
                          sorted((number, slice_number, *both) for number, *both in counts))
+
+    # What is beyond the ends
+
+    @staticmethod
+    def hours_of(addresses):
+        """{address: {hour: five counters}}, as port 29001 tells them."""
+        with contextlib.closing(Port(world.vellum.port)) as port:
+            return {address: {hour: tuple(counters[:5]) for hour, counters in hours.items()}
+                    for address, hours in port.hours(addresses).items()}
+
+    def save_and_restart(self, *logged):
+        """`logged`: patterns that the backup must leave in the log, which a kill would cut."""
+        world.vellum.ctl("backup")
+        for pattern in logged:
+            world.logged(pattern)
+        world.restart_after_kill()
+
+    @staticmethod
+    def cut(counter, hour, address):
+        return (f"0x03000185: cut: counter {counter} in period {hour} of address {address}: "
+                "it is beyond the column's range, whose end is stored\n")
+
+    def test_counters_below_zero_are_read_as_unsigned_and_saved_as_the_columns_end(self):
+        hour = int((time.time() + world.clock.offset()) // 3600)
+        rows = {f"10.5.2.{number}": counters for number, counters in enumerate(awkward.NEGATIVE_COUNTERS)}
+        fill("sender_reputation", [(address, hour, *counters) for address, counters in rows.items()])
+        fill("sender_reputation_state", [(address, 3) for address in rows])
+        world.restart_after_kill()
+        unsigned = {address: {hour: tuple(one % (1 << 32) for one in counters)} for address, counters in rows.items()}
+        self.assertEqual(self.hours_of(rows), unsigned)
+        empty("sender_reputation", "sender_reputation_state")
+        self.save_and_restart(*(self.cut(counter % (1 << 32), hour, address)
+                                for address, counters in rows.items() for counter in counters if counter < 0))
+        stored = {address: {hour: tuple(min(one, awkward.INT_MAX) for one in hours[hour])}
+                  for address, hours in unsigned.items()}
+        self.assertEqual(self.hours_of(rows), stored)
+
+    def test_hours_and_states_below_zero(self):
+        hour = int((time.time() + world.clock.offset()) // 3600)
+        counters = (1, 2, 3, 4, 5)
+        fill("sender_reputation", [("10.5.3.0", period, *counters) for period in (-1, awkward.INT_MIN, hour)] +
+             [("10.5.3.1", hour, *counters), ("10.5.3.2", -1, *counters)])
+        fill("sender_reputation_state", [("10.5.3.0", -1), ("10.5.3.1", awkward.INT_MIN), ("10.5.3.2", 1)])
+        world.restart_after_kill()
+        addresses = ("10.5.3.0", "10.5.3.1", "10.5.3.2")
+        self.assertEqual(self.hours_of(addresses), {
+            "10.5.3.0": {hour: counters, awkward.INT_MIN % (1 << 32): counters, (1 << 32) - 1: counters},
+            "10.5.3.1": {hour: counters}, "10.5.3.2": {(1 << 32) - 1: counters}})
+        self.save_and_restart(*(
+            f"0x03000185: not stored: period {period} of address {address}: the period is beyond the column's range\n"
+            for address, period in [("10.5.3.0", 1 << 31), ("10.5.3.0", (1 << 32) - 1), ("10.5.3.2", (1 << 32) - 1)]))
+        self.assertEqual(sorted(world.mariadb.query("SELECT * FROM sender_reputation")),
+                         [[address, str(hour), *map(str, counters)] for address in addresses[:2]])
+        states = [row for row in world.mariadb.query("SELECT * FROM sender_reputation_state") if row[0] in addresses[:2]]
+        self.assertEqual(sorted(states), [["10.5.3.0", "-1"], ["10.5.3.1", str(awkward.INT_MIN)]])
+        self.assertEqual(self.hours_of(addresses), {"10.5.3.0": {hour: counters}, "10.5.3.1": {hour: counters},
+                                                    "10.5.3.2": {}})
+
+    def test_mail_counted_on_top_of_the_columns_end(self):
+        client = Client("10.5.4.1")
+        hour = int((time.time() + world.clock.offset()) // 3600)
+        fill("sender_reputation", [(client.address, hour, *[awkward.INT_MAX] * 5)])
+        fill("sender_reputation_state", [(client.address, 0)])
+        world.restart_after_kill()
+        use_settings(greylist={"enabled": False})
+        self.addCleanup(use_settings, greylist={"enabled": True})
+        replies, message = world.send(client, "jo@ends.example", "counted@example.org", world.postfix.nobody)
+        self.assertEqual((replies[0].code, message.code), (250, 250))
+        more = awkward.INT_MAX + 1
+        counted = {client.address: {hour: (more, more + 1, more, awkward.INT_MAX, awkward.INT_MAX)}}
+        wait_until(lambda: self.hours_of([client.address]) == counted, "the message to be counted")
+        self.save_and_restart(*(self.cut(counter, hour, client.address) for counter in (more, more + 1)))
+        self.assertEqual(self.hours_of([client.address]), {client.address: {hour: (awkward.INT_MAX,) * 5}})
+
+    def test_times_of_the_greylist(self):
+        tuples = [(f"10.6.{number}.0/24", "jo@times.example", "times@example.org", *both)
+                  for number, both in enumerate(awkward.TIMES)]
+        # An exemption whose time is over is dropped, so these live.
+        exemptions = [(f"10.6.{number}.0/24", "times.example", begin, awkward.INT_MAX)
+                      for number, begin in enumerate(sorted({begin for begin, _ in awkward.TIMES}))]
+        fill("grey_list", tuples)
+        fill("autoexempt", exemptions)
+        world.vellum.ctl("greylist", "reload")
+
+        def listed():
+            return (sorted((record["network"], record["pass_time"], record["expiry"]) for record in world.vellum.tuples()),
+                    sorted((record["network"], record["expiry"]) for record in world.vellum.exemptions()))
+        expected = (sorted((row[0], row[3] + 60 * DELAY_MINUTES, row[4]) for row in tuples),
+                    sorted((row[0], row[3]) for row in exemptions))
+        self.assertEqual(listed(), expected)
+        empty("grey_list", "autoexempt")
+        self.save_and_restart()
+        self.assertEqual(listed(), expected)
+        for table, rows in (("grey_list", tuples), ("autoexempt", exemptions)):
+            self.assertEqual(sorted(world.mariadb.query(f"SELECT * FROM {table}")),
+                             sorted([str(value) for value in row] for row in rows))
+
+    def test_counts_slices_and_expiries_of_endpoints_below_zero(self):
+        slice_number = int((time.time() + world.clock.offset()) // SLICE_SECONDS) + 5
+        counts = {f"98{number}": counters[-2:] for number, counters in enumerate(awkward.NEGATIVE_COUNTERS)}
+        fill("mms_reputation", [(number, slice_number, *both) for number, both in counts.items()] +
+             [("9898", -1, 1, 2), ("9899", awkward.INT_MIN, 1, 2)])
+        fill("mms_reputation_expiry", [(number, -1) for number in counts] +
+             [("9898", awkward.INT_MIN), ("9899", awkward.INT_MAX)])
+        world.vellum.ctl("endpoint", "reload")
+        world.logged("0x03000166: 2 rows of mms_reputation skipped: their slices lie ahead")
+
+        def listed():
+            return {record["number"]: (record["score"], record["expiry"])
+                    for record in json.loads(world.vellum.ctl("endpoint", "list", "--json"))}
+        loaded = {number: (sum(both) % (1 << 32), -1) for number, both in counts.items()}
+        # What is blacklisted is held without the slices that nobody can score.
+        self.assertEqual(listed(), loaded | {"9899": (0, awkward.INT_MAX)})
+        empty("mms_reputation", "mms_reputation_expiry")
+        self.save_and_restart()
+        stored = {number: [min(one % (1 << 32), awkward.INT_MAX) for one in both] for number, both in counts.items()}
+        unsaved = {number for number, (score, _) in loaded.items() if score == 0}
+        self.assertEqual(sorted(world.mariadb.query("SELECT * FROM mms_reputation")),
+                         sorted([number, str(slice_number), *map(str, both)] for number, both in stored.items()
+                                if number not in unsaved))
+        self.assertEqual(listed(), {number: (sum(both) % (1 << 32), -1) for number, both in stored.items()
+                                    if number not in unsaved})
+
+    def test_message_counted_on_top_of_an_endpoints_ends(self):
+        phone, number = "10.45.0.1", "155555599"
+        make_accounting(world.mariadb, {phone: number})
+        world.vellum.settings["endpoint"] = {"radius": True}
+        world.vellum.write_settings()
+        # Of this slice and the next, should it begin meanwhile: a message is counted on top of either.
+        slice_number = int((time.time() + world.clock.offset()) // SLICE_SECONDS)
+        slices = range(slice_number, slice_number + 2)
+        fill("mms_reputation", [(number, one, awkward.INT_MAX, 0) for one in slices])
+        fill("mms_reputation_expiry", [(number, awkward.INT_MAX)])
+        world.restart_after_kill()
+        with contextlib.closing(Port(world.vellum.port)) as port:
+            wait_for_subscriber(world, port, phone, number)
+        use_settings(greylist={"enabled": False}, endpoint={"blacklisted": "pass"})
+        self.addCleanup(use_settings, greylist={"enabled": True}, endpoint={"blacklisted": "reject"})
+        self.assertIn(milter_mail(world.vellum.milter_socket, phone, "jo@ends.example",
+                                  headers=[("X-Spam-Flag", "YES")]), b"ac")
+
+        def listed():
+            return [(record["score"], record["expiry"]) for record in
+                    json.loads(world.vellum.ctl("endpoint", "list", "--json")) if record["number"] == number]
+        self.assertEqual(listed(), [(2 * awkward.INT_MAX + 1, awkward.INT_MAX)])
+        self.save_and_restart()
+        self.assertEqual(listed(), [(2 * awkward.INT_MAX, awkward.INT_MAX)])
+        self.assertEqual(world.mariadb.query("SELECT * FROM mms_reputation ORDER BY Period"),
+                         [[number, str(one), str(awkward.INT_MAX), "0"] for one in slices])
 
     def test_numbers_of_both_endpoint_lists(self):
         account = ("--settings", str(world.vellum.settings_path))

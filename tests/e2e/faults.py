@@ -15,10 +15,10 @@ import time
 
 from faults_plan import Plan
 from faults_port import (BOTH_LISTS, EXPLAIN, RELEASE, RELOAD_ENDPOINTS, RELOAD_GREYLIST, RELOAD_REPUTATION,
-                         REMOVE_ENDPOINT, STATUS, Port, milter_mail)
+                         REMOVE_ENDPOINT, STATUS, Port, make_accounting, milter_mail,
+                         wait_for_subscriber)
 from reputation_test import WEIGHTS, hour_score
 from stage.process import StageError
-from stage.radius import INSTALLED
 from world import AUTO_EXEMPT_AFTER, DELAY_MINUTES, World, wait_until
 
 FAMILIES = ("greylist", "reputation", "endpoint")
@@ -87,13 +87,7 @@ class FaultWorld(World):
                                    for number in range(OLD_EXEMPTIONS)])
         self.insert("mms_repuation_score", [("15555550001", 7, 0), ("15555550002", 9, 2000000000)])
         self._fill_numbers()
-        self.mariadb.query("CREATE DATABASE msisdn", database="mysql")
-        self.mariadb.query((INSTALLED / "mods-config/sql/main/mysql/schema.sql").read_text(), database="msisdn")
-        self.mariadb.query(f"GRANT SELECT ON msisdn.* TO '{self.mariadb.user}'@'127.0.0.1'", database="mysql")
-        sessions = ", ".join(f"('{address}', '{address}', '{number}', '{address}', NOW())"
-                             for address, number in (PHONES | LISTED_PHONES).items())
-        self.mariadb.query("INSERT INTO radacct (acctsessionid, acctuniqueid, callingstationid, framedipaddress, "
-                           f"acctstarttime) VALUES {sessions}", database="msisdn")
+        make_accounting(self.mariadb, PHONES | LISTED_PHONES)
 
     def _fill_numbers(self):
         slice_number = int(self.now() // SLICE_SECONDS)
@@ -315,15 +309,7 @@ class FaultWorld(World):
         return port.answer(EXPLAIN, {"address": address})["endpoint"]
 
     def know_subscriber(self, port, address, number):
-        """Waits until the daemon has looked him up; what it knows it keeps for ten minutes."""
-        def known():
-            if self.explained(port, address)["subscriber"] == number:
-                return True
-            policy = self.policy()
-            policy.ask(address, "jo@counted.example", "", protocol_state="CONNECT")
-            policy.close()
-            return False
-        wait_until(known, f"{number} to be looked up", interval=0.005)
+        wait_for_subscriber(self, port, address, number)
 
     def _others(self):
         """Subscribers that are no phones, to be removed one by one."""
@@ -421,4 +407,4 @@ def whose(found, states):
     return which
 
 
-__all__ = ["FAMILIES", "TABLES", "FaultWorld", "PHONES", "after_load", "difference", "whose"]
+__all__ = ["FAMILIES", "TABLES", "FaultWorld", "PHONES", "after_load", "difference", "rows_of", "whose"]

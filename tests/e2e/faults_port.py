@@ -7,9 +7,10 @@ import json
 import socket
 import struct
 
-import world  # noqa: F401  (knows where the stage is)
+from world import wait_until  # which knows where the stage is
 from stage.crowd import MILTER_OFFER, unix_client
 from stage.process import StageError
+from stage.radius import INSTALLED
 
 HEADER = struct.Struct("=II")
 END_OF_LISTING = 4
@@ -142,5 +143,29 @@ def milter_mail(path, address, sender, recipient="postmaster@example.org", refus
         return last
 
 
+def make_accounting(mariadb, subscribers):
+    """The accounting database, with an open session for each of {address: number}."""
+    mariadb.query("CREATE DATABASE msisdn", database="mysql")
+    mariadb.query((INSTALLED / "mods-config/sql/main/mysql/schema.sql").read_text(), database="msisdn")
+    mariadb.query(f"GRANT SELECT ON msisdn.* TO '{mariadb.user}'@'127.0.0.1'", database="mysql")
+    sessions = ", ".join(f"('{address}', '{address}', '{number}', '{address}', NOW())"
+                         for address, number in subscribers.items())
+    mariadb.query("INSERT INTO radacct (acctsessionid, acctuniqueid, callingstationid, framedipaddress, acctstarttime) "
+                  f"VALUES {sessions}", database="msisdn")
+
+
+def wait_for_subscriber(world, port, address, number):
+    """Waits until the daemon has looked him up; what it knows it keeps for ten minutes."""
+    def known():
+        if port.answer(EXPLAIN, {"address": address})["endpoint"]["subscriber"] == number:
+            return True
+        policy = world.policy()
+        policy.ask(address, "jo@counted.example", "", protocol_state="CONNECT")
+        policy.close()
+        return False
+    wait_until(known, f"{number} to be looked up", interval=0.005)
+
+
 __all__ = ["BOTH_LISTS", "EXPLAIN", "Port", "RELEASE", "RELOAD_ENDPOINTS", "RELOAD_GREYLIST", "RELOAD_REPUTATION",
-           "REMOVE_ENDPOINT", "STATUS", "milter_mail"]
+           "REMOVE_ENDPOINT", "STATUS", "make_accounting", "milter_mail",
+           "wait_for_subscriber"]
