@@ -82,13 +82,18 @@ Answer Service::take(ScriptRequest const& request, uid_t user) {
     } catch (Exception const& failure) {
         return refuse(what, Answer::scriptUnreadable, failure);
     }
+    Journal::Entry entry{};
     try {
-        Journal::Entry const entry = m_journal.accept(request.code, script.get());
-        note(Logger::Severity::info, what + " is accepted as script " + std::to_string(entry.number));
+        entry = m_journal.accept(request.code, script.get());
     } catch (std::exception const& failure) {
         return refuse(what, Answer::journalFailed, failure);
     }
-    m_runner.wake();
+    m_runner.wake(); // it is in the journal: whatever fails from here on, it is accepted and run
+    try {
+        note(Logger::Severity::info, what + " is accepted as script " + std::to_string(entry.number));
+    } catch (std::bad_alloc const&) {
+        // the line is missing then
+    }
     return Answer::accepted;
 }
 
