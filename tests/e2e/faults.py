@@ -91,7 +91,7 @@ class FaultWorld(World):
 
     def _fill_numbers(self):
         slice_number = int(self.now() // SLICE_SECONDS)
-        numbers = [str(15555000000 + self._changes * 1000 + number) for number in range(self._numbers)]
+        numbers = [str(20000000000 + self._changes * 1000 + number) for number in range(self._numbers)]
         self.insert("mms_reputation", [(number, slice_number - number_of % 5, 1, 2)
                                        for number_of, number in enumerate(numbers)])
         self.insert("mms_reputation_expiry", [(number, 0) for number in numbers])
@@ -217,6 +217,8 @@ class FaultWorld(World):
 
         Answers the exit codes of those that had ended.
         """
+        wait_until(lambda: self.is_settled() or not self.vellum.dbd.running(), "the database daemon to answer, or to end")
+        wait_until(lambda: self.answers() or not self.vellum.daemon.running(), "the state daemon to answer, or to end")
         ended = [process.wait() for process in (self.vellum.dbd, self.vellum.daemon) if not process.running()]
         if not self.vellum.dbd.running():
             self.vellum.start_dbd()
@@ -348,6 +350,15 @@ class FaultWorld(World):
                 return asking.recv(4) == struct.pack("=i", 0)
             except OSError:
                 return False
+
+    def answers(self):
+        """Whether the state daemon does; one that is about to end is running still."""
+        try:
+            with self.port() as port:
+                port.answer(STATUS)
+            return True
+        except (OSError, StageError):
+            return False
 
     def settle(self):
         """No faults any more: everything runs, and tables and memory hold one state, which is answered."""
