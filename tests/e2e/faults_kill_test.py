@@ -78,6 +78,7 @@ class Kill(unittest.TestCase):
     def restore_and_kill(self, victim):
         """Also answers the family whose script it was."""
         family = self.chance.choice(FAMILIES)
+        world.change()  # or a script that was written before a kill, and never run, may stand there
         restored = world.settle()
         script = world.vellum.directory / "state" / SCRIPTS[family]
         copy = shutil.copy(script, world.vellum.directory / f"copy-of-{SCRIPTS[family]}")
