@@ -16,7 +16,7 @@ from stage.vellum import toml_file
 from world import wait_until
 
 LATE = 0.02  # seconds, for each piece of an answer; a script of all families has some thirty
-SHORT_READ_TIMEOUT = 2  # seconds
+SHORT_READ_TIMEOUT = 1  # seconds
 # Answers to a new connection that go on first: greeting, account, session's settings; then lock and delete of a script.
 AT_THE_ROWS = 3
 IN_THE_SCRIPT = 6
