@@ -192,7 +192,8 @@ DatabaseException Connection::error(char const* where, std::string_view statemen
     }
     DatabaseException failed(where, number, text);
     m_hasBroken = m_hasBroken || failed.connectionLost();
-    return failed;
+    // A server's refusal has a number. Without one the client library itself has failed, as it does for want of memory.
+    return number == 0 ? failed.asPassing() : failed;
 }
 
 std::string quotedIdentifier(std::string const& name) {
