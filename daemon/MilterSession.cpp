@@ -7,14 +7,18 @@
 #include "foundation/Logger.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace Vellum::Daemon {
 namespace {
 
-// Enhanced status codes (RFC 3463) of an address that cannot be delivered to: no such mailbox, no such system, ...
+// Enhanced status codes (RFC 3463, RFC 7505) of a recipient that cannot be delivered to: no such mailbox, no such
+// system, no address, an ambiguous one, one that has moved, a domain that takes no mail. The other ones of 5.1 are
+// about the sender (5.1.7, 5.1.8) or may be: a mail server that refuses senders says so at the recipient, too.
 bool saysNoSuchMailbox(std::string_view status) {
-    return status.starts_with("5.1.");
+    static constexpr std::array<std::string_view, 6> statuses{"5.1.1", "5.1.2", "5.1.3", "5.1.4", "5.1.6", "5.1.10"};
+    return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
 }
 
 // Throws Exception.
@@ -51,7 +55,6 @@ void MilterSession::connected(std::string_view clientName, IPAddress const& clie
 }
 
 void MilterSession::sender(std::string_view path) {
-    abandoned();
     Transaction begun;
     begun.settings = m_front.settings();
     begun.senderPath = path;
@@ -61,7 +64,10 @@ void MilterSession::sender(std::string_view path) {
     } catch (Exception const&) {
         begun.senderReadable = false;
     }
-    m_transaction = std::move(begun);
+    auto const before = std::exchange(m_transaction, std::move(begun));
+    if (before) {
+        report(before->summary);
+    }
 }
 
 std::optional<Refusal> MilterSession::recipient(std::string_view path, RecipientFacts const& facts) {
@@ -172,7 +178,8 @@ MilterSession::Ending MilterSession::messageEnded(std::string_view queueId) {
     }
     ending.refusal = decideAtEnd(queueId);
     if (ending.refusal) {
-        m_transaction.reset(); // it comes again, or never counted
+        m_transaction->summary.recipients = m_transaction->summary.invalidRecipients;
+        abandoned();
         return ending;
     }
     if (m_transaction->secondsWaited >= 0 && m_transaction->settings->header) {
@@ -180,25 +187,24 @@ MilterSession::Ending MilterSession::messageEnded(std::string_view queueId) {
         appendGreylistHeaderValue(*ending.header, m_transaction->secondsWaited, m_transaction->settings->hostName,
                                   m_front.now());
     }
-    report(true);
+    auto ended = std::exchange(m_transaction, std::nullopt);
+    ended->summary.finished = true;
+    ended->summary.spam = ended->content.spam;
+    ended->summary.infected = ended->content.infected;
+    report(ended->summary);
     return ending;
 }
 
 void MilterSession::abandoned() {
-    if (m_transaction) {
-        report(false);
+    if (auto const ended = std::exchange(m_transaction, std::nullopt)) {
+        report(ended->summary);
     }
 }
 
-void MilterSession::report(bool finished) {
-    MessageSummary& summary = m_transaction->summary;
-    summary.finished = finished;
-    summary.spam = finished && m_transaction->content.spam;
-    summary.infected = finished && m_transaction->content.infected;
+void MilterSession::report(MessageSummary const& summary) {
     if (summary.recipients > 0) {
         m_front.observer().messageEnded(summary, m_front.now());
     }
-    m_transaction.reset();
 }
 
 } // namespace Vellum::Daemon

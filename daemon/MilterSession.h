@@ -4,13 +4,16 @@
 // order of SMTP: connect, then for each message sender, recipients, headers, end. What is decided:
 //
 //   recipient accepted by the mail server   the decision at the recipient; refused: the code and text of FrontTexts.h
-//   recipient refused by the mail server    nothing: it is refused already. 5.1.x says that there is no such mailbox,
-//                                           and counts as an invalid recipient
-//   end of the message                      the decision at the end, then X-Greylist, when one of its recipients had
-//                                           to wait
+//   recipient refused by the mail server    nothing: it is refused already. Counts as an invalid recipient where the
+//                                           status says that it cannot be delivered to: 5.1.1, 5.1.2, 5.1.3, 5.1.4,
+//                                           5.1.6 and 5.1.10
+//   end of the message                      the decision at the end; refused like a recipient, or else X-Greylist, when
+//                                           one of its recipients had to wait
 //
 // A transaction that named a recipient, accepted or invalid, is reported to the observer once: at its end, or when it
-// is abandoned. One whose recipients all have to wait is not: it comes again.
+// is abandoned. One whose recipients all have to wait is not: it comes again. Of one that is refused at its end only
+// the invalid recipients are reported, as if it had been abandoned. A transaction is over before it is reported, so an
+// observer that throws has it reported no second time.
 //
 // Used by one thread at a time.
 #pragma once
@@ -115,7 +118,7 @@ class MilterSession {
     Message message() const;
     void log(Verdict const& verdict, std::string_view recipient, std::string_view queueId,
              std::string_view problem) const;
-    void report(bool finished);
+    void report(MessageSummary const& summary);
 
     MilterFront& m_front;
     IPAddress m_client;

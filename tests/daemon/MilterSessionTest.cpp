@@ -1,9 +1,11 @@
 #include "daemon/MilterSession.h"
 
 #include "tests/daemon/DecisionFixture.h"
+#include "tests/daemon/FamiliesFixture.h"
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -21,8 +23,12 @@ class Reports : public MessageObserver {
                         " invalid=" + std::to_string(message.invalidRecipients) +
                         (message.finished ? " finished" : " abandoned") + (message.spam ? " spam" : "") +
                         (message.infected ? " infected" : "") + " at " + std::to_string(now - start));
+        if (fails) {
+            throw std::runtime_error("no memory for a count");
+        }
     }
     std::vector<std::string> lines;
+    bool fails = false;
 };
 
 MilterFrontSettings frontSettings() {
@@ -153,6 +159,25 @@ TEST(MilterSession, RecipientThatDoesNotExistIsCountedAndAnotherRefusalIsNot) {
     EXPECT_EQ(milter.logged(), Lines{}) << "nothing was decided";
 }
 
+TEST(MilterSession, OnlyAStatusOfTheRecipientMakesItAnInvalidOne) {
+    for (char const* status : {"5.1.1", "5.1.2", "5.1.3", "5.1.4", "5.1.6", "5.1.10"}) {
+        MilterFixture milter;
+        milter.session.sender("<jo@example.org>");
+        milter.refused("<nobody@example.com>", status);
+        milter.session.abandoned();
+        EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <jo@example.org> [] recipients=1 invalid=1 abandoned at 0"})
+            << status;
+    }
+    for (char const* status : {"5.1.0", "5.1.5", "5.1.7", "5.1.8", "5.1.9", "5.1.11", "5.1.100", "5.1.", "5.1", "4.1.1",
+                               "5.1.1 ", "5.2.1"}) {
+        MilterFixture milter;
+        milter.session.sender("<nobody@nowhere.example>");
+        milter.refused("<me@example.com>", status);
+        milter.session.abandoned();
+        EXPECT_EQ(milter.reports.lines, Lines{}) << status << ": the sender is refused, or it is not said who";
+    }
+}
+
 TEST(MilterSession, TransactionWhoseRecipientsAllWaitIsNotReported) {
     MilterFixture milter;
     milter.session.sender("<jo@example.org>");
@@ -190,6 +215,79 @@ TEST(MilterSession, NewSenderAbandonsWhatWasNotEnded) {
     milter.recipient("<a@example.com>", {.authenticatedUser = "jo"});
     milter.session.sender("<two@example.org>");
     EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <one@example.org> [jo] recipients=1 invalid=0 abandoned at 0"});
+}
+
+TEST(MilterSession, ObserverThatFailsIsToldOfNoTransactionTwice) {
+    MilterFixture milter;
+    milter.session.sender("<one@example.org>");
+    milter.recipient("<a@example.com>", {.authenticatedUser = "jo"});
+    milter.reports.fails = true;
+    EXPECT_THROW(milter.session.messageEnded(), std::runtime_error);
+    milter.session.abandoned();
+    milter.session.sender("<two@example.org>");
+    milter.recipient("<b@example.com>", {.authenticatedUser = "jo"});
+    EXPECT_THROW(milter.session.sender("<three@example.org>"), std::runtime_error);
+    milter.recipient("<c@example.com>", {.authenticatedUser = "jo"});
+    EXPECT_THROW(milter.session.abandoned(), std::runtime_error);
+    milter.reports.fails = false;
+    milter.session.sender("<four@example.org>");
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines,
+              (Lines{"192.0.2.77 <one@example.org> [jo] recipients=1 invalid=0 finished at 0",
+                     "192.0.2.77 <two@example.org> [jo] recipients=1 invalid=0 abandoned at 0",
+                     "192.0.2.77 <three@example.org> [jo] recipients=1 invalid=0 abandoned at 0"}))
+        << "the third began although the second could not be reported";
+}
+
+// A session that holds against a sender what rate control knows of him, and does not greylist.
+struct StandingMilterFixture : DecisionFixture {
+    static DecisionSettings settings() {
+        DecisionSettings all;
+        all.greylisting = false;
+        all.standing.rate = {.most = {1, 0, 0, 0, 0}, .strangers = true};
+        return all;
+    }
+    StandingMilterFixture() { session.connected("mx.example.org", IPAddress(std::string("192.0.2.77"))); }
+
+    FamiliesFixture families;
+    Standing standing{nullptr};
+    Decision judged{tuples, exemptions, settings(), &standing};
+    Reports reports;
+    MilterFront front{judged, reports, frontSettings(), [] {
+                          return start;
+                      }};
+    MilterSession session{front};
+};
+
+void block(std::string const& sender) {
+    auto const entry = FamiliesFixture::rateOf(sender);
+    entry->blockedUntil(start + 60);
+    entry->state(SenderRateControl::RateControlState::blocked);
+}
+
+TEST(MilterSession, RefusedAtItsEndOnlyTheInvalidRecipientsAreReported) {
+    StandingMilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_FALSE(milter.session.recipient("<a@example.com>", {}));
+    milter.session.recipient("<nobody@example.com>", {.refused = true, .refusalStatus = "5.1.1"});
+    milter.session.header("X-Spam-Flag", "YES");
+    block("jo@example.org");
+    auto const ending = milter.session.messageEnded();
+    ASSERT_TRUE(ending.refusal);
+    EXPECT_EQ(std::string(ending.refusal->code) + ' ' + ending.refusal->status, "450 4.7.1");
+    EXPECT_EQ(milter.reports.lines, Lines{"192.0.2.77 <jo@example.org> [] recipients=1 invalid=1 abandoned at 0"});
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines.size(), 1U);
+}
+
+TEST(MilterSession, RefusedAtItsEndWithoutInvalidRecipientsNothingIsReported) {
+    StandingMilterFixture milter;
+    milter.session.sender("<jo@example.org>");
+    EXPECT_FALSE(milter.session.recipient("<a@example.com>", {}));
+    block("jo@example.org");
+    EXPECT_TRUE(milter.session.messageEnded().refusal);
+    milter.session.abandoned();
+    EXPECT_EQ(milter.reports.lines, Lines{});
 }
 
 TEST(MilterSession, FrontThatDoesNotDecideOnlyCounts) {
