@@ -2,8 +2,8 @@
 
 #include "daemon/AdminHandler.h"
 #include "daemon/ExplanationJson.h"
+#include "daemon/MailCounts.h"
 #include "foundation/Escape.h"
-#include "senderratecontrol/SenderRateControlCache.h"
 
 #include <utility>
 
@@ -99,26 +99,17 @@ class ResetRateHandler : public AdminHandler {
 
   protected:
     Json answer(Json const& request, IPC::SocketIPC&) const override {
-        using namespace SenderRateControl;
         EmailAddress const sender = mailbox(requiredText(request, "sender"), "sender");
-        RefEntry entry(false);
-        {
-            Cache const& cache = **RefCache::instance();
-            SharedLock const hold(cache.lock);
-            if (auto const found = cache.lookup(sender); found != cache.end()) {
-                entry = found->second;
-            }
-        }
-        bool const known = !entry.isNull();
-        bool const blocked = known && entry->state() != RateControlState::normal;
-        if (known) {
-            entry->reset();
-        }
-        noteAdministration(Logger::Severity::info, "rate reset of " + escapeForLog(sender.asString()) +
-                                                       (!known     ? ": there is no such sender"
-                                                        : !blocked ? ": it was not blocked"
-                                                                   : ""));
-        return {{"sender", sender.asString()}, {"known", known}, {"was_blocked", blocked}};
+        MailCounts::Reset const done = MailCounts::reset(sender);
+        std::string const forgotten = std::to_string(done.periods) + " periods forgotten";
+        noteAdministration(Logger::Severity::info, "rate reset of " + escapeForLog(sender.asString()) + ": " +
+                                                       (!done.known        ? "there is no such sender"
+                                                        : !done.wasBlocked ? "it was not blocked, " + forgotten
+                                                                           : "the block is lifted, " + forgotten));
+        return {{"sender", sender.asString()},
+                {"known", done.known},
+                {"was_blocked", done.wasBlocked},
+                {"forgotten_periods", done.periods}};
     }
 };
 

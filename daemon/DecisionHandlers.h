@@ -6,8 +6,9 @@
 //   adminRelease    request {"address", "sender", "recipient"}, all of which must be there ("sender": "<>" for a
 //                   bounce): the next message of that tuple need not wait. Answered by {"network", "sender",
 //                   "recipient", "released": true, or false when it passes already}
-//   adminResetRate  request {"sender"}: lifts the sender's block; the counts stay. Answered by {"sender", "known",
-//                   "was_blocked"}; "known": there is an entry
+//   adminResetRate  request {"sender"}: lifts the sender's block and forgets what was counted, so that the totals start
+//                   at 0 again. Answered by {"sender", "known", "was_blocked", "forgotten_periods"}; "known": there is
+//                   an entry; the last: so many periods of five minutes
 //
 // The last two leave a line in the log.
 #pragma once

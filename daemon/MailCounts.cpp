@@ -69,21 +69,27 @@ bool isBlocked(RateEntry const& entry, long now) {
     return entry.state() == RateState::blocked && entry.blockedUntil() > now;
 }
 
-// State, end and reason change together, so that a block that is over is not lifted while a new one begins. Innermost
-// but for the entry lock.
+std::array<std::uint32_t, RateLimitSettings::counters> totalsOf(RateEntry const& entry, long now) {
+    SenderRateControlRecord totals;
+    entry.totals(now, totals);
+    return {totals.count1, totals.count2, totals.count3, totals.count4, totals.count5};
+}
+
+// State, end and reason change together, so that a block that is over is not lifted while a new one begins, and no
+// block begins for totals that a reset has forgotten. Innermost but for the entry lock.
 Mutex& blocking() {
     static Mutex& mutex = *new Mutex; // fronts may outlive main()
     return mutex;
 }
 
 // Answers whether it was this call that blocked.
-bool block(RateEntry& entry, RateEntry::AttributeType counter, long until, long now) {
+bool block(RateEntry& entry, RateEntry::AttributeType counter, RateLimitSettings const& limits, long now) {
     Synchronized const hold(blocking());
-    if (isBlocked(entry, now)) {
+    if (isBlocked(entry, now) || totalsOf(entry, now)[counter - 1] <= limits.most[counter - 1]) {
         return false;
     }
     entry.blockedReason(counter); // the state last: whoever sees it sees the others
-    entry.blockedUntil(until);
+    entry.blockedUntil(now + limits.blockSeconds);
     entry.state(RateState::blocked);
     return true;
 }
@@ -104,16 +110,13 @@ void blockWhereDue(EmailAddress const& sender, RateEntry& entry, RateLimitSettin
     if (isBlocked(entry, now)) {
         return;
     }
-    SenderRateControlRecord totals;
-    entry.totals(now, totals);
-    std::array<std::uint32_t, RateLimitSettings::counters> const counted{totals.count1, totals.count2, totals.count3,
-                                                                         totals.count4, totals.count5};
+    auto const counted = totalsOf(entry, now);
     for (std::size_t i = 0; i < counted.size(); ++i) {
         if (limits.most[i] == 0 || counted[i] <= limits.most[i]) {
             continue;
         }
         auto const counter = static_cast<RateEntry::AttributeType>(i + 1);
-        if (block(entry, counter, now + limits.blockSeconds, now)) {
+        if (block(entry, counter, limits, now)) {
             logBlock("sender", sender.asString(), rateCounterName(counter), counted[i], limits.most[i],
                      limits.blockSeconds);
         }
@@ -221,6 +224,25 @@ MailCounts::BlockRound MailCounts::liftBlocks(long now) {
         Logger::instance(false).note(Logger::Severity::info, line);
     }
     return round;
+}
+
+MailCounts::Reset MailCounts::reset(EmailAddress const& sender) {
+    SenderRateControl::RefEntry entry(false);
+    {
+        SenderRateControl::Cache const& cache = **SenderRateControl::RefCache::instance();
+        SharedLock const hold(cache.lock);
+        if (auto const found = cache.lookup(sender); found != cache.end()) {
+            entry = found->second;
+        }
+    }
+    if (entry.isNull()) {
+        return {};
+    }
+    Synchronized const hold(blocking());
+    bool const wasBlocked = entry->state() != RateState::normal;
+    std::size_t const periods = entry->forget();
+    entry->reset();
+    return {.known = true, .wasBlocked = wasBlocked, .periods = periods};
 }
 
 void MailCounts::dropOldHours(long now) {

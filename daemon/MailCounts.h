@@ -11,9 +11,10 @@
 //   endpoint            of the subscriber whose address the client has, by slice: spam, infected
 //
 // A sender whose total of half an hour is above its limit is blocked for a while, by the first such counter; the entry
-// says so in state, reason and end. The block is lifted when its time is over: the totals then count afresh, and one
-// message more blocks again when they are still above. A subscriber whose score reaches its threshold is blacklisted
-// until an expiry. Each has a line in the log:
+// says so in state, reason and end. The block is lifted when its time is over. The totals stay: of a block shorter than
+// half an hour they may still be above the limit then, and one message more blocks again, for the limits are those of
+// half an hour. Only reset() forgets them. A subscriber whose score reaches its threshold is blacklisted until an
+// expiry. Each has a line in the log:
 //
 //   action=block, sender=jo@example.org, reason=recipients, total=501, limit=500, seconds=1800
 //   action=unblock, sender=jo@example.org
@@ -72,6 +73,15 @@ class MailCounts : public MessageObserver {
         std::size_t remaining = 0; // senders that are blocked still
     };
     static BlockRound liftBlocks(long now);
+
+    // Lifts the sender's block, if there is one, and forgets his totals: he may send as much again as anybody.
+    struct Reset {
+        bool known = false;      // there is an entry
+        bool wasBlocked = false; // or in another state that the host has set
+        std::size_t periods = 0; // of five minutes, forgotten
+    };
+    static Reset reset(EmailAddress const& sender);
+
     // Drops the hours of sender reputation that no score counts any more; to be called now and then. An address that
     // sends on would otherwise gather one record each hour, in memory and in the table.
     static void dropOldHours(long now);

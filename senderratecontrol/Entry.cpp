@@ -61,6 +61,14 @@ void Entry::totalsNoLock(unsigned int firstPeriod, SenderRateControlRecord& out)
     }
 }
 
+std::size_t Entry::forget() {
+    ExclusiveLock const changing(s_lock);
+    Synchronized const touching(s_recordsLock);
+    std::size_t const periods = m_records.size();
+    m_records.clear();
+    return periods;
+}
+
 void Entry::prefetchRecords(Entry const* const* entries, std::size_t count) {
     constexpr std::size_t most = 2 * periodsTotalled; // of which something may remain
     Synchronized const touching(s_recordsLock);

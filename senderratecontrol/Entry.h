@@ -99,6 +99,10 @@ class Entry : public boost::enable_shared_from_this<Entry> {
     // reads here to agree with something else; the copy itself is whole without it.
     Records records() const;
 
+    // Forgets every period, so that totals start at 0 again; state, reason and end stay. Answers how many periods there
+    // were. Takes `s_lock` exclusively.
+    std::size_t forget() VELLUM_EXCLUDES(s_lock);
+
     // Tells the processor that totals of these entries will be asked for at once.
     static void prefetchRecords(Entry const* const* entries, std::size_t count);
 

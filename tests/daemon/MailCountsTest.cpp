@@ -143,6 +143,43 @@ TEST(MailCounts, BlockIsLiftedWhenItsTimeIsOver) {
     EXPECT_EQ(entry->state(), RateState::blocked) << "they are above the limit yet";
 }
 
+TEST(MailCounts, SenderThatWasResetMaySendAsMuchAgainAsAnybody) {
+    CountsFixture families({.rate = {.most = {0, 10, 0, 0, 0}, .strangers = true, .blockSeconds = 600}});
+    EmailAddress const jo = EmailAddress::fromAddress("jo@example.org");
+    families.counts.messageEnded(summary("192.0.2.1", "jo@example.org", 2), CountsFixture::start - 300);
+    families.counts.messageEnded(summary("192.0.2.1", "jo@example.org", 9), CountsFixture::start);
+    auto const entry = CountsFixture::rateOf("jo@example.org");
+    ASSERT_EQ(entry->state(), RateState::blocked);
+    MailCounts::Reset const reset = MailCounts::reset(jo);
+    EXPECT_TRUE(reset.known);
+    EXPECT_TRUE(reset.wasBlocked);
+    EXPECT_EQ(reset.periods, 2U);
+    EXPECT_EQ(entry->state(), RateState::normal);
+    EXPECT_EQ(entry->blockedUntil(), 0);
+    EXPECT_EQ(entry->blockedReason(), 0U);
+    for (int message = 1; message <= 10; ++message) {
+        families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start + message);
+        EXPECT_EQ(entry->state(), RateState::normal) << "message " << message << " after the reset";
+    }
+    families.counts.messageEnded(summary("192.0.2.1", "jo@example.org"), CountsFixture::start + 11);
+    EXPECT_EQ(entry->state(), RateState::blocked) << "the limit holds again";
+}
+
+TEST(MailCounts, ResetOfWhoIsNotBlockedForgetsTheTotalsAndOfAStrangerMakesNoEntry) {
+    CountsFixture families;
+    families.counts.messageEnded(summary("192.0.2.1", "jo@example.org", 9), CountsFixture::start);
+    MailCounts::Reset const reset = MailCounts::reset(EmailAddress::fromAddress("jo@example.org"));
+    EXPECT_TRUE(reset.known);
+    EXPECT_FALSE(reset.wasBlocked);
+    EXPECT_EQ(reset.periods, 1U);
+    EXPECT_EQ(CountsFixture::halfHour("jo@example.org"), Counts(5, 0));
+    MailCounts::Reset const unknown = MailCounts::reset(EmailAddress::fromAddress("al@example.org"));
+    EXPECT_FALSE(unknown.known);
+    EXPECT_FALSE(unknown.wasBlocked);
+    EXPECT_EQ(unknown.periods, 0U);
+    EXPECT_EQ(SenderRateControl::sizeOf(CountsFixture::rates()), 1U);
+}
+
 TEST(MailCounts, HoursThatNoScoreCountsAnyMoreAreDropped) {
     CountsFixture families;
     long const later = CountsFixture::start + 12 * 3600;

@@ -142,8 +142,10 @@ class Counting(unittest.TestCase):
         self.assertEqual(self.explained("192.0.2.120", "jo@toomuch.example")["verdict"]["reason"], "sender-blocked")
         self.assertIn("jo@toomuch.example", world.vellum.ctl("rate", "list", "--blocked"))
         self.assertEqual(world.vellum.ctl("rate", "reset", "jo@toomuch.example"),
-                         "jo@toomuch.example: the block is lifted\n")
-        self.assertEqual(self.send(client, "jo@toomuch.example", "a@example.org")[0].code, 250)
+                         "jo@toomuch.example: the block is lifted, and its mail is counted afresh\n")
+        for number in range(2):
+            self.assertEqual(self.send(client, "jo@toomuch.example", "a@example.org")[0].code, 250, number)
+        self.assertEqual(self.explained("192.0.2.120", "jo@toomuch.example")["rate"]["totals"]["recipients"], 2)
 
     def test_address_of_bad_reputation_is_rejected(self):
         client = Client("192.0.2.130")

@@ -114,8 +114,10 @@ class WholeDaemon(unittest.TestCase):
         replies, _ = attempt(client, "jo@toomany.example", f"ann@{DOMAIN}")
         self.assertRegex(str(replies[0]), r"^450 4\.7\.1 .*Too much mail from this sender, .* in \d+ seconds")
         world.vellum.ctl("rate", "reset", "jo@toomany.example")
-        replies, _ = attempt(client, "jo@toomany.example", f"ann@{DOMAIN}")
-        self.assertEqual(replies[0].code, 250, "five tuples of its network and domain have passed: it is exempt")
+        for _ in range(2):
+            replies, end = attempt(client, "jo@toomany.example", f"ann@{DOMAIN}")
+            self.assertEqual(replies[0].code, 250, "five tuples of its network and domain have passed: it is exempt")
+            self.assertEqual(end.code, 250)
 
     def everything_saved_is_there_after_a_crash(self):
         def state():

@@ -105,6 +105,25 @@ TEST(RateEntry, IncrementOfNothingMakesTheRecordToo) {
     EXPECT_EQ(periodsOf(entry), std::vector<unsigned int>{current});
 }
 
+TEST(RateEntry, ForgettingDropsAllPeriodsAndNothingElse) {
+    Entry entry;
+    EXPECT_EQ(entry.forget(), 0U);
+    for (unsigned int const period : {current - 7, current - 5, current}) {
+        entry.increment(Entry::Attribute2, period, 3);
+    }
+    entry.state(RateControlState::blocked);
+    entry.blockedUntil(now + 60);
+    entry.blockedReason(Entry::Attribute2);
+    EXPECT_EQ(entry.forget(), 3U);
+    EXPECT_EQ(periodsOf(entry), std::vector<unsigned int>{});
+    EXPECT_EQ(totalsAt(entry, now), Counts(5, 0));
+    EXPECT_EQ(entry.state(), RateControlState::blocked);
+    EXPECT_EQ(entry.blockedUntil(), now + 60);
+    EXPECT_EQ(entry.blockedReason(), Entry::Attribute2);
+    entry.increment(Entry::Attribute2, current, 1);
+    EXPECT_EQ(totalsAt(entry, now), (Counts{0, 1, 0, 0, 0}));
+}
+
 TEST(RateEntry, AddReplacesTheWholeRecord) {
     Entry entry;
     entry.increment(Entry::Attribute1, current, 7);

@@ -217,7 +217,7 @@ class Parser {
         addRateReset(rate);
     }
     void addRateReset(CLI::App& rate) {
-        CLI::App& reset = *addLeaf(rate, "reset", "Lift a sender's block; what was counted stays", Command::rateReset,
+        CLI::App& reset = *addLeaf(rate, "reset", "Lift a sender's block and count his mail afresh", Command::rateReset,
                                    HelpText::rateReset);
         reset.add_option("SENDER", m_arguments.message.sender, "The mailbox")->required()->type_name("");
         addPlaceOptions(reset);

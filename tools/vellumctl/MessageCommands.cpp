@@ -91,9 +91,9 @@ void resetRate(DaemonConnection& daemon, MessageRequest const& request, Output& 
         ask(daemon, IPC::PduType::adminResetRate, {{"sender", request.sender.value_or("")}}, request.json, output);
     if (!request.json) {
         bool const blocked = answer.at("was_blocked").get<bool>();
-        output.write(shown(answer, "sender") + (blocked ? ": the block is lifted\n"
+        output.write(shown(answer, "sender") + (blocked ? ": the block is lifted, and its mail is counted afresh\n"
                                                 : answer.at("known").get<bool>()
-                                                    ? ": was not blocked\n"
+                                                    ? ": was not blocked; its mail is counted afresh\n"
                                                     : ": nothing is known of this sender\n"));
         output.flush();
     }
