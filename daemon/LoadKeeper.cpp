@@ -52,11 +52,14 @@ void LoadKeeper::tryAgain() {
         DatabaseDaemon::askWhetherSettled() == DatabaseDaemon::Answer::notSettled) {
         return;
     }
-    if (outdated) {
-        m_tables.loadAnew();
-        m_loadedFor = activation; // whatever came of it: what is missing now is a problem like that of any load
-    } else {
-        m_tables.loadAgain();
+    {
+        RepeatedFailures::Round const round(m_failures, m_tables.problem());
+        if (outdated) {
+            m_tables.loadAnew();
+            m_loadedFor = activation; // whatever came of it: what is missing now is a problem like that of any load
+        } else {
+            m_tables.loadAgain();
+        }
     }
     sayWhatCame(outdated);
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "foundation/Locks.h"
+#include "foundation/RepeatedFailures.h"
 
 #include <atomic>
 #include <cstdint>
@@ -56,8 +57,8 @@ class LoadKeeper {
     // The word holds for what is wrong now: a later load that fails in another way shuts the gate again.
     bool accept();
 
-    // Loads again when the last load has failed and nobody has accepted that, and anew after an activation. Logs what
-    // comes of it. One at a time.
+    // Loads again when the last load has failed and nobody has accepted that, and anew after an activation. Logs why it
+    // fails when that is not what the load before has said, and that it has succeeded. One at a time.
     void tryAgain();
 
   private:
@@ -68,6 +69,7 @@ class LoadKeeper {
     std::function<void()> m_loaded;
     std::function<std::uint64_t()> m_activations;
     std::atomic<std::uint64_t> m_loadedFor{0}; // the activation that the last load belongs to
+    RepeatedFailures m_failures;               // of the loads that were tried again
     mutable Mutex m_lock;
     std::string m_acceptedProblem VELLUM_GUARDED_BY(m_lock); // empty: nothing was accepted
 };

@@ -1,4 +1,5 @@
-// Where exceptions end: jobs, detached threads, rows that are passed over.
+// Where exceptions end: jobs, detached threads, rows that are passed over. What is tried again and again may pass over
+// what it has said already: RepeatedFailures.h.
 #pragma once
 
 #include "foundation/Exception.h"

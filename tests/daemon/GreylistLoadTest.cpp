@@ -2,6 +2,7 @@
 #include "daemon/LoadKeeper.h"
 
 #include "foundation/database/DatabaseDaemon.h"
+#include "greylist/LogCodes.h"
 #include "tests/support/FakeDatabaseDaemon.h"
 #include "tests/support/GreylistTables.h"
 
@@ -62,6 +63,38 @@ TEST_F(GreylistLoadTest, WhatWasForgottenDuringARetryThatFailsStaysForgotten) {
     m_exemptions.remove(exemption(0));
     loadAgain();
     EXPECT_THAT(exemptionsHeld(), IsEmpty());
+}
+
+// A minute passes between two tries: the same trouble would fill the log with 1,440 records a day.
+TEST_F(GreylistLoadTest, TroubleThatLastsIsLoggedWhenItBeginsChangesAndEnds) {
+    FakeDatabaseDaemon const daemon;
+    run({"insert into grey_list values ('no network', 'e@f', 'g@h', 1, 100)",
+         "insert into autoexempt values ('nor this', 'A.example', 5, 6)"});
+    m_log.clear();
+    read();
+    ASSERT_EQ(m_log.records(LogCode::readFailed).size(), 2U) << "one for each table";
+    Daemon::LoadKeeper keeper(Daemon::greylistTables());
+    keeper.tryAgain();
+    std::size_t const before = m_log.records(LogCode::readFailed).size();
+    EXPECT_LE(before, 3U) << "that of the tuples is known from the load before";
+    for (int minute = 0; minute < 5; ++minute) {
+        keeper.tryAgain();
+    }
+    EXPECT_EQ(m_log.records(LogCode::readFailed).size(), before);
+
+    run({"update grey_list set ClientIPAddress = 'another network'"});
+    keeper.tryAgain();
+    keeper.tryAgain();
+    ASSERT_EQ(m_log.records(LogCode::readFailed).size(), before + 1) << "of the tuples, once";
+    EXPECT_THAT(m_log.records(LogCode::readFailed).back().text, HasSubstr("\"another network\" is not a network"));
+
+    run({"delete from grey_list", "delete from autoexempt"});
+    keeper.tryAgain();
+    EXPECT_THAT(m_log.notes(), ElementsAre("the tables that could not be loaded are loaded now: backups are on again"));
+    EXPECT_EQ(m_log.records(LogCode::readFailed).size(), before + 1);
+    run({"insert into autoexempt values ('nor this', 'A.example', 5, 6)"});
+    read();
+    EXPECT_EQ(m_log.records(LogCode::readFailed).size(), before + 2) << "a reload that is asked for says it always";
 }
 
 TEST_F(GreylistLoadTest, AcceptedScriptThatIsNotInTheTablesYetIsWaitedFor) {

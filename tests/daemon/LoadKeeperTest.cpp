@@ -3,6 +3,8 @@
 
 #include "daemon/ReputationConfiguration.h"
 #include "reputation/LoadReport.h"
+#include "reputation/LogCodes.h"
+#include "tests/support/FakeDatabaseDaemon.h"
 #include "tests/support/ReputationTables.h"
 
 #include <gmock/gmock.h>
@@ -188,6 +190,30 @@ TEST_F(ReputationLoadTest, WithoutAnyLoadBackupsAreOff) {
     run({"drop table sender_reputation"});
     read();
     EXPECT_THAT(reputationTables().problem(), HasSubstr("sender_reputation' doesn't exist"));
+}
+
+TEST_F(ReputationLoadTest, TroubleThatLastsIsLoggedWhenItBeginsChangesAndEnds) {
+    FakeDatabaseDaemon const daemon;
+    run({"alter table sender_reputation rename to elsewhere"});
+    m_log.clear();
+    read();
+    LoadKeeper keeper(reputationTables());
+    for (int minute = 0; minute < 5; ++minute) {
+        keeper.tryAgain();
+    }
+    ASSERT_EQ(m_log.records(Reputation::LogCode::readFailed).size(), 1U);
+    EXPECT_THAT(m_log.records().at(0).text, HasSubstr("sender_reputation' doesn't exist"));
+    run({"alter table elsewhere rename to sender_reputation",
+         "alter table sender_reputation_state rename to elsewhere"});
+    keeper.tryAgain();
+    keeper.tryAgain();
+    ASSERT_EQ(m_log.records(Reputation::LogCode::readFailed).size(), 2U);
+    EXPECT_THAT(m_log.records().at(1).text, HasSubstr("sender_reputation_state' doesn't exist"));
+    run({"alter table elsewhere rename to sender_reputation_state"});
+    keeper.tryAgain();
+    EXPECT_THAT(m_log.notes(), ElementsAre("the tables of sender reputation that could not be loaded are loaded now: "
+                                           "backups are on again"));
+    EXPECT_EQ(m_log.records(Reputation::LogCode::readFailed).size(), 2U);
 }
 
 // The daemon counts on while it waits for the database; a load must not take that back, nor count anything twice.

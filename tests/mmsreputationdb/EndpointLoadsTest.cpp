@@ -3,6 +3,7 @@
 #include "daemon/LastBackup.h"
 #include "daemon/LoadKeeper.h"
 
+#include "mmsreputation/LogCodes.h"
 #include "tests/support/EndpointTables.h"
 #include "tests/support/FakeDatabaseDaemon.h"
 #include "tests/support/UnreachableServer.h"
@@ -105,6 +106,26 @@ TEST_F(EndpointInDaemon, LoadIsTriedAgainAndKeepsWhatWasCountedMeanwhile) {
                                     "2 " + std::string(inTheYear2037) + " " + std::to_string(m_slice - 1) + ":1:0 " +
                                         m_at + ":7:7",
                                     "3 77 " + m_at + ":0:2"));
+}
+
+TEST_F(EndpointInDaemon, TroubleThatLastsIsLoggedWhenItBeginsChangesAndEnds) {
+    run({"insert into mms_exempt values ('')"});
+    m_log.clear();
+    load();
+    for (int minute = 0; minute < 5; ++minute) {
+        m_loads.tryAgain();
+    }
+    ASSERT_EQ(m_log.records(MMSReputation::LogCode::readFailed).size(), 1U);
+    EXPECT_THAT(m_log.records(MMSReputation::LogCode::readFailed).at(0).text, HasSubstr("row 1 of mms_exempt"));
+    run({"delete from mms_exempt", "insert into mms_blacklist values ('')"});
+    m_loads.tryAgain();
+    m_loads.tryAgain();
+    ASSERT_EQ(m_log.records(MMSReputation::LogCode::readFailed).size(), 2U);
+    EXPECT_THAT(m_log.records(MMSReputation::LogCode::readFailed).at(1).text, HasSubstr("row 1 of mms_blacklist"));
+    run({"delete from mms_blacklist"});
+    m_loads.tryAgain();
+    EXPECT_EQ(note(), "the endpoint tables that could not be loaded are loaded now: backups are on again");
+    EXPECT_EQ(m_log.records(MMSReputation::LogCode::readFailed).size(), 2U);
 }
 
 TEST_F(EndpointInDaemon, MissedListsAreReadAgainWithoutTheEntries) {
