@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <string_view>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,6 +27,24 @@ std::vector<char*> pointers(std::vector<std::string> const& texts) {
         all.push_back(const_cast<char*>(text.c_str()));
     }
     all.push_back(nullptr);
+    return all;
+}
+
+std::string_view nameOf(std::string_view variable) {
+    return variable.substr(0, variable.find('='));
+}
+
+// Each name once: which of two a program sees is up to the program.
+std::vector<char*> environmentWith(std::vector<std::string> const& given) {
+    std::vector<char*> all;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        if (std::none_of(given.begin(), given.end(),
+                         [&](std::string const& one) { return nameOf(one) == nameOf(*variable); })) {
+            all.push_back(*variable);
+        }
+    }
+    std::vector<char*> const ours = pointers(given);
+    all.insert(all.end(), ours.begin(), ours.end());
     return all;
 }
 
@@ -107,12 +126,7 @@ std::string CommandOutcome::asString(milliseconds limit) const {
 CommandOutcome runCommand(std::vector<std::string> const& words, milliseconds limit,
                           std::vector<std::string> const& environment) {
     std::vector<char*> const arguments = pointers(words);
-    std::vector<char*> variables = pointers(environment);
-    variables.pop_back();
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        variables.push_back(*variable);
-    }
-    variables.push_back(nullptr);
+    std::vector<char*> variables = environmentWith(environment);
     SpawnPlan const plan;
     pid_t process = 0;
     int const problem =

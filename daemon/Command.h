@@ -23,9 +23,9 @@ struct CommandOutcome {
     std::string asString(std::chrono::milliseconds limit) const;
 };
 
-// `words`: the program's path and its arguments. It gets this process's environment with `environment` ("NAME=VALUE")
-// behind it, no descriptors, nothing as its input, no blocked signals, and a process group of its own, which is killed
-// as a whole when the limit is over. What it writes is lost.
+// `words`: the program's path and its arguments. It gets `environment` ("NAME=VALUE") and this process's own but for
+// the names that stand there, no descriptors, nothing as its input, no blocked signals, and a process group of its own,
+// which is killed as a whole when the limit is over. What it writes is lost.
 //
 // Waits for its end. Several may run at once, from any thread. Never throws but std::bad_alloc.
 CommandOutcome runCommand(std::vector<std::string> const& words, std::chrono::milliseconds limit,

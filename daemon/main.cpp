@@ -24,6 +24,7 @@ void blockSignals() {
     pthread_sigmask(SIG_BLOCK, &taken, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error to tell, not an end
+    std::signal(SIGCHLD, SIG_DFL); // where whoever started this ignores it, the kernel would keep no child's status
 }
 
 } // namespace

@@ -5,12 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <pthread.h>
+#include <string>
 #include <sys/stat.h>
+#include <vector>
 
 namespace Vellum::Daemon {
 namespace {
@@ -80,6 +83,23 @@ TEST(Command, ThereIsNoShellBetween) {
 TEST(Command, TheEnvironmentIsOursAndWhatWasAdded) {
     ::setenv("COMMAND_TEST", "kept", 1);
     EXPECT_TRUE(shell("test \"$COMMAND_TEST:$ADDED\" = 'kept:a b'", 60s, {"ADDED=a b"}).hasSucceeded());
+}
+
+TEST(Command, AGivenVariableTakesThePlaceOfOurs) {
+    TemporaryDirectory const directory;
+    std::string const file = directory.path() + "/environment";
+    ::setenv("COMMAND_TEST", "ours", 1);
+    ::setenv("COMMAND_TEST_2", "ours", 1);
+    EXPECT_TRUE(shell("tr '\\0' '\\n' < /proc/$$/environ | grep ^COMMAND_TEST > " + file, 60s, {"COMMAND_TEST=theirs"})
+                    .hasSucceeded());
+    std::ifstream in(file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ(lines, (std::vector<std::string>{"COMMAND_TEST=theirs", "COMMAND_TEST_2=ours"}))
+        << "each name once, and another that begins like it stays";
 }
 
 TEST(Command, ItGetsNoDescriptorsNoInputAndNoBlockedSignals) {
