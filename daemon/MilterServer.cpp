@@ -252,6 +252,14 @@ std::string libraryAddress(ListenAddress const& address) {
     return (host.isV6() ? "inet6:" : "inet:") + std::to_string(address.inet.port()) + '@' + host.asString();
 }
 
+// Why the library ended: it takes signals to end in a thread of its own, and gives up after sixteen accepts in a row
+// that failed, waiting a second longer after each, which takes 136 seconds.
+std::string reasonOf(int outcome) {
+    return outcome == MI_SUCCESS ? "its library took a signal to end"
+                                 : "its library has given up; for two minutes it could not accept a connection, most "
+                                   "likely because this process has too many files open";
+}
+
 [[noreturn]] void fail(ListenAddress const& address, std::string const& reason) {
     throw Exception("MilterServer", Exception::failure).stringParameter(address.asString()).stringParameter(reason);
 }
@@ -292,7 +300,7 @@ void MilterServer::start(MilterServerOptions const& options) {
         int const outcome = smfi_main();
         here.running = false;
         if (!here.stopping) {
-            note(Logger::Severity::error, "the milter front has ended by itself (" + std::to_string(outcome) + ")");
+            note(Logger::Severity::error, "the milter front has ended by itself: " + reasonOf(outcome));
             if (hasEnded) {
                 hasEnded();
             }

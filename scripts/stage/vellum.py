@@ -87,6 +87,11 @@ class Vellum:
         self.daemon = Process(stage, "vellumd", [self.programs / "vellumd", "--config", self.settings_path],
                               self.directory / "vellumd.out", self._clock)
 
+    @property
+    def milter_address(self):
+        """Where the milter front listens, as main.cf writes it; None without one."""
+        return self.settings.get("milter", {}).get("listen")
+
     def write_settings(self):
         self.settings_path.write_text(toml_file(self.settings))
         self.settings_path.chmod(0o600)

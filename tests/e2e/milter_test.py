@@ -193,7 +193,7 @@ class SignalThatTheLibraryTook(unittest.TestCase):
         self.assertEqual(tgkill(world.vellum.daemon.pid, thread, signal.SIGTERM), 0, os.strerror(ctypes.get_errno()))
         self.assertEqual(world.vellum.daemon.wait(), 75)
         news = world.vellum.log()[len(before):]
-        self.assertIn("the milter front has ended by itself (0)", news)
+        self.assertIn("the milter front has ended by itself: its library took a signal to end", news)
         self.assertRegex(news, r"last backup: .* are with the database daemon")
         self.assertRegex(news, r"\bended\n")
         world.vellum.start_daemon()

@@ -44,7 +44,7 @@ class World:
             self.vellum.start()
             self.postfix = postfix and PrivatePostfix(
                 self.stage, [DOMAIN], policy=f"unix:{self.vellum.policy_socket}" if policy else None,
-                milter=f"unix:{self.vellum.milter_socket}" if milter is not None else None)
+                milter=self.vellum.milter_address)
         except BaseException:
             self.stage.close()
             raise
