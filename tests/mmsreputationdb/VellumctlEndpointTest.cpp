@@ -118,6 +118,19 @@ TEST_F(VellumctlEndpoint, ShowsOneOrSaysThatThereIsNone) {
                  "lately\n");
 }
 
+TEST_F(VellumctlEndpoint, SaysWhenANumberWasComparedByItsBeginOnly) {
+    std::string const whole(35, '1');
+    m_cache->entry(MSISDN(whole + "2"), currentSlice(), true);
+    expectDone(run({"show", whole + "2"}),
+               "number             " + whole + "\nscore              0\nblacklisted until  -\n" +
+                   "note               only the first 35 of the number's 36 characters are told and were compared\n");
+    expectDone(run({"show", whole}), "number             " + whole + "\nscore              0\nblacklisted until  -\n");
+    expectDone(run({"remove", whole + "2"}),
+               whole +
+                   "2 is removed from the daemon's memory (only the first 35 of the number's 36 characters are told "
+                   "and were compared)\n");
+}
+
 TEST_F(VellumctlEndpoint, RemovesOne) {
     fill();
     expectDone(run({"remove", "15555550001"}), "15555550001 is removed from the daemon's memory\n");

@@ -1,6 +1,5 @@
 #include "tools/vellumctl/AdminCommands.h"
 
-#include "foundation/Escape.h"
 #include "tools/vellumctl/Failure.h"
 #include "tools/vellumctl/StatusText.h"
 
@@ -10,15 +9,6 @@
 
 namespace Vellum::Tools {
 namespace {
-
-// The daemon's own words for what went wrong; empty when nothing did.
-std::string errorIn(Json const& answer) {
-    auto const found = answer.find("error");
-    if (found == answer.end()) {
-        return {};
-    }
-    return found->is_string() ? escapeForLog(found->get<std::string>()) : found->dump();
-}
 
 // A number of a progress unit; 0 for whatever else stands there.
 std::uint64_t countIn(Json const& progress, char const* key) {
@@ -39,7 +29,7 @@ bool confirmed() {
 } // namespace
 
 void AdminCommands::writeJson(Json const& answer) {
-    m_output.write(answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n");
+    m_output.write(prettyJson(answer));
     m_output.flush();
 }
 
@@ -52,10 +42,7 @@ void AdminCommands::settle(Json const& answer) {
     if (m_json) {
         writeJson(answer);
     }
-    std::string const error = errorIn(answer);
-    if (!error.empty()) {
-        throw Failure(ExitCode::failed, error);
-    }
+    failOnError(answer);
 }
 
 void AdminCommands::status() {

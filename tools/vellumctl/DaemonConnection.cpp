@@ -1,5 +1,6 @@
 #include "tools/vellumctl/DaemonConnection.h"
 
+#include "foundation/Escape.h"
 #include "foundation/Exception.h"
 #include "foundation/ipc/Endpoint.h"
 #include "tools/vellumctl/Failure.h"
@@ -85,6 +86,24 @@ Json DaemonConnection::ask(IPC::PduType request, Json const& content, Progress c
             progress(json);
         }
     }
+}
+
+std::string errorIn(Json const& answer) {
+    auto const found = answer.find("error");
+    if (found == answer.end()) {
+        return {};
+    }
+    return escapeForLog(found->is_string() ? found->get<std::string>() : found->dump());
+}
+
+void failOnError(Json const& answer) {
+    if (std::string const error = errorIn(answer); !error.empty()) {
+        throw Failure(ExitCode::failed, error);
+    }
+}
+
+std::string prettyJson(Json const& answer) {
+    return answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
 void DaemonConnection::unexpected(IPC::Pdu const& unit) const {

@@ -53,4 +53,11 @@ class DaemonConnection {
     bool m_answered = false; // the daemon has sent something on this connection
 };
 
+// The daemon's own words for what went wrong, escaped; empty when the answer tells of no error.
+std::string errorIn(Json const& answer);
+// Throws Failure (failed) with them, if there are any.
+void failOnError(Json const& answer);
+// The answer as --json writes it: indented, in ASCII, with a line end.
+std::string prettyJson(Json const& answer);
+
 } // namespace Vellum::Tools

@@ -65,17 +65,24 @@ std::uint64_t countOf(DaemonConnection& daemon) {
 
 // A record tells the first characters of a number only, so a longer one is found by these.
 std::optional<EndpointRecord> find(DaemonConnection& daemon, std::string const& number) {
-    constexpr std::size_t told = 35;
     ListingReader reader = listing(daemon);
     EndpointRecord record;
     while (std::optional<std::string_view> const payload = reader.next()) {
         Detail::decode(record, *payload);
-        if (record.number == number.substr(0, told)) {
+        if (record.number == number.substr(0, EndpointRecord::told)) {
             reader.stop();
             return record;
         }
     }
     return std::nullopt;
+}
+
+// Said of a number that a record does not tell whole: another one that begins like it could be meant.
+std::string cutText(std::string const& number) {
+    return number.size() <= EndpointRecord::told
+               ? ""
+               : "only the first " + std::to_string(EndpointRecord::told) + " of the number's " +
+                     std::to_string(number.size()) + " characters are told and were compared";
 }
 
 } // namespace
@@ -97,13 +104,15 @@ void showEndpoint(DaemonConnection& daemon, std::string const& number, EndpointS
     if (!record) {
         throw Failure(ExitCode::failed, number + " is not in the daemon's memory: nothing was counted of it lately");
     }
+    std::string const cut = cutText(number);
     if (style.json) {
         appendJson(output.buffer(), *record);
         output.write("\n");
     } else {
         output.write("number             " + escapeForLog(record->number) + "\nscore              " +
                      std::to_string(record->score) + "\nblacklisted until  " +
-                     (record->expiry == 0 ? "-" : timeText(record->expiry, style.now)) + "\n");
+                     (record->expiry == 0 ? "-" : timeText(record->expiry, style.now)) + "\n" +
+                     (cut.empty() ? "" : "note               " + cut + "\n"));
     }
     output.flush();
 }
@@ -112,7 +121,9 @@ void removeEndpoint(DaemonConnection& daemon, std::string const& number, Output&
     bool const wasThere = find(daemon, number).has_value();
     daemon.send(IPC::PduType::removeEndpoint, number);
     countOf(daemon); // the removal is not answered, but what comes behind it is
-    output.write(number + (wasThere ? " is removed from the daemon's memory\n" : " was not in the daemon's memory\n"));
+    std::string const cut = cutText(number);
+    output.write(number + (wasThere ? " is removed from the daemon's memory" : " was not in the daemon's memory") +
+                 (cut.empty() ? "" : " (" + cut + ")") + "\n");
     output.flush();
 }
 

@@ -3,6 +3,7 @@
 
 #include "mmsreputation/vellum_mms_reputation.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -10,7 +11,10 @@
 namespace Vellum::Tools {
 
 struct EndpointRecord {
-    std::string number; // cut at 35 characters
+    // Characters of a number that a record tells; its field ends with a NUL.
+    static constexpr std::size_t told = sizeof(mms_reputation_display_packet::msisdn) - 1;
+
+    std::string number; // cut at `told` characters
     std::uint32_t score = 0;
     std::int64_t expiry = 0; // of the automatic blacklisting, seconds since the epoch; 0: none
 

@@ -41,12 +41,10 @@ Json asJson(MessageRequest const& request) {
 Json ask(DaemonConnection& daemon, IPC::PduType type, Json const& question, bool json, Output& output) {
     Json answer = daemon.ask(type, question);
     if (json) {
-        output.write(answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n");
+        output.write(prettyJson(answer));
         output.flush();
     }
-    if (auto const error = answer.find("error"); error != answer.end()) {
-        throw Failure(ExitCode::failed, error->is_string() ? escapeForLog(error->get<std::string>()) : error->dump());
-    }
+    failOnError(answer);
     return answer;
 }
 

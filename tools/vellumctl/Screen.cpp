@@ -52,6 +52,15 @@ void writeAll(std::string_view text) {
     }
 }
 
+// The terminal and its signals, as they were found.
+void giveBack() {
+    restore();
+    for (int const signal : endings) {
+        handle(signal, SIG_DFL);
+    }
+    handle(SIGWINCH, SIG_DFL);
+}
+
 bool continuesCharacter(char c) {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
 }
@@ -89,14 +98,16 @@ Screen::Screen() {
     raw.c_cc[VTIME] = 0;
     raw.c_cc[VSUSP] = _POSIX_VDISABLE; // stopped, it would leave the terminal like this
     ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    writeAll(enter);
+    try {
+        writeAll(enter);
+    } catch (...) { // there is no Screen whose end would restore it
+        giveBack();
+        throw;
+    }
 }
 
 Screen::~Screen() {
-    restore();
-    for (int const signal : endings) {
-        handle(signal, SIG_DFL);
-    }
+    giveBack();
 }
 
 void Screen::show(std::string const& text) {

@@ -1,6 +1,5 @@
 #include "tools/vellumctl/TopCommand.h"
 
-#include "foundation/Escape.h"
 #include "tools/vellumctl/Failure.h"
 #include "tools/vellumctl/Screen.h"
 #include "tools/vellumctl/TopText.h"
@@ -18,9 +17,7 @@ using Clock = std::chrono::steady_clock;
 Json ask(DaemonPlace const& place) {
     DaemonConnection daemon(place);
     Json answer = daemon.ask(IPC::PduType::adminMetrics);
-    if (auto const error = answer.find("error"); error != answer.end()) {
-        throw Failure(ExitCode::failed, escapeForLog(error->is_string() ? error->get<std::string>() : error->dump()));
-    }
+    failOnError(answer);
     return answer;
 }
 
@@ -67,8 +64,7 @@ bool waitForNext(Screen& screen, Pages const& pages, Clock::time_point next) {
 void showTop(DaemonPlace const& place, TopRequest const& request, Output& output) {
     if (request.once || request.json) {
         Json const answer = ask(place);
-        output.write(request.json ? answer.dump(2, ' ', true, Json::error_handler_t::replace) + "\n"
-                                  : topText(answer, nullptr));
+        output.write(request.json ? prettyJson(answer) : topText(answer, nullptr));
         output.flush();
         return;
     }
