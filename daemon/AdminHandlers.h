@@ -14,12 +14,14 @@
 //                      "endpoints": {"entries": CACHE, "exempt_list": {"load": LOAD}, "blacklist": {"load": LOAD},
 //                      "backup": the same with "slices" and "subscribers"},
 //                      "database": {"reachable": true, false or null, "as_of", "problem"},
-//                      "decisions": [{"action", "reason", "count"}]}
+//                      "decisions": [DECISION], the sum of both fronts,
+//                      "fronts": [{"front": "policy" or "milter", "decisions": [DECISION]}]}, those that are on
+//                     DECISION: {"action", "reason", "count"}
 //                     CACHE: {"size", "capacity", "load": LOAD}; LOAD: {"attempted", "loaded", "rows", "problem"}
 //   adminBackup       BACKUP: {"accepted", "started", "milliseconds", "tuples", "exemptions", "left_out", "bytes",
 //                      "problem", "reputation" and "endpoints": the same of these}; "accepted": the database daemon
 //                      has the script and will run it. An "error" of one family does not keep the others from their
-//                      backups, unless the greylist's is not allowed.
+//                      backups; the first one is the answer's "error", too.
 //   adminRestore      request {"path": absolute, "dry_run": true or false}
 //                     dry run: {"path", "script": {"bytes", "modified", "tuples", "exemptions", "newest", "complete"},
 //                      "tables": {"tuples", "exemptions"}, "caches": {"tuples", "exemptions"}}; of a script of sender

@@ -1,5 +1,6 @@
 #include "daemon/AdminJson.h"
 
+#include <algorithm>
 #include <unistd.h>
 
 namespace Vellum::Daemon {
@@ -9,6 +10,28 @@ Json asJson(DaemonStatus::DatabaseState const& state) {
     return {{"reachable", state.reachable ? Json(*state.reachable) : Json()},
             {"as_of", state.asOf},
             {"problem", state.problem}};
+}
+
+Json asJson(DaemonStatus::DecisionCount const& decision) {
+    return {{"action", decision.action}, {"reason", decision.reason}, {"count", decision.count}};
+}
+
+// By action and reason, in the order in which they are met first.
+std::vector<DaemonStatus::DecisionCount> sumOf(std::vector<DaemonStatus::FrontDecisions> const& fronts) {
+    std::vector<DaemonStatus::DecisionCount> sums;
+    for (DaemonStatus::FrontDecisions const& front : fronts) {
+        for (DaemonStatus::DecisionCount const& decision : front.decisions) {
+            auto const found = std::find_if(sums.begin(), sums.end(), [&](auto const& sum) {
+                return sum.action == decision.action && sum.reason == decision.reason;
+            });
+            if (found == sums.end()) {
+                sums.push_back(decision);
+            } else {
+                found->count += decision.count;
+            }
+        }
+    }
+    return sums;
 }
 
 // What the backups of all families tell.
@@ -62,13 +85,26 @@ Json asJson(DatabaseDaemon::ScriptOutcome::Refusal const& refusal) {
 
 Json asJson(DaemonStatus const& status, long now) {
     Json decisions = Json::array();
-    for (DaemonStatus::DecisionCount const& decision : status.decisions) {
-        decisions.push_back({{"action", decision.action}, {"reason", decision.reason}, {"count", decision.count}});
+    for (DaemonStatus::DecisionCount const& decision : sumOf(status.fronts)) {
+        decisions.push_back(asJson(decision));
     }
-    return {{"version", status.version},           {"pid", ::getpid()},
-            {"started", status.startedAt},         {"uptime_seconds", now - status.startedAt},
-            {"settings", status.settingsPath},     {"policy_listeners", status.policyListeners},
-            {"database", asJson(status.database)}, {"decisions", decisions}};
+    Json fronts = Json::array();
+    for (DaemonStatus::FrontDecisions const& front : status.fronts) {
+        Json ofFront = Json::array();
+        for (DaemonStatus::DecisionCount const& decision : front.decisions) {
+            ofFront.push_back(asJson(decision));
+        }
+        fronts.push_back({{"front", front.front}, {"decisions", ofFront}});
+    }
+    return {{"version", status.version},
+            {"pid", ::getpid()},
+            {"started", status.startedAt},
+            {"uptime_seconds", now - status.startedAt},
+            {"settings", status.settingsPath},
+            {"policy_listeners", status.policyListeners},
+            {"database", asJson(status.database)},
+            {"decisions", decisions},
+            {"fronts", fronts}};
 }
 
 Json asJson(std::string const& path, RestorePreview const& preview) {

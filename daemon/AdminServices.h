@@ -38,7 +38,12 @@ struct DaemonStatus {
     long startedAt = 0; // seconds since the epoch
     std::string settingsPath;
     std::vector<std::string> policyListeners;
-    std::vector<DecisionCount> decisions;
+    // What one front has decided. A recipient that both fronts were asked about is in both.
+    struct FrontDecisions {
+        std::string front; // "policy", "milter"
+        std::vector<DecisionCount> decisions;
+    };
+    std::vector<FrontDecisions> fronts;
     DatabaseState database;
     DatabaseDaemon::ScriptOutcomes scripts{}; // as last told by the database daemon
 };

@@ -62,6 +62,22 @@ std::function<std::uint64_t()> activationsOf(std::shared_ptr<HighAvailability> c
     };
 }
 
+// What a front has decided.
+std::vector<DaemonStatus::DecisionCount> decisionCounts(DecisionCounters const& counters) {
+    std::vector<DaemonStatus::DecisionCount> counts;
+    for (unsigned int i = 0; i < reasonCount; ++i) {
+        auto const reason = static_cast<Verdict::Reason>(i);
+        for (unsigned int j = 0; j < actionCount; ++j) {
+            auto const action = static_cast<Verdict::Action>(j);
+            std::uint64_t const count = counters.of(action, reason);
+            if (count != 0 || action == actionOf(reason)) { // what a reason never led to is only told once
+                counts.push_back({std::string(actionText(action, reason)), std::string(reasonText(reason)), count});
+            }
+        }
+    }
+    return counts;
+}
+
 } // namespace
 
 Daemon::Daemon(std::string settingsPath)
@@ -299,8 +315,9 @@ void Daemon::serveMailServers() {
     }
 }
 
-// The library cannot be started again in this process; who started the process can. Nothing is lost: it was most likely
-// a signal to end that the library took.
+// The library cannot be started again in this process; who started the process can. Nothing is lost: either the library
+// took a signal to end, which was meant for us, or it gave up for want of descriptors, and going on without it would
+// leave them taken: the policy front could accept nobody, either.
 void Daemon::endWithoutMilter() {
     m_milterHasEnded = true;
     m_signals->put(SIGTERM);
@@ -468,26 +485,13 @@ DaemonStatus Daemon::status() const {
     for (ListenAddress const& address : m_policy->addresses()) {
         status.policyListeners.push_back(address.asString());
     }
-    status.decisions = decisionCounts();
+    status.fronts.push_back({"policy", decisionCounts(m_translator->counters())});
+    if (MilterServer::figures().running) {
+        status.fronts.push_back({"milter", decisionCounts(m_milterFront->counters())});
+    }
     status.database = m_databaseWatch.state();
     status.scripts = m_scripts.outcomes();
     return status;
-}
-
-std::vector<DaemonStatus::DecisionCount> Daemon::decisionCounts() const {
-    std::vector<DaemonStatus::DecisionCount> counts;
-    for (unsigned int i = 0; i < reasonCount; ++i) {
-        auto const reason = static_cast<Verdict::Reason>(i);
-        for (unsigned int j = 0; j < actionCount; ++j) {
-            auto const action = static_cast<Verdict::Action>(j);
-            std::uint64_t const count =
-                m_translator->counters().of(action, reason) + m_milterFront->counters().of(action, reason);
-            if (count != 0 || action == actionOf(reason)) { // what a reason never led to is only told once
-                counts.push_back({std::string(actionText(action, reason)), std::string(reasonText(reason)), count});
-            }
-        }
-    }
-    return counts;
 }
 
 MetricFacts Daemon::metricFacts() const {

@@ -74,7 +74,6 @@ class Daemon : private GreylistAdministration {
     void countFamilies();
 
     DecisionSettings decisionSettings() const;
-    std::vector<DaemonStatus::DecisionCount> decisionCounts() const;
     MetricFacts metricFacts() const;
 
     // AdminServices

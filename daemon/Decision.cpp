@@ -3,6 +3,7 @@
 #include "foundation/MailboxSyntax.h"
 #include "greylist/Configuration.h"
 
+#include <array>
 #include <string>
 #include <string_view>
 
@@ -54,6 +55,11 @@ Decision::Decision(GreyList::_TupleCache& tuples, GreyList::_DynamicExemptCache&
                    Standing const* standing)
     : m_tuples(tuples), m_late(tuples), m_autoExemptions(tuples, exemptions), m_settings(std::move(settings)),
       m_standing(standing) {}
+
+std::string_view stageText(Stage stage) {
+    static constexpr std::array<std::string_view, 4> texts{"connect", "sender", "recipient", "end-of-message"};
+    return texts[static_cast<std::size_t>(stage)];
+}
 
 Verdict Decision::at(Stage stage, Message const& message, long now) {
     switch (stage) {
@@ -130,10 +136,11 @@ Verdict Decision::greylist(Message const& message, DecisionSettings const& setti
     return verdict;
 }
 
-Explanation Decision::explain(Message const& message, long now) const {
+Explanation Decision::explain(Message const& message, long now, Stage stage) const {
     auto const settings = m_settings.get();
     Folded const folded(message, *settings);
     Explanation all;
+    all.stage = stage;
     all.network = folded.network;
     all.sender = EmailAddress::fromAddress(folded.sender);
     all.recipient = EmailAddress::fromAddress(folded.recipient);
@@ -153,9 +160,12 @@ Explanation Decision::explain(Message const& message, long now) const {
     return all;
 }
 
-// The steps of atRecipient(), of facts that are there already.
+// The steps of at(), of facts that are there already.
 Verdict Decision::preview(Message const& message, DecisionSettings const& settings, Explanation const& facts,
                           long now) const {
+    if (facts.stage != Stage::recipient) {
+        return standing(message, settings, now).value_or(passes(Reason::incomplete));
+    }
     if (message.client.isNull() || message.recipient.isNull()) {
         return passes(Reason::incomplete);
     }

@@ -49,10 +49,13 @@ struct DecisionSettings {
 
 // How far a message has come.
 enum class Stage : std::uint8_t { connect, sender, recipient, endOfMessage };
+// "connect", "sender", "recipient", "end-of-message"
+std::string_view stageText(Stage stage);
 
-// What a decision at the recipient rests on, step by step. A step that was not reached is told all the same.
+// What a decision rests on, step by step. A step that was not reached is told all the same.
 struct Explanation {
     Verdict verdict;
+    Stage stage = Stage::recipient; // that the verdict is of
     IPAddressMask network;
     EmailAddress sender; // as greylisting takes them: folded
     EmailAddress recipient;
@@ -82,9 +85,10 @@ class Decision {
     Verdict at(Stage stage, Message const& message, long now);
     Verdict atRecipient(Message const& message, long now);
 
-    // What atRecipient() would answer now, and the facts on the way. Changes nothing; an address that was never looked
-    // up is looked up, so the next answer knows its subscriber.
-    Explanation explain(Message const& message, long now) const;
+    // What at() would answer now, and the facts on the way; before the recipient, what is held against those who are
+    // known so far (nothing: "incomplete"), although a mail server may only be told at the recipient. Changes nothing;
+    // an address that was never looked up is looked up, so the next answer knows its subscriber.
+    Explanation explain(Message const& message, long now, Stage stage = Stage::recipient) const;
     // Lets the next message of this tuple through: see _TupleCache::release().
     bool release(Message const& message, long now);
 

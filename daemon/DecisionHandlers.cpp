@@ -48,7 +48,10 @@ class ExplainHandler : public AdminHandler {
             message.recipient = mailbox(requiredText(request, "recipient"), "recipient");
         }
         long const now = m_clock();
-        Json json = asJson(m_decision.explain(message, now), message);
+        Stage const stage = !message.recipient.isNull()  ? Stage::recipient
+                            : request.contains("sender") ? Stage::sender
+                                                         : Stage::connect;
+        Json json = asJson(m_decision.explain(message, now, stage), message);
         if (!request.contains("sender")) { // "<>" is one: that of a bounce
             json["sender"] = nullptr;
         }
@@ -101,7 +104,7 @@ class ResetRateHandler : public AdminHandler {
     Json answer(Json const& request, IPC::SocketIPC&) const override {
         EmailAddress const sender = mailbox(requiredText(request, "sender"), "sender");
         MailCounts::Reset const done = MailCounts::reset(sender);
-        std::string const forgotten = std::to_string(done.periods) + " periods forgotten";
+        std::string const forgotten = "periods forgotten: " + std::to_string(done.periods);
         noteAdministration(Logger::Severity::info, "rate reset of " + escapeForLog(sender.asString()) + ": " +
                                                        (!done.known        ? "there is no such sender"
                                                         : !done.wasBlocked ? "it was not blocked, " + forgotten

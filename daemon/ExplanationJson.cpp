@@ -1,6 +1,7 @@
 #include "daemon/ExplanationJson.h"
 
 #include "daemon/MailCounts.h"
+#include "reputation/ScoreCalculator.h"
 
 #include <string>
 
@@ -11,10 +12,11 @@ Json textOrNull(std::string const& text) {
     return text.empty() ? Json() : Json(text);
 }
 
-Json verdictJson(Verdict const& verdict) {
+Json verdictJson(Verdict const& verdict, Stage stage) {
     return {{"action", actionText(verdict.action, verdict.reason)},
             {"reason", reasonText(verdict.reason)},
-            {"seconds_left", verdict.secondsLeft}};
+            {"seconds_left", verdict.secondsLeft},
+            {"stage", stageText(stage)}};
 }
 
 Json endpointJson(Explanation const& all) {
@@ -56,6 +58,7 @@ Json reputationJson(Explanation const& all) {
     Json hours = Json::array();
     for (auto const& [period, record] : facts.hours) {
         hours.push_back({{"start", std::int64_t{period} * Reputation::secondsPerPeriod},
+                         {"score", Reputation::ScoreCalculator::hourScore(record)},
                          {"messages", record.messageCount},
                          {"recipients", record.recipients},
                          {"invalid_recipients", record.invalidRecipients},
@@ -99,7 +102,7 @@ Json tupleJson(GreyList::TupleDecision const& tuple) {
 
 Json asJson(Explanation const& all, Message const& message) {
     return {
-        {"verdict", verdictJson(all.verdict)},
+        {"verdict", verdictJson(all.verdict, all.stage)},
         {"client",
          {{"address", message.client.asString()},
           {"name", textOrNull(message.clientName.asString())},

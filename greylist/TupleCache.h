@@ -66,8 +66,8 @@ class _TupleCache : public LRUCache<TupleId, Status> {
     TupleDecision preview(TupleParts const& tuple, long now) const;
 
     // Lets the tuple's next message pass: what has to wait, or is not known, has waited from now on. Its record lives
-    // as long as that of a new tuple. False when it passes already; nothing is changed then. Takes the lock
-    // exclusively. Throws std::bad_alloc.
+    // as if it had been seen a delay ago: for the first life without the delay. False when it passes already; nothing
+    // is changed then. Takes the lock exclusively. Throws std::bad_alloc.
     bool release(TupleParts const& tuple, long now);
 
   private:

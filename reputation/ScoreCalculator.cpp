@@ -79,6 +79,10 @@ std::uint32_t ScoreCalculator::periodScore(Entry::Record const& record) {
     return d == 0 ? 0 : n * 100 / d;
 }
 
+std::uint32_t ScoreCalculator::hourScore(Entry::Record const& record) {
+    return record.messageCount == 0 || record.recipients == 0 ? 0 : std::min(worst, periodScore(record));
+}
+
 void ScoreCalculator::take(std::uint32_t period, Entry::Record const& record) {
     std::uint32_t const age = m_current - period;
     if (m_total == 0 && age < scoredPeriods) {

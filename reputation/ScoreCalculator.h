@@ -28,6 +28,8 @@ class ScoreCalculator {
     static std::uint32_t totalWeight(unsigned int age);
     // What one hour scores, unweighted; may be above 100. Neither messageCount nor recipients is 0.
     static std::uint32_t periodScore(Entry::Record const& record);
+    // What one hour alone would score, 0 to 100, for whoever shows it; 0 without messages or recipients.
+    static std::uint32_t hourScore(Entry::Record const& record);
 
   private:
     std::uint32_t m_current;

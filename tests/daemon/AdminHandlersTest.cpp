@@ -1,12 +1,12 @@
 #include "daemon/AdminHandlers.h"
 
 #include "foundation/Exception.h"
-#include "foundation/ipc/Endpoint.h"
 #include "greylist/DynamicExemptCache.h"
 #include "greylist/LoadReport.h"
 #include "greylist/TupleCache.h"
 #include "reputation/Cache.h"
 #include "reputation/LoadReport.h"
+#include "tests/daemon/AdminClient.h"
 #include "tests/support/GreylistConfiguration.h"
 #include "tests/support/GreylistIdentities.h"
 #include "tests/support/LoadedEndpoints.h"
@@ -74,7 +74,7 @@ struct FakeServices : public AdminServices {
     std::vector<std::string> paths; // of restores and their previews
 };
 
-class AdminHandlers : public testing::Test, public MMSReputation::LoadedEndpoints {
+class AdminHandlers : public testing::Test, public MMSReputation::LoadedEndpoints, protected AdminClient {
   protected:
     AdminHandlers() {
         MMSReputation::LoadReport::set({});
@@ -88,39 +88,12 @@ class AdminHandlers : public testing::Test, public MMSReputation::LoadedEndpoint
         (**GreyList::TupleCache::instance()).clear();
         (**GreyList::DynamicExemptCache::instance()).clear();
         addAdminHandlers(m_services, m_dispatcher);
-        IPC::DispatcherOptions options;
-        options.port = 0;
-        m_dispatcher.start(options);
-        IPC::Endpoint::map(IPC::stateDaemonPort, "127.0.0.1", m_dispatcher.boundPort());
-        m_client.connect(IPC::stateDaemonPort);
+        connect();
     }
-    ~AdminHandlers() override {
-        m_client.close();
-        m_dispatcher.stop();
-        IPC::Endpoint::unmap(IPC::stateDaemonPort);
-    }
-
-    void send(IPC::PduType request, std::string const& payload) {
-        m_client << IPC::Pdu(request, Buffer(payload.data(), static_cast<unsigned int>(payload.size()), true));
-    }
-    IPC::Pdu receive() {
-        IPC::Pdu unit(IPC::PduType::receiveBuffer, 1024);
-        m_client >> unit;
-        return unit;
-    }
-    json askText(IPC::PduType request, std::string const& payload) {
-        send(request, payload);
-        IPC::Pdu const reply = receive();
-        EXPECT_TRUE(reply.is(IPC::PduType::adminReply));
-        return json::parse(reply.data().view());
-    }
-    json ask(IPC::PduType request) { return askText(request, {}); }
-    json ask(IPC::PduType request, json const& content) { return askText(request, content.dump()); }
+    ~AdminHandlers() override { disconnect(); }
 
     GreyList::InstalledConfiguration m_greylistConfiguration;
     FakeServices m_services;
-    IPC::Dispatcher m_dispatcher{IPC::stateDaemonPort};
-    IPC::SocketIPC m_client;
 };
 
 TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
@@ -129,7 +102,8 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
                                  now - 100,
                                  "/etc/vellum/vellumd.toml",
                                  {"127.0.0.1:10023"},
-                                 {{"defer", "new", 7}, {"pass", "known", 9}},
+                                 {{"policy", {{"defer", "new", 7}, {"pass", "known", 9}}},
+                                  {"milter", {{"pass", "known", 8}, {"reject", "bad-reputation", 1}}}},
                                  {true, now - 5, ""},
                                  {{4, {.ran = {{17, now - 3650}}, .refused = {{18, now - 49, "no such column"}}}}}};
     GreyList::LoadReport::setTuples({true, true, 17, ""});
@@ -178,7 +152,17 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
                     {"database", {{"reachable", true}, {"as_of", now - 5}, {"problem", ""}}},
                     {"decisions",
                      {{{"action", "defer"}, {"reason", "new"}, {"count", 7}},
-                      {{"action", "pass"}, {"reason", "known"}, {"count", 9}}}}}));
+                      {{"action", "pass"}, {"reason", "known"}, {"count", 17}},
+                      {{"action", "reject"}, {"reason", "bad-reputation"}, {"count", 1}}}},
+                    {"fronts",
+                     {{{"front", "policy"},
+                       {"decisions",
+                        {{{"action", "defer"}, {"reason", "new"}, {"count", 7}},
+                         {{"action", "pass"}, {"reason", "known"}, {"count", 9}}}}},
+                      {{"front", "milter"},
+                       {"decisions",
+                        {{{"action", "pass"}, {"reason", "known"}, {"count", 8}},
+                         {{"action", "reject"}, {"reason", "bad-reputation"}, {"count", 1}}}}}}}}));
 }
 
 TEST_F(AdminHandlers, WhatIsNotKnownYetIsNull) {
@@ -186,6 +170,7 @@ TEST_F(AdminHandlers, WhatIsNotKnownYetIsNull) {
     EXPECT_TRUE(status.at("backup").at("last").is_null());
     EXPECT_TRUE(status.at("database").at("reachable").is_null());
     EXPECT_EQ(status.at("decisions"), json::array());
+    EXPECT_EQ(status.at("fronts"), json::array());
 }
 
 TEST_F(AdminHandlers, BytesThatAreNotUtf8DoNotSpoilAnAnswer) {

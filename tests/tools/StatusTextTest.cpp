@@ -22,31 +22,38 @@ class StatusText : public testing::Test {
         return {{"attempted", true}, {"loaded", true}, {"rows", rows}, {"problem", ""}};
     }
     static Json status() {
-        return {{"version", "1.2.3"},
-                {"pid", 4711},
-                {"started", now - 3 * 86400 - 4 * 3600},
-                {"uptime_seconds", 3 * 86400 + 4 * 3600},
-                {"settings", "/etc/vellum/vellumd.toml"},
-                {"policy_listeners", {"127.0.0.1:10023", "unix:/run/vellum/policy"}},
-                {"greylist",
-                 {{"tuples", {{"size", 123456}, {"capacity", 1000000}, {"load", load(123000)}}},
-                  {"exemptions", {{"size", 1}, {"capacity", 0}, {"load", load(1)}}}}},
-                {"backup",
-                 {{"allowed", true},
-                  {"reason", ""},
-                  {"last",
-                   {{"accepted", true},
-                    {"started", now - 180},
-                    {"milliseconds", 340},
-                    {"tuples", 123456},
-                    {"exemptions", 1},
-                    {"left_out", 0},
-                    {"bytes", 12345678},
-                    {"problem", ""}}}}},
-                {"database", {{"reachable", true}, {"as_of", now - 60}, {"problem", ""}}},
-                {"decisions",
-                 {{{"action", "defer"}, {"reason", "new"}, {"count", 1234}},
-                  {{"action", "pass"}, {"reason", "known"}, {"count", 99999}}}}};
+        return {
+            {"version", "1.2.3"},
+            {"pid", 4711},
+            {"started", now - 3 * 86400 - 4 * 3600},
+            {"uptime_seconds", 3 * 86400 + 4 * 3600},
+            {"settings", "/etc/vellum/vellumd.toml"},
+            {"policy_listeners", {"127.0.0.1:10023", "unix:/run/vellum/policy"}},
+            {"greylist",
+             {{"tuples", {{"size", 123456}, {"capacity", 1000000}, {"load", load(123000)}}},
+              {"exemptions", {{"size", 1}, {"capacity", 0}, {"load", load(1)}}}}},
+            {"backup",
+             {{"allowed", true},
+              {"reason", ""},
+              {"last",
+               {{"accepted", true},
+                {"started", now - 180},
+                {"milliseconds", 340},
+                {"tuples", 123456},
+                {"exemptions", 1},
+                {"left_out", 0},
+                {"bytes", 12345678},
+                {"problem", ""}}}}},
+            {"database", {{"reachable", true}, {"as_of", now - 60}, {"problem", ""}}},
+            {"decisions",
+             {{{"action", "greylist"}, {"reason", "new"}, {"count", 1234}},
+              {{"action", "pass"}, {"reason", "known"}, {"count", 199998}}}},
+            {"fronts",
+             {{{"front", "policy"},
+               {"decisions",
+                {{{"action", "greylist"}, {"reason", "new"}, {"count", 1234}},
+                 {{"action", "pass"}, {"reason", "known"}, {"count", 99999}}}}},
+              {{"front", "milter"}, {"decisions", {{{"action", "pass"}, {"reason", "known"}, {"count", 99999}}}}}}}};
     }
     // A backup of the greylist and of another family.
     static void expectBackupTold(char const* family, Json const& report, std::string const& told) {
@@ -82,8 +89,10 @@ TEST_F(StatusText, AHealthyDaemonAtAGlance) {
               "Backups      on\n"
               "Last backup  2026-11-21 10:01 (3 min ago): 123456 tuples and 1 exemption, 12.3 MB in 340 ms\n"
               "Database     reachable, as of 2026-11-21 10:03 (1 min ago)\n"
-              "Decisions    defer new               1234\n"
-              "             pass known              99999\n");
+              "Decisions    policy greylist new            1234\n"
+              "             policy pass known              99999\n"
+              "             milter pass known              99999\n")
+        << "a recipient that both fronts were asked about is counted by each, and by no sum";
 }
 
 TEST_F(StatusText, WhatIsWrongStandsOut) {
@@ -93,7 +102,7 @@ TEST_F(StatusText, WhatIsWrongStandsOut) {
     ill["greylist"]["exemptions"]["load"] = {{"attempted", false}};
     ill["backup"] = {{"allowed", false}, {"reason", "the last load failed"}, {"last", nullptr}};
     ill["database"] = {{"reachable", false}, {"as_of", now}, {"problem", "Connection refused"}};
-    ill["decisions"] = Json::array();
+    ill["fronts"] = Json::array();
     EXPECT_EQ(statusText(ill, now), "Daemon       1.2.3, process 4711, up 3 d 4 h (since 2026-11-18 06:04)\n"
                                     "Settings     /etc/vellum/vellumd.toml\n"
                                     "Policy       127.0.0.1:10023, unix:/run/vellum/policy\n"

@@ -87,10 +87,12 @@ TEST_F(TopText, TheFirstPageShowsAveragesSinceTheStart) {
               "policy         0.5       500     3            0.1        7         0\n"
               "milter         0.0         0     0            0.0        0         0\n"
               "\n"
-              "DECISION  REASON  PER S  TOTAL\n"
-              "pass      known     0.5    500\n"
-              "greylist  new       0.1    100\n"
-              "all                 0.6    600\n"
+              "FRONT   DECISION  REASON  PER S  TOTAL\n"
+              "policy  pass      known     0.4    400\n"
+              "policy  greylist  new       0.1    100\n"
+              "policy  all                 0.5    500\n"
+              "milter  pass      known     0.1    100\n"
+              "milter  all                 0.1    100\n"
               "\n"
               "LATENCY  p50 1.0 ms  p99 3.8 ms  p99.9 4.0 ms\n"
               "\n"
@@ -123,8 +125,8 @@ TEST_F(TopText, LaterPagesShowTheRatesOfTheLastInterval) {
     std::string const text = topText(later, &before);
     EXPECT_EQ(text.find("vellumd 1.2.3, up 16 min 42 s, 2026-11-21 10:04; rates of the last 2.0 s\n"), 0U) << text;
     for (char const* line : {"\npolicy        50.0       600     3            0.0        7         0\n",
-                             "\npass      known    50.0    600\n", "\ngreylist  new       0.0    100\n",
-                             "\nall                50.0    700\n",
+                             "\npolicy  pass      known    50.0    500\n", "\npolicy  greylist  new       0.0    100\n",
+                             "\npolicy  all                50.0    600\n", "\nmilter  all                 0.0    100\n",
                              "\nLATENCY  p50 1.5 ms  p99 2.0 ms  p99.9 2.0 ms\n", // all hundred in the second bucket
                              "\ntuples      750      1000  75 %         50.0        120\n"}) {
         EXPECT_NE(text.find(line), std::string::npos) << line << text;
@@ -145,8 +147,7 @@ TEST_F(TopText, WhatADaemonDoesNotTellIsLeftOut) {
               "vellumd -, up 0 s, 2026-11-21 10:04; rates of all the time since the start\n"
               "database unknown, database daemon unknown, unit unknown\n\n"
               "FRONT  MESSAGES/S  MESSAGES  OPEN  CONNECTIONS/S  REFUSED  FAILURES\n\n"
-              "DECISION  REASON  PER S  TOTAL\n"
-              "all                 0.0      0\n\n"
+              "FRONT  DECISION  REASON  PER S  TOTAL\n\n"
               "LATENCY  -\n\n"
               "CACHE  ENTRIES  CAPACITY  FULL  EVICTIONS/S  EVICTIONS\n\n"
               "BACKUP  LAST GOOD  TOOK  GOOD  FAILED\n\n"

@@ -24,10 +24,22 @@ std::string line(std::string const& label, std::string const& value) {
     return label + std::string(labelColumns - std::min(labelColumns, label.size()), ' ') + value + '\n';
 }
 
+// What a verdict rests on that does not know the whole message; empty for one that does.
+std::string restText(std::string const& stage) {
+    return stage == "sender"    ? "client and sender; no recipient is given"
+           : stage == "connect" ? "the client; no sender is given"
+                                : "";
+}
+
 std::string verdictText(Json const& verdict) {
     std::int64_t const left = whole(verdict.at("seconds_left"));
+    std::string const rest = restText(text(verdict.at("stage")));
+    if (!rest.empty() && text(verdict.at("reason")) == "incomplete") {
+        return "none yet: nothing is held against " + rest;
+    }
     return text(verdict.at("action")) + " (" + text(verdict.at("reason")) + ")" +
-           (left > 0 ? ", " + durationText(left) + " left" : "");
+           (left > 0 ? ", " + durationText(left) + " left" : "") +
+           (rest.empty() ? "" : ", by what is held against " + rest);
 }
 
 std::string messageText(Json const& all) {
@@ -106,9 +118,10 @@ std::string thresholdText(Json const& reputation) {
 
 std::string hourText(Json const& hour, std::int64_t most) {
     std::int64_t const messages = whole(hour.at("messages"));
-    return localTime(whole(hour.at("start"))) + "  " + std::to_string(messages) + " messages, " +
-           std::to_string(whole(hour.at("spam"))) + " spam, " + std::to_string(whole(hour.at("infected"))) +
-           " infected, " + std::to_string(whole(hour.at("invalid_recipients"))) + " of " +
+    return localTime(whole(hour.at("start"))) + "  score " + std::to_string(whole(hour.at("score"))) + ", " +
+           std::to_string(messages) + " messages, " + std::to_string(whole(hour.at("spam"))) + " spam, " +
+           std::to_string(whole(hour.at("infected"))) + " infected, " +
+           std::to_string(whole(hour.at("invalid_recipients"))) + " of " +
            std::to_string(whole(hour.at("recipients"))) + " recipients invalid  " +
            bar(static_cast<std::uint64_t>(messages), static_cast<std::uint64_t>(most), barColumns);
 }
@@ -164,8 +177,7 @@ std::string tupleText(Json const& tuple, std::int64_t now) {
 
 std::string explanationText(Json const& all, std::int64_t now) {
     bool const whole = !all.at("recipient").is_null();
-    return line("message", messageText(all)) +
-           line("verdict", whole ? verdictText(all.at("verdict")) : "none without a recipient") +
+    return line("message", messageText(all)) + line("verdict", verdictText(all.at("verdict"))) +
            line("endpoint", endpointText(all.at("endpoint"), now)) + line("sender", rateText(all.at("rate"), now)) +
            reputationLines(all.at("reputation")) + line("exempt rules", rulesText(all.at("rules"))) +
            line("exemption", exemptionText(all, now)) +

@@ -4,7 +4,6 @@
 #include "reputation/ScoreCalculator.h"
 #include "tools/vellumctl/Payload.h"
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstring>
@@ -51,10 +50,7 @@ std::int64_t ReputationHour::from() const {
 }
 
 std::uint32_t ReputationHour::score() const {
-    if (counters.messageCount == 0 || counters.recipients == 0) {
-        return 0;
-    }
-    return std::min<std::uint32_t>(100, Reputation::ScoreCalculator::periodScore(counters));
+    return Reputation::ScoreCalculator::hourScore(counters);
 }
 
 } // namespace Vellum::Tools

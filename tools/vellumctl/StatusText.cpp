@@ -132,12 +132,16 @@ void addBackup(Lines& lines, std::string const& label, Json const& backup, std::
     addRefusal(lines, label, backup, now);
 }
 
-void addDecisions(Lines& lines, Json const& decisions) {
-    for (Json const& decision : decisions) {
-        std::string what = text(part(decision, "action")) + " " + text(part(decision, "reason"));
-        constexpr std::size_t columns = 24;
-        what.resize(std::max(what.size() + 1, columns), ' ');
-        lines.add("Decisions", what + std::to_string(whole(part(decision, "count"))));
+// By front: a recipient that both were asked about is counted by both.
+void addDecisions(Lines& lines, Json const& fronts) {
+    for (Json const& front : fronts) {
+        for (Json const& decision : part(front, "decisions")) {
+            std::string what = text(part(front, "front")) + " " + text(part(decision, "action")) + " " +
+                               text(part(decision, "reason"));
+            constexpr std::size_t columns = 31;
+            what.resize(std::max(what.size() + 1, columns), ' ');
+            lines.add("Decisions", what + std::to_string(whole(part(decision, "count"))));
+        }
     }
 }
 
@@ -166,7 +170,7 @@ std::string statusText(Json const& status, std::int64_t now) {
         addBackup(lines, "Endpoints", part(endpoints, "backup"), now);
     }
     lines.add("Database", databaseText(part(status, "database"), now));
-    addDecisions(lines, part(status, "decisions"));
+    addDecisions(lines, part(status, "fronts"));
     return lines.all();
 }
 

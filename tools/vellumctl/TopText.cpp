@@ -12,6 +12,8 @@
 namespace Vellum::Tools {
 namespace {
 
+constexpr char const* decisionsTotal = "vellum_decisions_total";
+
 std::string fixed(double number, int digits = 1) {
     std::array<char, 64> room{};
     std::snprintf(room.data(), room.size(), "%.*f", digits, number);
@@ -132,41 +134,36 @@ class Frame {
         }
         return rows.text(1);
     }
-    // By action and reason, all fronts together; those that never happened are left out.
+    // By front, action and reason; those that never happened are left out. There is no sum of the fronts: a recipient
+    // that both were asked about is counted by both.
     std::string decisions() const {
-        struct Sum {
-            std::string action, reason;
-            double now = 0, before = 0;
-        };
-        std::vector<Sum> sums;
-        auto const add = [&sums](Sample const& from, double Sum::*member) {
-            for (Json const& sample : from.samples("vellum_decisions_total")) {
-                std::string const action = label(sample, "action");
-                std::string const reason = label(sample, "reason");
-                auto found = std::find_if(sums.begin(), sums.end(),
-                                          [&](Sum const& sum) { return sum.action == action && sum.reason == reason; });
-                if (found == sums.end()) {
-                    found = sums.insert(sums.end(), {action, reason});
-                }
-                *found.*member += sample.at("value").get<double>();
-            }
-        };
-        add(m_now, &Sum::now);
-        if (m_before) {
-            add(*m_before, &Sum::before);
-        }
         Rows rows;
-        rows.add({"DECISION", "REASON", "PER S", "TOTAL"});
-        Sum all;
-        for (Sum const& sum : sums) {
-            all.now += sum.now;
-            all.before += sum.before;
-            if (sum.now > 0) {
-                rows.add({sum.action, sum.reason, fixed((sum.now - sum.before) / seconds()), fixed(sum.now, 0)});
+        rows.add({"FRONT", "DECISION", "REASON", "PER S", "TOTAL"});
+        std::vector<std::string> fronts;
+        for (Json const& sample : m_now.samples(decisionsTotal)) {
+            if (std::string front = label(sample, "front");
+                std::find(fronts.begin(), fronts.end(), front) == fronts.end()) {
+                fronts.push_back(std::move(front));
             }
         }
-        rows.add({"all", "", fixed((all.now - all.before) / seconds()), fixed(all.now, 0)});
-        return rows.text(2);
+        for (std::string const& front : fronts) {
+            addDecisions(rows, front);
+        }
+        return rows.text(3);
+    }
+    void addDecisions(Rows& rows, std::string const& front) const {
+        double all = 0;
+        double allBefore = 0;
+        for (Json const& sample : m_now.samples(decisionsTotal)) {
+            if (double const count = sample.at("value").get<double>(); count > 0 && label(sample, "front") == front) {
+                Json const& of = sample.at("labels");
+                all += count;
+                allBefore += m_before ? m_before->value(decisionsTotal, of).value_or(0) : 0;
+                rows.add({front, label(sample, "action"), label(sample, "reason"), rate(decisionsTotal, of),
+                          fixed(count, 0)});
+            }
+        }
+        rows.add({front, "all", "", fixed((all - allBefore) / seconds()), fixed(all, 0)});
     }
     std::string latency() const {
         char const* const metric = "vellum_decision_duration_seconds";
