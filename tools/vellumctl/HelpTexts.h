@@ -151,8 +151,8 @@ inline constexpr char const* restore =
 
 inline constexpr char const* explain =
     "Goes through the steps of the decision in their order: endpoint lists, sender block, reputation of the\n"
-    "address, exempt rules, automatic exemption, tuple. Asking changes nothing. Without a recipient there is\n"
-    "no verdict, but what is known of the client and the sender is told.";
+    "address, exempt rules, automatic exemption, tuple. Asking changes nothing. Without a recipient the\n"
+    "verdict is what is held against client and sender, and without a sender against the client alone.";
 
 inline constexpr char const* release =
     "As if the message had waited already: its next attempt passes, and is known from then on. Only\n"
@@ -160,7 +160,7 @@ inline constexpr char const* release =
     "seen is released, too, for as long as a new one waits.";
 
 inline constexpr char const* rateReset =
-    "The sender may send at once; when its totals of the last half hour are still above a limit, the next\n"
-    "message that is counted blocks it again.";
+    "The sender may send at once, and as much again as anybody: what was counted of it in the last half hour\n"
+    "is forgotten.";
 
 } // namespace Vellum::Tools::HelpText
