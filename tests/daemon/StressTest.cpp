@@ -1,6 +1,5 @@
-// Everything that goes on in a daemon, at once, for the thread sanitizer: mail of all families, their listings, copies
-// for backups, reloads, changes of the settings, and the administrator's requests. VELLUM_STRESS_SECONDS=300 makes it
-// long.
+// What decides and counts, at once, for the thread sanitizer: without sockets and a database in between, so threads
+// meet at the caches more often than in the whole daemon (tests/stress). VELLUM_STRESS_SECONDS=300 makes it long.
 #include "tests/daemon/DecisionFixture.h"
 #include "tests/daemon/FamiliesFixture.h"
 
@@ -11,17 +10,14 @@
 #include "reputation/BackupScript.h"
 #include "reputation/ReputationDisplay.h"
 #include "senderratecontrol/SenderRateControlDisplay.h"
+#include "tests/support/Crew.h"
 #include "tests/support/RandomSource.h"
 #include "tests/support/ScriptedSocket.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <functional>
 #include <sstream>
-#include <thread>
 
 namespace Vellum::Daemon {
 namespace {
@@ -148,51 +144,17 @@ class Stress : public FamiliesFixture {
     MailCounts m_counts{MailLimits{}, &subscribers};
 };
 
-// The threads of a run: each does its work until all have done enough of it.
-class Crew {
-  public:
-    Crew() {
-        char const* const seconds = std::getenv("VELLUM_STRESS_SECONDS");
-        m_end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds == nullptr ? 0 : std::atoi(seconds));
-    }
-    void add(int leastTimes, std::function<void()> work) {
-        ++m_unfinished;
-        m_threads.emplace_back([this, leastTimes, work = std::move(work)] {
-            for (int times = 1;; ++times) {
-                work();
-                if (times == leastTimes) {
-                    --m_unfinished;
-                }
-                if (times >= leastTimes && m_unfinished == 0 && std::chrono::steady_clock::now() >= m_end) {
-                    return;
-                }
-            }
-        });
-    }
-    void wait() {
-        --m_unfinished;
-        for (std::thread& thread : m_threads) {
-            thread.join();
-        }
-    }
-
-  private:
-    std::chrono::steady_clock::time_point m_end;
-    std::atomic<int> m_unfinished{1}; // threads, and whoever adds them
-    std::vector<std::thread> m_threads;
-};
-
 TEST(Stress, EverythingAtOnce) {
     RandomSource source;
     Stress daemon;
     std::mt19937_64 random[] = {std::mt19937_64(source.any()), std::mt19937_64(source.any()),
                                 std::mt19937_64(source.any())};
-    Crew crew;
-    crew.add(leastMessages, [&] { daemon.mail(random[0]); });
-    crew.add(leastMessages, [&] { daemon.mail(random[1]); });
-    crew.add(leastTurns, [] { Stress::listAll(); });
-    crew.add(leastTurns, [] { Stress::copyAll(); });
-    crew.add(leastTurns * 10, [&] { daemon.administer(random[2]); });
+    Crew crew(Crew::duration(0));
+    crew.add("mail", leastMessages, [&] { daemon.mail(random[0]); });
+    crew.add("mail", leastMessages, [&] { daemon.mail(random[1]); });
+    crew.add("listings", leastTurns, [] { Stress::listAll(); });
+    crew.add("copies", leastTurns, [] { Stress::copyAll(); });
+    crew.add("administration", leastTurns * 10, [&] { daemon.administer(random[2]); });
     crew.wait();
     SharedLock const hold((**GreyList::TupleCache::instance()).lock);
     EXPECT_GT((**GreyList::TupleCache::instance()).sizeNoLock(), 0U);
