@@ -1,5 +1,6 @@
 #include "daemon/GreylistAdministration.h"
 
+#include "daemon/OpenedScript.h"
 #include "daemon/ScriptFacts.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Exception.h"
@@ -168,7 +169,7 @@ MMSReputation::BackupReport GreylistAdministration::backUpEndpoints() {
 }
 
 RestorePreview GreylistAdministration::previewRestore(std::string const& path) {
-    ScriptFacts const script = ScriptFacts::of(path);
+    ScriptFacts const script = ScriptFacts::of(OpenedScript(path, m_mayAsk));
     refuseOtherTables(path, script);
     RestorePreview preview;
     preview.bytes = script.bytes;
@@ -202,7 +203,8 @@ RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreP
     RestoreMark const mark(m_restoring);
     // Before anything is waited for, and before any of it is a statement that an error could quote: the administrator
     // may name a file that this process may read and he may not.
-    ScriptFacts const script = ScriptFacts::of(path);
+    OpenedScript const file(path, m_mayAsk);
+    ScriptFacts const script = ScriptFacts::of(file);
     if (!script.complete) {
         throw AdminRefusal(path + " is no whole backup script: it does not end as one");
     }
@@ -216,7 +218,7 @@ RestoreOutcome GreylistAdministration::restore(std::string const& path, RestoreP
     }
     auto const start = std::chrono::steady_clock::now();
     GreyList::GlRecordDatabase database(Database::Connection::defaultAddress());
-    database.runScript(path, progress);
+    database.runScript(file.source(), progress);
     RestoreOutcome outcome = script.ofReputation  ? loadReputations()
                              : script.ofEndpoints ? loadEndpoints()
                                                   : loadGreylist(database);

@@ -6,6 +6,9 @@
 
 #include <atomic>
 #include <functional>
+#include <set>
+#include <sys/types.h>
+#include <utility>
 
 namespace Vellum::Daemon {
 
@@ -21,13 +24,18 @@ class GreylistAdministration : public AdminServices {
     Reputation::BackupReport backUpReputations() override;
     MMSReputation::BackupReport backUpEndpoints() override;
 
-    // Throws Exception when the file cannot be read or the database cannot be asked.
+    // Throws Exception when the file is none that is restored (OpenedScript.h) or the database cannot be asked.
     RestorePreview previewRestore(std::string const& path) override;
-    // One at a time. All or nothing as far as the tables go. The script says which family's tables it replaces; sender
-    // reputation's cache is emptied before it is loaded from replaced tables, since a load by itself only adds to it.
+    // One at a time, of the file as it was looked at. All or nothing as far as the tables go. The script says which
+    // family's tables it replaces; sender reputation's cache is emptied before it is loaded from replaced tables, since
+    // a load by itself only adds to it.
     RestoreOutcome restore(std::string const& path, RestoreProgress const& progress) override;
 
     bool restoreRunning() const { return m_restoring; }
+
+    // Users, besides root and the process's own, whose scripts are restored: those who may ask for it. Call it before
+    // anybody asks.
+    void restoreScriptsOf(std::set<uid_t> users) { m_mayAsk = std::move(users); }
 
   protected:
     // Runs `work`, which loads tables, unless a restore or a backup on demand is in hand.
@@ -40,6 +48,7 @@ class GreylistAdministration : public AdminServices {
     template <class Report, class Make>
     Report backUp(Make make);
 
+    std::set<uid_t> m_mayAsk;
     Mutex m_inHand; // held by an operation that makes or replaces the tables' rows
     std::atomic<bool> m_restoring{false};
 };

@@ -1,7 +1,7 @@
 #include "daemon/ScriptFacts.h"
 
+#include "daemon/OpenedScript.h"
 #include "foundation/Exception.h"
-#include "foundation/FileDescriptor.h"
 #include "greylist/GlRecordDatabase.h"
 #include "mmsreputation/MMSReputationDatabase.h"
 #include "reputation/ReputationDatabase.h"
@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 #include <vector>
 
 namespace Vellum::Daemon {
@@ -27,17 +27,6 @@ constexpr std::size_t longestLine = 4096; // what goes beyond is no row, and its
 
 std::string reasonOf(int error) {
     return std::generic_category().message(error);
-}
-
-FileDescriptor openScript(std::string const& path, struct stat& status) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)); // a pipe is not waited for
-    if (!file || ::fstat(file.get(), &status) != 0) {
-        fail(path, reasonOf(errno));
-    }
-    if (!S_ISREG(status.st_mode)) {
-        fail(path, "not a regular file");
-    }
-    return file;
 }
 
 // Takes the lines of a script one after the other.
@@ -135,18 +124,23 @@ class LineCutter {
 
 } // namespace
 
-ScriptFacts ScriptFacts::of(std::string const& path) {
+ScriptFacts ScriptFacts::of(OpenedScript const& script) {
+    int const file = script.descriptor();
     struct stat status {};
-    FileDescriptor const file = openScript(path, status);
+    if (::fstat(file, &status) != 0) {
+        fail(script.path(), reasonOf(errno));
+    }
+    off_t done = 0;
     std::vector<char> piece(pieceBytes);
     ScriptFacts facts = ofText([&] {
         ssize_t length = 0;
         do {
-            length = ::read(file.get(), piece.data(), piece.size());
+            length = ::pread(file, piece.data(), piece.size(), done);
         } while (length < 0 && errno == EINTR);
         if (length < 0) {
-            fail(path, reasonOf(errno));
+            fail(script.path(), reasonOf(errno));
         }
+        done += length;
         return std::string_view(piece.data(), static_cast<std::size_t>(length));
     });
     facts.bytes = static_cast<std::uint64_t>(status.st_size);
@@ -163,11 +157,6 @@ ScriptFacts ScriptFacts::ofText(std::function<std::string_view()> const& next) {
     }
     cutter.finish();
     return facts;
-}
-
-void ScriptFacts::requireReadable(std::string const& path) {
-    struct stat status {};
-    openScript(path, status);
 }
 
 } // namespace Vellum::Daemon

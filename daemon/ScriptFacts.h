@@ -8,6 +8,8 @@
 
 namespace Vellum::Daemon {
 
+class OpenedScript;
+
 // A script that a backup wrote has one row on each line; rows of another form are not counted.
 struct ScriptFacts {
     std::uint64_t bytes = 0;
@@ -22,14 +24,12 @@ struct ScriptFacts {
     long newest = 0;               // the latest creation time of a tuple or exemption, seconds since the epoch; 0: none
     bool complete = false;         // the last line unlocks the tables, or commits where none were locked
 
-    // Reads the whole file: a tenth of a second for 100 MB that are in memory. Throws Exception, naming the path and
-    // the reason, when it is not a regular file that this process may read.
-    static ScriptFacts of(std::string const& path);
+    // Reads the whole file from its beginning: a tenth of a second for 100 MB that are in memory. Throws Exception,
+    // naming the path and the reason, when it cannot be read.
+    static ScriptFacts of(OpenedScript const& script);
     // The same of a script's text in pieces, without the file's size and time: `next` answers a piece that stays until
     // the next call, and an empty one at the end. Passes on what it throws.
     static ScriptFacts ofText(std::function<std::string_view()> const& next);
-    // Only throws what of() would throw for such a file.
-    static void requireReadable(std::string const& path);
 };
 
 } // namespace Vellum::Daemon

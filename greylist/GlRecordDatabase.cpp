@@ -155,8 +155,8 @@ void GlRecordDatabase::write(std::string const& path) {
     Database::runScriptOrLog(m_connection, path, restoreRecords);
 }
 
-void GlRecordDatabase::runScript(std::string const& path, Database::QueryFile::Progress const& progress) {
-    Database::runScript(m_connection, path, progress);
+void GlRecordDatabase::runScript(Database::ScriptSource const& script, Database::QueryFile::Progress const& progress) {
+    Database::runScript(m_connection, script, progress);
 }
 
 } // namespace Vellum::GreyList

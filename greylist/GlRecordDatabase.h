@@ -54,7 +54,7 @@ class GlRecordDatabase {
     // file, else 0x300019D) and never throws an Exception.
     void write(std::string const& path);
     // The same, throwing DatabaseException and telling how far it is.
-    void runScript(std::string const& path, Database::QueryFile::Progress const& progress = nullptr);
+    void runScript(Database::ScriptSource const& script, Database::QueryFile::Progress const& progress = nullptr);
 
   private:
     static bool writeScript(bool withServer);

@@ -34,7 +34,9 @@ DatabaseException refusal(std::string const& what, int error) {
 class ScriptFile {
   public:
     // Never waits: a FIFO without a writer would hold an ordinary open() for ever.
-    explicit ScriptFile(std::string const& path) : m_descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    explicit ScriptFile(ScriptSource const& script)
+        : m_descriptor(script.descriptor >= 0 ? fcntl(script.descriptor, F_DUPFD_CLOEXEC, 0)
+                                              : open(script.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
         if (m_descriptor < 0) {
             throw refusal("cannot be opened", errno);
         }
@@ -53,7 +55,7 @@ class ScriptFile {
     std::string_view read() {
         ssize_t got = 0;
         do {
-            got = ::read(m_descriptor, m_piece.data(), m_piece.size());
+            got = ::pread(m_descriptor, m_piece.data(), m_piece.size(), static_cast<off_t>(m_done));
         } while (got < 0 && errno == EINTR);
         if (got < 0) {
             throw refusal("cannot be read", errno);
@@ -93,13 +95,13 @@ class PacketLimit : public RowParser {
 
 } // namespace
 
-QueryFile::QueryFile(Connection& connection, std::string const& path) : m_connection(connection), m_path(path) {}
+QueryFile::QueryFile(Connection& connection, ScriptSource const& script) : m_connection(connection), m_script(script) {}
 
 void QueryFile::execute() {
     m_statements = 0;
     m_affectedRows = 0;
     try {
-        ScriptFile file(m_path);
+        ScriptFile file(m_script);
         std::size_t const longest = PacketLimit(m_connection).longestStatement();
         ScriptTransaction transaction(m_connection);
         ScriptRun run(transaction);
@@ -122,7 +124,7 @@ void QueryFile::execute() {
         }
         m_affectedRows = run.affectedRows();
     } catch (DatabaseException const& failure) {
-        throw failure.within(scriptOperation, m_path);
+        throw failure.within(scriptOperation, m_script.path);
     }
 }
 

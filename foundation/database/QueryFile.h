@@ -13,6 +13,16 @@ namespace Vellum::Database {
 class ScriptRun;
 struct Statement;
 
+// Where a script is: at a path, or in a file that is open already and is read from its beginning, wherever the path
+// leads by then.
+struct ScriptSource {
+    ScriptSource(std::string name) : path(std::move(name)) {} // a path is a source
+    ScriptSource(std::string name, int opened) : path(std::move(name)), descriptor(opened) {}
+
+    std::string path;
+    int descriptor = -1; // borrowed; -1: the file at the path is opened
+};
+
 // A script of the form that backups write:
 //
 //   LOCK TABLES grey_list WRITE,autoexempt WRITE;
@@ -43,7 +53,7 @@ class QueryFile {
     // Called after every statement with the bytes read so far and the file's size; false abandons the script.
     using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
 
-    QueryFile(Connection& connection, std::string const& path);
+    QueryFile(Connection& connection, ScriptSource const& script);
 
     void onProgress(Progress progress) { m_progress = std::move(progress); }
 
@@ -59,7 +69,7 @@ class QueryFile {
     void takeStatement(Statement const& statement, ScriptRun& run);
 
     Connection& m_connection; // borrowed
-    std::string m_path;
+    ScriptSource m_script;
     Progress m_progress;
     std::uint64_t m_statements = 0;
     std::uint64_t m_affectedRows = 0;

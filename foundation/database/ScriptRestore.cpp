@@ -6,11 +6,11 @@
 
 namespace Vellum::Database {
 
-void runScript(Connection& connection, std::string const& path, QueryFile::Progress const& progress) {
+void runScript(Connection& connection, ScriptSource const& script, QueryFile::Progress const& progress) {
     connection.enableMultipleStatementsPerQuery();
-    QueryFile script(connection, path);
-    script.onProgress(progress);
-    script.execute();
+    QueryFile file(connection, script);
+    file.onProgress(progress);
+    file.execute();
 }
 
 void runScriptOrLog(Connection& connection, std::string const& path, RestoreRecords const& records) {

@@ -8,8 +8,8 @@
 
 namespace Vellum::Database {
 
-// Runs the script at `path`, all or nothing, and tells how far it is. Throws DatabaseException.
-void runScript(Connection& connection, std::string const& path, QueryFile::Progress const& progress = nullptr);
+// Runs the script, all or nothing, and tells how far it is. Throws DatabaseException.
+void runScript(Connection& connection, ScriptSource const& script, QueryFile::Progress const& progress = nullptr);
 
 // The records that log readers are promised of a script that fails: source, line, the exception's text, the path.
 struct RestoreRecords {

@@ -284,6 +284,35 @@ TEST_F(GreylistAdministrationTest, ABackupThatStillHasToRunRefusesTheRestoreThat
     EXPECT_EQ(administration.restore(write(script(twoRows)), nullptr).tuples, 2U);
 }
 
+// Whoever may write to the directory puts another file there when the script has been looked at.
+TEST_F(GreylistAdministrationTest, AFileThatIsPutInTheScriptsPlaceAfterTheLookIsNotRun) {
+    std::string const path = write(script(twoRows));
+    std::string const other = directory.path() + "/other.sql";
+    std::ofstream(other) << script("\n('192.0.2.0/24', 'smuggled@example.net', 'b@example.org', 100,200)");
+    int swaps = 0;
+    databaseDaemon.onRequest = [&](std::string const&) { // between the look and the run
+        std::filesystem::rename(other, path);
+        ++swaps;
+    };
+    EXPECT_EQ(administration.restore(path, nullptr).tuples, 2U);
+    EXPECT_EQ(swaps, 1);
+    EXPECT_EQ(rows(), (std::vector<std::string>{"one@example.net", "two@example.net"}));
+}
+
+TEST_F(GreylistAdministrationTest, ALinkThatIsPutInTheScriptsPlaceAfterTheLookIsNotFollowed) {
+    std::string const path = write(script(twoRows));
+    std::string const other = directory.path() + "/other.sql";
+    std::ofstream(other) << script("\n('192.0.2.0/24', 'smuggled@example.net', 'b@example.org', 100,200)");
+    databaseDaemon.onRequest = [&](std::string const&) {
+        std::filesystem::remove(path);
+        std::filesystem::create_symlink(other, path);
+    };
+    EXPECT_EQ(administration.restore(path, nullptr).tuples, 2U);
+    EXPECT_EQ(rows(), (std::vector<std::string>{"one@example.net", "two@example.net"}));
+    EXPECT_THROW(administration.restore(path, nullptr), Exception) << "a link is not even looked at";
+    EXPECT_THROW(administration.previewRestore(path), Exception);
+}
+
 TEST_F(GreylistAdministrationTest, WithoutADatabaseItSaysSo) {
     Database::Server nowhere;
     nowhere.socket = directory.path() + "/no-such-socket";

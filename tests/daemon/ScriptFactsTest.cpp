@@ -1,5 +1,6 @@
 #include "daemon/ScriptFacts.h"
 
+#include "daemon/OpenedScript.h"
 #include "foundation/Exception.h"
 #include "greylist/BackupScript.h"
 #include "tests/support/CapturingLogger.h"
@@ -11,6 +12,7 @@
 
 #include <fstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Vellum::Daemon {
 namespace {
@@ -19,15 +21,14 @@ class ScriptFactsOf : public testing::Test {
   protected:
     ScriptFacts of(std::string const& text) {
         std::ofstream(path, std::ios::binary) << text;
-        return ScriptFacts::of(path);
+        return ScriptFacts::of(OpenedScript(path, {}));
     }
-    std::string problemOf(std::string const& file) {
+    std::string problemOf(std::string const& file, std::set<uid_t> const& mayAsk = {}) {
         try {
-            ScriptFacts::requireReadable(file);
+            OpenedScript(file, mayAsk);
             ADD_FAILURE() << file << " was taken";
             return {};
         } catch (Exception const& failed) {
-            EXPECT_THROW(ScriptFacts::of(file), Exception);
             return failed.stringParameters().at(0);
         }
     }
@@ -50,7 +51,7 @@ TEST_F(ScriptFactsOf, ABackupAreItsRows) {
         std::ofstream out(path);
         GreyList::BackupSnapshot(tuples, exemptions).write(out);
     }
-    ScriptFacts const facts = ScriptFacts::of(path);
+    ScriptFacts const facts = ScriptFacts::of(OpenedScript(path, {}));
     EXPECT_EQ(facts.tuples, 2501U);
     EXPECT_EQ(facts.exemptions, 1U);
     EXPECT_EQ(facts.newest, 4000);
@@ -124,6 +125,33 @@ TEST_F(ScriptFactsOf, WhatIsNoFileIsSaidInPlainWords) {
     EXPECT_EQ(problemOf(directory.path()), directory.path() + ": not a regular file");
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
     EXPECT_EQ(problemOf(path), path + ": not a regular file") << "and nobody waits for its writer";
+}
+
+TEST_F(ScriptFactsOf, ALinkIsNotFollowed) {
+    of("commit;\n");
+    std::string const link = directory.path() + "/link.sql";
+    ASSERT_EQ(::symlink(path.c_str(), link.c_str()), 0);
+    EXPECT_EQ(problemOf(link), link + ": it is a symbolic link");
+}
+
+TEST_F(ScriptFactsOf, AFileThatOthersMayChangeIsNotTaken) {
+    of("commit;\n");
+    for (mode_t const mode : {0602, 0620, 0666}) {
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        EXPECT_EQ(problemOf(path), path + ": others than its owner may write to it; take a copy");
+    }
+    ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    EXPECT_NO_THROW(OpenedScript(path, {}));
+}
+
+TEST_F(ScriptFactsOf, AFileOfAUserWhoMayNotAskIsNotTaken) {
+    of("commit;\n");
+    if (::chown(path.c_str(), 4711, 4711) != 0) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    EXPECT_EQ(problemOf(path), path + ": it belongs to user 4711, who may not ask for a restore; take a copy");
+    EXPECT_EQ(problemOf(path, {4710}), path + ": it belongs to user 4711, who may not ask for a restore; take a copy");
+    EXPECT_NO_THROW(OpenedScript(path, {4711}));
 }
 
 } // namespace
