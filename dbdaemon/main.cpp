@@ -48,6 +48,7 @@ sigset_t blockSignals() {
 // Works until it is told to end.
 void run(DatabaseDaemon::ServiceSettings const& settings, sigset_t const& signals) {
     ProcessLog const log(settings.log);
+    warnAboutRoot();
     Database::ServerMap::instance().install(settings.database);
     DatabaseDaemon::RequestServer::Options requests;
     requests.socketPath = settings.socket;

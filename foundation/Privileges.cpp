@@ -1,6 +1,7 @@
 #include "foundation/Privileges.h"
 
 #include "foundation/Exception.h"
+#include "foundation/Logger.h"
 
 #include <algorithm>
 #include <array>
@@ -70,6 +71,9 @@ void become(Account const& account) {
         }
         return;
     }
+    for (int capability = 0; capability <= CAP_LAST_CAP; ++capability) {
+        prctl(PR_CAPBSET_DROP, capability, 0, 0, 0); // unknown to old kernels, or not there in a container
+    }
     check(initgroups(account.name.c_str(), account.group) == 0, "the groups of user \"" + account.name + '"');
     check(setresgid(account.group, account.group, account.group) == 0, "the group of user \"" + account.name + '"');
     check(setresuid(account.user, account.user, account.user) == 0, "becoming user \"" + account.name + '"');
@@ -108,9 +112,21 @@ void giveUpRights(std::string const& user) {
         dropCapabilities();
     }
     check(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0, "refusing new rights");
+    closeMemory();
+}
+
+void closeMemory() {
     rlimit const none{0, 0};
     check(setrlimit(RLIMIT_CORE, &none) == 0, "refusing cores");
     check(prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0, "closing the memory");
+}
+
+void warnAboutRoot() {
+    if (geteuid() == 0) {
+        Logger::instance(false).note(Logger::Severity::warning,
+                                     "this daemon runs as root, which it does not need: start it with --user, or as "
+                                     "the unit of the package does");
+    }
 }
 
 } // namespace Vellum

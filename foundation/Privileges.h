@@ -1,4 +1,4 @@
-// What a daemon gives up at its start, before it reads a byte of anybody's: root, and what would give its memory away.
+// What a process gives up at its start, before it reads a byte of anybody's: root, and what would give its memory away.
 #pragma once
 
 #include <string>
@@ -16,5 +16,12 @@ namespace Vellum {
 //
 // Throws Exception naming the user and what is wrong. Some of it may be given up by then: the caller ends.
 void giveUpRights(std::string const& user);
+
+// That last part alone, for a tool that reads passwords: no core, and no other process of the same user reads the
+// memory. Throws Exception.
+void closeMemory();
+
+// Says in the log that a daemon has stayed root, where it has. It goes on: who starts it may have a reason.
+void warnAboutRoot();
 
 } // namespace Vellum

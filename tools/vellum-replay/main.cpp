@@ -6,6 +6,7 @@
 #include "daemon/ExemptRules.h"
 #include "daemon/GreylistConfiguration.h"
 #include "foundation/Logger.h"
+#include "foundation/Privileges.h"
 #include "foundation/Version.h"
 #include "tools/vellum-replay/Replay.h"
 #include "tools/vellum-replay/Report.h"
@@ -155,6 +156,7 @@ int run(int argc, char** argv) {
     Options options;
     declare(app, options);
     try {
+        closeMemory(); // the settings hold the database's password, the envelopes people's addresses
         app.parse(argc, argv);
         return replay(options);
     } catch (CLI::ParseError const& problem) {

@@ -1,5 +1,7 @@
 // The administrator's hand on the state daemon. It knows of it what port 29001 and the exported C functions tell, and
 // reads one list of the database for which there is no such function.
+#include "foundation/Exception.h"
+#include "foundation/Privileges.h"
 #include "tools/vellumctl/AdminCommands.h"
 #include "tools/vellumctl/Arguments.h"
 #include "tools/vellumctl/Failure.h"
@@ -158,10 +160,13 @@ ExitCode runGuarded(Arguments const& arguments) {
 
 ExitCode main(int count, char const* const* values) {
     try {
+        closeMemory(); // the daemon's settings, which some commands read, hold the database's password
         std::optional<Arguments> const arguments = parseArguments(count, values, std::cout);
         return arguments ? runGuarded(*arguments) : ExitCode::done;
     } catch (Failure const& wrong) {
         return report(wrong.what(), wrong.exitCode());
+    } catch (Exception const& wrong) {
+        return report(wrong.asString(), ExitCode::failed);
     }
 }
 
