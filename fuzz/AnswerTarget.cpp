@@ -3,6 +3,7 @@
 #include "fuzz/TerminalText.h"
 #include "tools/vellumctl/ExplanationText.h"
 #include "tools/vellumctl/StatusText.h"
+#include "tools/vellumctl/TopText.h"
 
 namespace Vellum::Fuzz {
 namespace {
@@ -28,8 +29,10 @@ void run(std::string_view input) {
     check([&] { return statusText(answer, now); });
     check([&] { return explanationText(answer, now); });
     check([&] { return previewText(answer, now); });
+    check([&] { return topText(answer, nullptr); });
+    check([&] { return topText(answer, &answer); });
     for (auto const tell : {loadProblem, loadedText, reputationLoadProblem, reputationLoadedText, backupText,
-                            acceptedBackupText, restoredText, acceptedText}) {
+                            acceptedBackupText, restoredText, acceptedText, endpointLoadProblem, endpointLoadedText}) {
         check([&] { return tell(answer); });
     }
 }

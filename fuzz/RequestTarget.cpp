@@ -1,11 +1,14 @@
 // Every request of port 29001: a byte that chooses the type, and the payload.
 #include "daemon/AdminHandlers.h"
+#include "daemon/DaemonMetrics.h"
 #include "daemon/Decision.h"
 #include "daemon/DecisionHandlers.h"
+#include "daemon/MetricsHandler.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "fuzz/FuzzTarget.h"
 #include "fuzz/Input.h"
 #include "fuzz/Process.h"
+#include "fuzz/Requests.h"
 #include "fuzz/StreamSocket.h"
 #include "greylist/GlDisplay.h"
 #include "mmsreputation/MMSReputationDisplay.h"
@@ -58,28 +61,6 @@ class QuietServices : public Daemon::AdminServices {
     static inline bool pathsAreWhole = true;
 };
 
-constexpr PduType requests[] = {
-    PduType::listTuples,
-    PduType::listExemptions,
-    PduType::reloadGreylist,
-    PduType::listReputations,
-    PduType::reloadReputations,
-    PduType::setReputationState,
-    PduType::listReputationRecords,
-    PduType::reloadEndpoints,
-    PduType::listEndpoints,
-    PduType::rebuildEndpointScores,
-    PduType::removeEndpoint,
-    PduType::listSenderRates,
-    PduType::listSenderRateRecords,
-    PduType::adminStatus,
-    PduType::adminBackup,
-    PduType::adminRestore,
-    PduType::adminAcceptEmpty,
-    PduType::adminExplain,
-    PduType::adminRelease,
-    PduType::adminResetRate,
-};
 constexpr PduType listings[] = {PduType::listTuples, PduType::listExemptions, PduType::listReputations,
                                 PduType::listEndpoints, PduType::listSenderRates};
 
@@ -102,6 +83,9 @@ class Handlers {
         addAdminHandlers(m_services, m_dispatcher);
         addDecisionHandlers(
             m_decision, [] { return now; }, m_dispatcher);
+        addMetricsHandler(
+            std::make_shared<Daemon::DaemonMetrics>([] { return Daemon::MetricFacts(); }, [] { return now; }),
+            m_dispatcher);
         MMSReputation::ScoreTable::nextRefresh = std::numeric_limits<long>::max(); // no dump is written
     }
     template <class... Handler>

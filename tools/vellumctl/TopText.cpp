@@ -20,6 +20,12 @@ std::string fixed(double number, int digits = 1) {
     return room.data();
 }
 
+// A daemon that lies may tell any number.
+std::int64_t wholeSeconds(double seconds) {
+    constexpr double most = 1e15;
+    return static_cast<std::int64_t>(std::clamp(seconds, -most, most));
+}
+
 // Rows in columns: the first two to the left, as names are, the others to the right.
 class Rows {
   public:
@@ -115,9 +121,9 @@ class Frame {
     std::string head() const {
         Json const& build = m_now.samples("vellum_build_info");
         std::string const version = build.empty() ? "-" : label(build.front(), "version");
-        auto const now = static_cast<std::int64_t>(m_now.time());
-        return "vellumd " + version + ", up " + durationText(now - static_cast<std::int64_t>(m_now.startedAt())) +
-               ", " + localTime(now) + "; rates of " +
+        std::int64_t const now = wholeSeconds(m_now.time());
+        return "vellumd " + version + ", up " + durationText(now - wholeSeconds(m_now.startedAt())) + ", " +
+               localTime(now) + "; rates of " +
                (m_before ? "the last " + fixed(seconds()) + " s" : "all the time since the start") + "\n" +
                "database " + state("vellum_database_up", "up", "DOWN") + ", database daemon " +
                state("vellum_database_daemon_up", "up", "DOWN") + ", unit " +
