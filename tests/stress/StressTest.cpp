@@ -5,7 +5,8 @@
 #include "tests/stress/WholeDaemon.h"
 
 #include "foundation/IPAddress.h"
-#include "foundation/ipc/PduType.h"
+#include "foundation/ipc/Dispatcher.h"
+#include "fuzz/Requests.h"
 #include "greylist/DynamicExemptCache.h"
 #include "greylist/TupleCache.h"
 #include "mmsreputation/MMSReputationDisplay.h"
@@ -20,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <set>
 
 namespace Vellum::Stress {
 namespace {
@@ -219,9 +221,31 @@ void expectTablesToHoldWhatMemoryHeld(WholeDaemon& daemon) {
     EXPECT_GT(rows("mms_reputation"), 0U);
 }
 
+// Those among all numbers that requests have; and those that are fuzzed.
+std::set<std::uint32_t> handledRequests() {
+    std::set<std::uint32_t> handled;
+    auto const& dispatcher = IPC::Dispatcher::instance(IPC::stateDaemonPort);
+    for (std::uint32_t const first : {0U, number(PduType::adminStatus)}) {
+        for (std::uint32_t type = first; type < first + 0x1000; ++type) {
+            if (!dispatcher.handler(type).isNull()) {
+                handled.insert(type);
+            }
+        }
+    }
+    return handled;
+}
+std::set<std::uint32_t> fuzzedRequests() {
+    std::set<std::uint32_t> fuzzed;
+    for (PduType const type : Fuzz::requests) {
+        fuzzed.insert(number(type));
+    }
+    return fuzzed;
+}
+
 TEST(Stress, WholeDaemonAtOnce) {
     RandomSource source;
     WholeDaemon daemon;
+    EXPECT_EQ(handledRequests(), fuzzedRequests()) << "each request that is handled is fuzzed (fuzz/Requests.h)";
     unsigned int const port = daemon.port();
     PolicyAsker mail[] = {{daemon.policySocket(), source.any()}, {daemon.policySocket(), source.any()}};
     MilterSender messages(daemon.milterSocket(), source.any());
