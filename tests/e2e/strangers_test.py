@@ -177,9 +177,12 @@ class Root(unittest.TestCase):
             status = dict(re.findall(r"^(\w+):\t(.*?)\s*$", Path(f"/proc/{process.pid}/status").read_text(), re.M))
             expected = {"Uid": "\t".join([str(SERVICE.pw_uid)] * 4), "Gid": "\t".join([str(SERVICE.pw_gid)] * 4),
                         "Groups": " ".join(map(str, os.getgrouplist("daemon", SERVICE.pw_gid))),
-                        "CapInh": "0" * 16, "CapPrm": "0" * 16, "CapEff": "0" * 16, "CapAmb": "0" * 16,
+                        "CapInh": "0" * 16, "CapPrm": "0" * 16, "CapEff": "0" * 16, "CapAmb": "0" * 16, "CapBnd": "0" * 16,
                         "NoNewPrivs": "1"}
             self.assertEqual({name: status[name] for name in expected}, expected, process.name)
+
+    def test_who_has_given_it_up_does_not_warn_of_it(self):
+        self.assertNotIn("runs as root", vellum.log() + vellum.dbd_log())
 
     def test_threads_have_given_it_up_too(self):
         for process in (vellum.daemon, vellum.dbd):
@@ -250,6 +253,22 @@ class Secrets(unittest.TestCase):
             self.assertEqual(os.stat(f"/proc/{process.pid}/environ").st_uid, 0, process.name)
 
 
+    def test_tool_that_reads_the_settings_writes_no_core_either(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:  # so that it is there while it is looked at
+            port = str(silent.getsockname()[1])
+            tool = subprocess.Popen([vellum.programs / "vellumctl", "--port", port, "status"],
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            try:
+                with silent.accept()[0]:
+                    limits = Path(f"/proc/{tool.pid}/limits").read_text()
+                    self.assertRegex(limits, r"(?m)^Max core file size +0 +0 +bytes")
+                    self.assertEqual(as_user(STRANGER, lambda: open(f"/proc/{tool.pid}/environ", "rb").read(1)),
+                                     "EACCES")
+            finally:
+                tool.kill()
+                tool.wait()
+
+
 class SymbolicLinks(unittest.TestCase):
     """In a directory that others may write to, a link is their choice of what the daemon writes."""
 
@@ -310,12 +329,16 @@ class SymbolicLinks(unittest.TestCase):
         settings = self.settings()
         settings["state"]["directory"] = str(self.shared)
         self.link("vellumd.lock")
-        self.assertIn("Too many levels of symbolic links", self.refusal("vellumd", settings))
+        said = self.refusal("vellumd", settings)
+        self.assertIn("Too many levels of symbolic links", said)
+        self.assertIn("warning: this daemon runs as root, which it does not need", said)
 
     def test_lock_of_the_journal(self):
         os.mkdir(self.shared / "journal", 0o700)
         os.symlink(self.victim, self.shared / "journal" / "lock")
-        self.assertIn("Too many levels of symbolic links", self.refusal("vellum-dbd", self.dbd_settings()))
+        said = self.refusal("vellum-dbd", self.dbd_settings())
+        self.assertIn("Too many levels of symbolic links", said)
+        self.assertIn("warning: this daemon runs as root, which it does not need", said)
 
     def test_backup_script_replaces_the_link(self):
         script = Path(vellum.settings["state"]["directory"]) / "greylist.sql"
