@@ -9,6 +9,7 @@
 #include "daemon/MetricsHandler.h"
 #include "foundation/DetachedBackup.h"
 #include "foundation/Logger.h"
+#include "foundation/Privileges.h"
 #include "foundation/Version.h"
 #include "foundation/cron/Crontab.h"
 #include "foundation/database/DatabaseDaemon.h"
@@ -116,6 +117,7 @@ int Daemon::run() {
     m_signals = std::make_unique<SignalInbox>(std::initializer_list<int>{SIGTERM, SIGINT, SIGHUP});
     useLog(m_settings.log);
     note(Logger::Severity::info, std::string("vellumd ") + version + " starts with " + m_settingsPath);
+    warnAboutRoot();
     try {
         m_instanceLock = std::make_unique<InstanceLock>(m_settings.state.lockFile());
         useDatabase();
@@ -275,6 +277,7 @@ std::size_t Daemon::filesWanted() const {
 void Daemon::serve() {
     raiseFileLimit(filesWanted());
     makeDecision();
+    restoreScriptsOf(m_settings.ipc.users);
     addAdminHandlers(*this);
     addDecisionHandlers(*m_decision, clockNow);
     m_metrics = std::make_shared<DaemonMetrics>([this] { return metricFacts(); }, clockNow);
