@@ -82,7 +82,8 @@ TEST_F(TopText, TimesBeyondAllIntegersAreCut) {
     Json answer = metricsAfter(0);
     answer["time"] = 1e300;
     answer["metrics"]["vellum_start_time_seconds"] = one(-1e300);
-    answer["metrics"]["vellum_backup_age_seconds"] = many({sample(of("family", "greylist"), 1e300)});
+    answer["metrics"]["vellum_backup_last_success_timestamp_seconds"] =
+        many({sample(of("family", "greylist"), -1e300)});
     std::string const text = topText(answer, nullptr);
     EXPECT_NE(text.find("vellumd 1.2.3, up 23148148148 d 3 h, @1000000000000000; "), std::string::npos) << text;
     EXPECT_NE(text.find("11574074074 d 1 h ago"), std::string::npos) << text;

@@ -225,7 +225,7 @@ class Frame {
     std::string lastGood(Json const& family) const {
         auto const when = m_now.value("vellum_backup_last_success_timestamp_seconds", family);
         bool const refused = m_now.value("vellum_backup_refused", family).value_or(0) != 0;
-        return (when ? durationText(static_cast<std::int64_t>(m_now.time() - *when)) + " ago" : "none") +
+        return (when ? durationText(wholeSeconds(m_now.time() - *when)) + " ago" : "none") +
                (refused ? ", NEWER REFUSED" : "");
     }
     std::string families() const {
