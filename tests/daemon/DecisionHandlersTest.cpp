@@ -146,15 +146,17 @@ TEST_F(DecisionHandlers, WithoutARecipientTheVerdictIsThatOfClientAndSender) {
 }
 
 TEST_F(DecisionHandlers, WithoutASenderTheVerdictIsThatOfTheClient) {
+    learn("192.0.2.4", "15555550100"); // first of all: asking looks an address up, and what is found then stays
     json const clientOnly = {{"address", "192.0.2.1"}};
     json const nothing = explain(clientOnly);
     EXPECT_EQ(nothing.at("verdict"), verdict("pass", "incomplete", 0, "connect"));
     EXPECT_EQ(nothing.at("sender"), nullptr);
     spoil("192.0.2.1");
     EXPECT_EQ(explain(clientOnly).at("verdict"), verdict("reject", "bad-reputation", 0, "connect"));
-    learn("192.0.2.1", "15555550100");
+    spoil("192.0.2.4");
     MMSReputation::RefCache::instance(nullptr, 0)->blacklist(MSISDN(std::string("15555550100")));
-    EXPECT_EQ(explain(clientOnly).at("verdict"), verdict("reject", "endpoint-blacklisted", 0, "connect"));
+    EXPECT_EQ(explain({{"address", "192.0.2.4"}}).at("verdict"),
+              verdict("reject", "endpoint-blacklisted", 0, "connect"));
     block("jo@example.org", start + 60);
     EXPECT_EQ(explain({{"address", "192.0.2.3"}, {"user", "jo@example.org"}}).at("verdict"),
               verdict("defer", "sender-blocked", 60, "connect"))
