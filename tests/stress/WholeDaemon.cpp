@@ -217,21 +217,6 @@ void WholeDaemon::setActive(bool active) const {
     replace(path("active"), active ? "active\n" : "standby\n");
 }
 
-void WholeDaemon::becomeActive() {
-    setActive(true);
-    auto const isActive = [this] {
-        std::string const text = log();
-        std::size_t const changed = text.rfind("high availability: this unit is ");
-        return changed == std::string::npos ||
-               text.find("the tables are loaded, this unit backs up", changed) != std::string::npos;
-    };
-    auto const end = std::chrono::steady_clock::now() + CapturingLogger::patience;
-    do { // housekeeping looks after each, and loads as soon as the last backup is in the tables
-        require(std::chrono::steady_clock::now() < end, "this unit to be the active one");
-        reload(0);
-    } while (!isActive());
-}
-
 int WholeDaemon::end() {
     pthread_kill(m_thread.native_handle(), SIGTERM);
     m_thread.join();

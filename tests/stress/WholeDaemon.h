@@ -40,8 +40,6 @@ class WholeDaemon {
     void reload(unsigned int variant);
     // Whether this unit is the active one of a pair, from the next look on.
     void setActive(bool active) const;
-    // Has this unit be the active one, with its tables loaded, so that it backs up.
-    void becomeActive();
 
     // SIGTERM, to vellumd and then to vellum-dbd; their exit statuses.
     int end();
