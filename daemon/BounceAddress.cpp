@@ -134,7 +134,8 @@ bool isSrs(std::string_view text, std::string_view name) {
 }
 
 // A name, what varies, a separator. A first field of prvs that is no number is the user: the order was once reversed,
-// and the number behind it is then found like any other.
+// and the number behind it is then found like any other. A number that was replaced is one still: what is folded stays
+// as it is.
 struct Tagged {
     std::string_view name;
     std::string_view separator;
@@ -152,8 +153,9 @@ bool readSignature(Signature& signature, std::string_view text) {
     }
     for (Tagged const& form : taggedForms) {
         if (startsWithIgnoringCase(text, form.name)) {
+            std::string_view const field = text.substr(form.name.size());
             signature.keep(form.name.size());
-            return (!form.numbersOnly || isNumber(firstRun(text.substr(form.name.size())))) &&
+            return (!form.numbersOnly || field.starts_with(folded) || isNumber(firstRun(field))) &&
                    signature.replace(form.separator);
         }
     }

@@ -91,6 +91,15 @@ TEST(AddressFolding, SignaturesOfBounceAddressesAreReplaced) {
                       });
 }
 
+// A backup holds what was folded, and its sender is folded once more when it is asked about.
+TEST(AddressFolding, SignatureThatWasReplacedIsOneStill) {
+    expectSenders({}, {
+                          {"prvs=12=+d@example.org", "prvs=#=+d@example.org"},
+                          {"prvs=#=+d@example.org", "prvs=#=+d@example.org"},
+                          {"prvs=#=jo+x@example.org", "prvs=#=jo@example.org"},
+                      });
+}
+
 TEST(AddressFolding, RewritingForwardersAreOneSenderForEachAuthor) {
     expectSenders(
         {}, {
