@@ -83,7 +83,6 @@ PolicyAcceptor::Next PolicyAcceptor::acceptOne(ListeningSocket const& socket) {
         return acceptFailed(socket, errno);
     }
     auto connection = std::make_unique<PolicyConnection>(std::move(taken), peerAddress(address));
-    m_exhausted.ends("policy: accepting connections again");
     if (isFull() && !makeRoom()) {
         m_refused.increment();
         m_full.begins("policy: " + std::to_string(m_limits.maxConnections) +
@@ -97,7 +96,8 @@ PolicyAcceptor::Next PolicyAcceptor::acceptOne(ListeningSocket const& socket) {
 }
 
 PolicyAcceptor::Next PolicyAcceptor::acceptFailed(ListeningSocket const& socket, int error) {
-    if (error == EAGAIN) {
+    if (error == EAGAIN) { // also, there is a descriptor: the kernel looks for one first
+        m_exhausted.ends("policy: accepting connections again");
         return Next::queueEmpty;
     }
     if (isExhaustion(error)) {

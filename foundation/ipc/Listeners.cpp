@@ -86,7 +86,7 @@ Listeners::Outcome Listeners::accept(int listener, FileDescriptor& connection) {
             bool const was = static_cast<bool>(turnedAway);
             turnedAway.reset();
             m_spare = openSpare();
-            return was ? Outcome::exhausted : Outcome::trouble;
+            return was ? Outcome::exhausted : Outcome::crowded;
         }
         case ENOMEM:
         case ENOBUFS:

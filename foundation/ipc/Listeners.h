@@ -22,7 +22,8 @@ class Listeners {
         connection, // one was accepted
         none,       // none is waiting
         exhausted,  // one was waiting and was closed: this process or the system has no descriptor for it
-        trouble,    // the kernel could not, and would say so again at once
+        crowded,    // the same, but it waits on: others have the spare descriptor, too; would be so again at once
+        trouble,    // the kernel could not (errno tells why), and would say so again at once
     };
     // Accepts one connection, without waiting.
     Outcome accept(int listener, FileDescriptor& connection);

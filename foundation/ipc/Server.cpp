@@ -138,9 +138,13 @@ void Server::acceptFrom(int listener) {
         case Listeners::Outcome::exhausted:
             note("a connection was turned away: no file descriptor is left for it");
             break;
+        case Listeners::Outcome::crowded:
+            note("a connection has to wait: no file descriptor is left for it");
+            std::this_thread::sleep_for(breath);
+            return;
         case Listeners::Outcome::trouble:
             note("cannot accept a connection: " + std::generic_category().message(errno));
-            std::this_thread::sleep_for(breath); // the kernel would report it again at once
+            std::this_thread::sleep_for(breath);
             return;
         }
     }

@@ -384,6 +384,7 @@ TEST_F(PolicyServerTest, WithoutDescriptorsAcceptingWaitsAndGoesOn) {
     }
     EXPECT_EQ(waiting.ask(requestFrom("c")), "c");
     EXPECT_EQ(waitingToo.ask(requestFrom("d")), "d");
+    EXPECT_TRUE(log.waitForNote("policy: accepting connections again")); // when nobody waits any more
     EXPECT_EQ(log.notes(), (std::vector<std::string>{"policy: no new connections for the moment: Too many open files",
                                                      "policy: accepting connections again"}));
 }

@@ -19,14 +19,18 @@ namespace {
 
 struct Dispatching : testing::Test, TestDispatcher {};
 
-// No further descriptor can be opened in this process.
+int lowestFree() {
+    FileDescriptor const next(::dup(0));
+    return next.get();
+}
+
+// No further descriptor can be opened in this process: none that is `limit` or more.
 class LimitedDescriptors {
   public:
-    LimitedDescriptors() {
+    explicit LimitedDescriptors(int limit = lowestFree()) {
         ::getrlimit(RLIMIT_NOFILE, &m_before);
         rlimit none = m_before;
-        FileDescriptor const next(::dup(0));
-        none.rlim_cur = static_cast<rlim_t>(next.get()); // the lowest that is free
+        none.rlim_cur = static_cast<rlim_t>(limit);
         ::setrlimit(RLIMIT_NOFILE, &none);
     }
     ~LimitedDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
@@ -297,6 +301,22 @@ TEST_F(Dispatching, ConnectionWithoutADescriptorLeftForItIsTurnedAwayAndLaterOne
     }
     EXPECT_TRUE(log.waitForNote("no file descriptor is left"));
     EXPECT_TRUE(answers());
+}
+
+TEST_F(Dispatching, ConnectionThatCannotEvenBeTurnedAwayWaitsAndIsServedLater) {
+    start();
+    FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    SystemAddress const target = SystemAddress::of("127.0.0.1", port());
+    std::string const request = rawUnit(echoType, "hello");
+    {
+        LimitedDescriptors const none(0); // as when another thread takes the spare one at the moment it is given up
+        ASSERT_EQ(::connect(socket.get(), target.get(), target.length), 0);
+        ASSERT_EQ(::send(socket.get(), request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+        EXPECT_TRUE(log.waitForNote("a connection has to wait: no file descriptor is left for it"));
+    }
+    std::string reply(request.size(), 0);
+    EXPECT_EQ(::recv(socket.get(), reply.data(), reply.size(), MSG_WAITALL), static_cast<ssize_t>(reply.size()));
+    EXPECT_EQ(reply, rawUnit(echoType + 1, "hello"));
 }
 
 TEST_F(Dispatching, FloodOfBadClientsDoesNotFloodTheLog) {
