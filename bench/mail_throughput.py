@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Messages per second through Postfix, without a filter, with the policy front, and with the policy and milter fronts.
+"""Messages per second through Postfix, without a filter, with the policy front, and with the policy and milter fronts;
+and beside them fronts that see the same and do nothing (NoopFronts): what they lose is Postfix' own part.
 
     bench/mail_throughput.py [--programs build/release/bin] [--messages N] [--sessions N] [--rounds N] [--json]
 
-Three Postfix instances of the same configuration, one vellumd on a private MariaDB. Each round sends the same messages
-through each instance by turns, with Postfix' own load generator, so that all three have the same machine, and each
-begins a round as often as the others; the share is the median of the rounds' shares. Every message is a connection of
+Postfix instances of the same configuration, one vellumd on a private MariaDB. Each round sends the same messages
+through each instance by turns, with Postfix' own load generator, so that all have the same machine, and each has each
+place in a round about as often as the others; the share is the median of the rounds' shares. Every message is a connection of
 its own, one recipient, 2 KiB, and is thrown away after Postfix has queued it. The tuple is known, as that of most mail
 is. Needs root, as Postfix does.
 """
@@ -22,7 +23,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "scripts"))
 
 from stage.mariadb import PrivateMariaDb  # noqa: E402
 from stage.postfix import PrivatePostfix  # noqa: E402
-from stage.process import StageError  # noqa: E402
+from stage.process import Process, StageError, accepts_unix_connections  # noqa: E402
 from stage.stage import SOURCE_DIRECTORY, Stage, needs_root  # noqa: E402
 from stage.vellum import Vellum  # noqa: E402
 
@@ -50,6 +51,15 @@ def make_tuple_known(vellum, port):
         raise StageError(f"the tuple did not come to be: {vellum.log()[-2000:]}")
 
 
+def start_noop_fronts(stage, programs):
+    """The addresses of a policy server and a milter that do nothing."""
+    sockets = [stage.path("noop", name) for name in ("policy.sock", "milter.sock")]
+    noop = Process(stage, "NoopFronts", [Path(programs) / "NoopFronts", *sockets], stage.path("noop", "out"))
+    noop.start()
+    noop.started(lambda: all(accepts_unix_connections(path) for path in sockets))
+    return [f"unix:{path}" for path in sockets]
+
+
 def show(chosen, taken):
     """`taken`: the seconds of each round, by the name of the contender."""
     if not chosen.json:
@@ -60,7 +70,7 @@ def show(chosen, taken):
         if chosen.json:
             print(json.dumps({"case": name, "messages_per_second": round(rate), "share": round(share, 3)}))
         else:
-            print(f"  {name:18} {rate:7.0f} a second, {share:.3f} of no filter")
+            print(f"  {name:24} {rate:7.0f} a second, {share:.3f} of no filter")
 
 
 def main():
@@ -78,19 +88,23 @@ def main():
                         greylist={"delay_minutes": 0, "auto_exempt_after": 0})
         vellum.start()
         policy, milter = f"unix:{vellum.policy_socket}", f"unix:{vellum.milter_socket}"
-        contenders = {
-            "no filter": PrivatePostfix(stage, ["example.org"], name="bare", thrown_away=["sink.example"]),
-            "policy": PrivatePostfix(stage, ["example.org"], policy, name="policy", thrown_away=["sink.example"]),
-            "policy and milter": PrivatePostfix(stage, ["example.org"], policy, milter, name="both",
-                                                thrown_away=["sink.example"]),
+        noop_policy, noop_milter = start_noop_fronts(stage, chosen.programs)
+        fronts = {
+            "no filter": (None, None),
+            "policy": (policy, None),
+            "policy and milter": (policy, milter),
+            "no-op policy": (noop_policy, None),
+            "no-op policy and milter": (noop_policy, noop_milter),
         }
+        contenders = {name: PrivatePostfix(stage, ["example.org"], *asked, name=name.replace(" ", "-"),
+                                           thrown_away=["sink.example"]) for name, asked in fronts.items()}
         make_tuple_known(vellum, contenders["policy"].port)
         for postfix in contenders.values():  # its processes are started, its caches warm
             seconds(postfix, chosen.messages // 4, chosen.sessions)
         taken = {name: [] for name in contenders}
         names = list(contenders)
         for turn in range(chosen.rounds):
-            for name in names[turn % 3:] + names[:turn % 3]:
+            for name in names[turn % len(names):] + names[:turn % len(names)]:
                 taken[name].append(seconds(contenders[name], chosen.messages, chosen.sessions))
         show(chosen, taken)
 
