@@ -31,6 +31,8 @@ class HeaderRule {
 struct ContentRules {
     std::vector<HeaderRule> spam;
     std::vector<HeaderRule> infected;
+
+    bool empty() const { return spam.empty() && infected.empty(); }
 };
 
 // What the headers of one message say.

@@ -14,8 +14,8 @@ CountQueue::~CountQueue() {
     {
         std::lock_guard<std::mutex> const hold(m_mutex);
         m_ending = true;
-        m_changed.notify_all();
     }
+    m_arrived.notify_one();
     m_thread.join();
 }
 
@@ -29,22 +29,26 @@ void CountQueue::messageEnded(MessageSummary const& message, long now) {
     }
     m_waiting.emplace_back(message, now);
     std::uint64_t const wanted = m_counted + m_waiting.size();
-    m_changed.notify_all();
-    bool const inTime = m_changed.wait_for(hold, m_slow ? std::chrono::milliseconds(0) : patience,
-                                           [&] { return m_counted >= wanted || m_slow; });
-    m_slow = m_slow || !inTime;
+    bool const worthWaiting = !m_slow;
+    hold.unlock(); // or who is woken would find it locked, and sleep again
+    m_arrived.notify_one();
+    if (worthWaiting) {
+        hold.lock();
+        bool const inTime = m_progress.wait_for(hold, patience, [&] { return m_counted >= wanted || m_slow; });
+        m_slow = m_slow || !inTime;
+    }
 }
 
 void CountQueue::waitUntilDone() {
     std::unique_lock<std::mutex> hold(m_mutex);
     std::uint64_t const wanted = m_counted + m_waiting.size();
-    m_changed.wait(hold, [&] { return m_counted >= wanted; });
+    m_progress.wait(hold, [&] { return m_counted >= wanted; });
 }
 
 void CountQueue::work() {
     std::unique_lock<std::mutex> hold(m_mutex);
     for (;;) {
-        m_changed.wait(hold, [this] { return m_ending || !m_waiting.empty(); });
+        m_arrived.wait(hold, [this] { return m_ending || !m_waiting.empty(); });
         if (m_waiting.empty()) {
             return;
         }
@@ -55,7 +59,9 @@ void CountQueue::work() {
         m_waiting.pop_front();
         ++m_counted;
         m_slow = m_slow && !m_waiting.empty();
-        m_changed.notify_all();
+        hold.unlock();
+        m_progress.notify_all();
+        hold.lock();
     }
 }
 

@@ -50,7 +50,8 @@ class CountQueue : public MessageObserver {
     std::size_t const m_most;
     NoteLimiter m_notes{burst, std::chrono::minutes(1)};
     std::mutex m_mutex;
-    std::condition_variable m_changed;
+    std::condition_variable m_arrived;  // for the thread that counts
+    std::condition_variable m_progress; // for who waits for it
     // Under m_mutex. A message stays in front until it is counted.
     std::deque<std::pair<MessageSummary, long>> m_waiting;
     std::uint64_t m_counted = 0; // since the start

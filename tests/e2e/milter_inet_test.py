@@ -1,8 +1,11 @@
 """The milter front over TCP behind a real Postfix, beside the policy front."""
 
 import json
+import socket
+import struct
 import unittest
 
+from stage.crowd import MILTER_OFFER
 from world import DEFER_TEXT, Client, World, deferral_of, free_port, wait_until
 
 
@@ -22,7 +25,35 @@ def counted(front):
     return {one["reason"]: one["count"] for one in decisions if one["count"]}
 
 
+NO_HEADERS = 0x20  # of the steps that a milter does without
+
+
+def negotiated_steps():
+    """The mask of what the front does not want to be told, or not to be waited for, in its answer to an offer of all."""
+    host, port = world.vellum.milter_address.split(":")[1:]
+    with socket.create_connection((host, int(port)), timeout=20) as client:
+        client.sendall(MILTER_OFFER)
+        _, letter, _, _, steps = struct.unpack("!IcIII", client.makefile("rb").read(17))
+    assert letter == b"O", letter
+    return steps
+
+
 class MilterOverTcp(unittest.TestCase):
+    def test_headers_are_asked_for_only_while_a_rule_looks_at_one(self):
+        with_rules = negotiated_steps()
+        self.assertEqual(with_rules & NO_HEADERS, 0)
+        settings = world.vellum.settings["milter"]
+        for names, wanted in ((["spam_headers"], 0), (["spam_headers", "infected_headers"], NO_HEADERS)):
+            settings.update({name: [] for name in names})
+            world.vellum.write_settings()
+            self.assertIn("settings read again", world.vellum.reload())
+            self.assertEqual(negotiated_steps(), with_rules | wanted, names)
+        for name in ("spam_headers", "infected_headers"):
+            del settings[name]
+        world.vellum.write_settings()
+        world.vellum.reload()
+        self.assertEqual(negotiated_steps(), with_rules)
+
     def test_mail_is_decided_counted_and_told_by_front(self):
         client = Client("192.0.2.20")
         replies, _ = world.send(client, "jo@two.example", "a@example.org")
