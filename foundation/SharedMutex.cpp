@@ -1,9 +1,17 @@
 #include "foundation/SharedMutex.h"
 
+#include <chrono>
+#include <climits>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
 namespace Vellum {
 namespace {
 
-constexpr int spins = 128; // about a microsecond: longer than most holds, shorter than a sleep in the kernel
+constexpr int spins = 128;       // about a microsecond: longer than most holds, shorter than a sleep in the kernel
+constexpr int spinsAtGate = 512; // who sleeps there may be handed the gate, and all others wait while he wakes up
 
 void relax() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -27,7 +35,7 @@ void SharedMutex::lockSharedSlowly() {
             m_sleepingReaders.fetch_add(1, std::memory_order_seq_cst);
             seen = m_readers.load(std::memory_order_seq_cst);
             if ((seen & claimed) != 0) {
-                m_readers.wait(seen, std::memory_order_relaxed);
+                sleepWhile(m_readers, seen);
             }
             m_sleepingReaders.fetch_sub(1, std::memory_order_relaxed);
         }
@@ -35,10 +43,10 @@ void SharedMutex::lockSharedSlowly() {
 }
 
 void SharedMutex::enterSlowly() {
-    for (int spin = 0; spin < spins; ++spin) {
-        std::uint32_t expected = 0;
-        if (m_gate.load(std::memory_order_relaxed) == 0 &&
-            m_gate.compare_exchange_weak(expected, 1, std::memory_order_acquire)) {
+    for (int spin = 0; spin < spinsAtGate; ++spin) {
+        std::uint32_t expected = isFree;
+        if (m_gate.load(std::memory_order_relaxed) == isFree &&
+            m_gate.compare_exchange_weak(expected, isHeld, std::memory_order_acquire)) {
             return;
         }
         relax();
@@ -48,21 +56,39 @@ void SharedMutex::enterSlowly() {
     m_sleepers.fetch_add(1, std::memory_order_relaxed);
     for (int woken = 0;;) {
         std::uint32_t seen = m_gate.load(std::memory_order_relaxed);
-        if (seen == 0 || seen == 3) {
-            if (m_gate.compare_exchange_weak(seen, 2, std::memory_order_acquire)) {
+        if (seen == isFree || seen == isHandedToAnyone || (seen == isHanded && impatient)) {
+            if (m_gate.compare_exchange_weak(seen, isWaitedFor, std::memory_order_acquire)) {
                 break;
             }
-        } else if (seen == 2 || m_gate.compare_exchange_weak(seen, 2, std::memory_order_relaxed)) {
-            if (woken > patience && !impatient) {
-                impatient = true;
-                m_impatient.fetch_add(1, std::memory_order_relaxed);
-            }
-            m_gate.wait(2, std::memory_order_relaxed);
+        } else if (woken > patience && !impatient) {
+            impatient = true;
+            m_impatient.fetch_add(1, std::memory_order_relaxed);
+        } else if (seen != isHeld || m_gate.compare_exchange_weak(seen, isWaitedFor, std::memory_order_relaxed)) {
+            sleepWhile(m_gate, seen == isHanded ? isHanded : isWaitedFor);
             ++woken;
         }
     }
     m_impatient.fetch_sub(impatient ? 1 : 0, std::memory_order_relaxed);
     m_sleepers.fetch_sub(1, std::memory_order_relaxed);
+}
+
+// All are woken, always: one that was not woken in vain yet leaves the gate to the others and sleeps again, and while
+// such a one is awake the gate need not be marked as waited for.
+void SharedMutex::handOverToImpatient() {
+    m_gate.store(isHanded, std::memory_order_release);
+    wakeAll(m_gate);
+}
+
+// Where nobody sleeps on the gate, one who waits for it is awake, and any may take it.
+void SharedMutex::handOverInTurn() {
+    if (m_gate.exchange(isHandedToAnyone, std::memory_order_release) == isWaitedFor) {
+        wakeOne(m_gate);
+    }
+    // Not asleep on the gate: waking this thread would be in place of waking one who waits for it.
+    constexpr std::chrono::microseconds glance{20};
+    while (m_gate.load(std::memory_order_relaxed) == isHandedToAnyone) {
+        std::this_thread::sleep_for(glance);
+    }
 }
 
 bool SharedMutex::readersGoSoon() {
@@ -74,6 +100,18 @@ bool SharedMutex::readersGoSoon() {
     }
     yieldClaim();
     return false;
+}
+
+void SharedMutex::sleepWhile(Word const& word, std::uint32_t value) {
+    syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, nullptr);
+}
+
+void SharedMutex::wakeOne(Word const& word) {
+    syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1);
+}
+
+void SharedMutex::wakeAll(Word const& word) {
+    syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT_MAX);
 }
 
 // New readers wait from the start, upgraders only when the last reader has gone.
@@ -95,7 +133,7 @@ void SharedMutex::awaitReaders() {
         if (spin < spins) {
             relax();
         } else {
-            m_readers.wait(seen, std::memory_order_acquire);
+            sleepWhile(m_readers, seen);
         }
     }
 }

@@ -37,7 +37,7 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
     void unlockShared() VELLUM_RELEASE_SHARED() {
         std::uint32_t const left = m_readers.fetch_sub(1, std::memory_order_release) - 1;
         if ((left & claimed) != 0 && (left & ~claimed) == 0) {
-            m_readers.notify_all(); // the last reader before a waiting writer
+            wakeAll(m_readers); // the last reader before a waiting writer
         }
     }
 
@@ -69,11 +69,15 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
         yieldClaim();
         leave();
     }
-    // As unlock(), and who sleeps for the lock gets it before this thread can come back: for work that takes it again
-    // and again and can wait.
+    // As unlock(), and who sleeps for the lock gets it before this thread can come back, for which it waits: for work
+    // that takes it again and again and can wait.
     void unlockInTurn() VELLUM_RELEASE() {
         yieldClaim();
-        handOver(m_sleepers);
+        if (m_sleepers.load(std::memory_order_relaxed) == 0) {
+            leave();
+        } else {
+            handOverInTurn();
+        }
     }
 
     // Whether a writer or a promotion holds the lock, or waits for shared holders to go. True or not any more by the
@@ -85,41 +89,57 @@ class VELLUM_CAPABILITY("shared mutex") SharedMutex {
     static constexpr std::uint32_t pending = 0x40000000U; // set by who has the turn
     static constexpr std::uint32_t claimed = writer | pending;
 
-    // The gate: held by the one upgrader, or the writer that writes. 0 free, 1 held, 2 held and somebody sleeps, 3
-    // handed to one who sleeps. Whoever comes along may take it when it is free, which is quick; but one who was woken
-    // in vain is handed it, or a thread that takes the lock again and again would keep him out.
+    // The gate: held by the one upgrader, or the writer that writes. Whoever comes along may take it when it is free,
+    // which is quick; but one who was woken in vain is handed it, or a thread that takes the lock again and again would
+    // keep him out.
+    enum Gate : std::uint32_t {
+        isFree,
+        isHeld,
+        isWaitedFor,     // held, and somebody sleeps
+        isHanded,        // to those who were woken in vain
+        isHandedToAnyone // who sleeps
+    };
+    using Word = std::atomic<std::uint32_t>;
+
     void enter() {
-        std::uint32_t expected = 0;
-        if (!m_gate.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
+        std::uint32_t expected = isFree;
+        if (!m_gate.compare_exchange_strong(expected, isHeld, std::memory_order_acquire)) {
             enterSlowly();
         }
     }
-    void leave() { handOver(m_impatient); }
-    // To one of those who sleep, if there is anybody that `forWhom` counts.
-    void handOver(std::atomic<std::uint32_t> const& forWhom) {
-        std::uint32_t const next = forWhom.load(std::memory_order_relaxed) == 0 ? 0 : 3;
-        if (m_gate.exchange(next, std::memory_order_release) == 2) {
-            m_gate.notify_one();
+    void leave() {
+        if (m_impatient.load(std::memory_order_relaxed) != 0) {
+            handOverToImpatient();
+        } else if (m_gate.exchange(isFree, std::memory_order_release) == isWaitedFor) {
+            wakeOne(m_gate);
         }
     }
     void yieldClaim() {
         m_readers.fetch_and(~writer, std::memory_order_seq_cst);
         if (m_sleepingReaders.load(std::memory_order_seq_cst) != 0) {
-            m_readers.notify_all();
+            wakeAll(m_readers);
         }
     }
+    // The kernel's, at once: what the library's atomics wait with gives up the processor some times before it sleeps,
+    // and on a busy machine gets it back some milliseconds later.
+    static void sleepWhile(Word const& word, std::uint32_t value);
+    static void wakeOne(Word const& word);
+    static void wakeAll(Word const& word);
+
+    void handOverToImpatient();
+    void handOverInTurn();
     void lockSharedSlowly();
     void enterSlowly();
     bool readersGoSoon();
     void awaitReaders();
     void lockBehindReaders();
 
-    std::atomic<std::uint32_t> m_readers{0}; // shared holders, and a bit while a writer waits or holds
-    std::atomic<std::uint32_t> m_gate{0};
-    std::atomic<std::uint32_t> m_sleepers{0};        // who wait for the gate, and may take it when it is handed over
-    std::atomic<std::uint32_t> m_impatient{0};       // those of them who were woken in vain
-    std::atomic<std::uint32_t> m_sleepingReaders{0}; // shared requests that sleep until both bits are gone
-    std::mutex m_turn;                               // held by the one writer that waits for readers without the gate
+    Word m_readers{0}; // shared holders, and a bit while a writer waits or holds
+    Word m_gate{isFree};
+    Word m_sleepers{0};        // who wait for the gate, and take it when it is handed to anyone
+    Word m_impatient{0};       // those of them who were woken in vain
+    Word m_sleepingReaders{0}; // shared requests that sleep until both bits are gone
+    std::mutex m_turn;         // held by the one writer that waits for readers without the gate
 };
 
 // Holds a SharedMutex in shared mode for its life, or until release().
@@ -148,6 +168,18 @@ class VELLUM_SCOPED_CAPABILITY ExclusiveLock {
     ~ExclusiveLock() VELLUM_RELEASE() { m_mutex.unlock(); }
     ExclusiveLock(ExclusiveLock const&) = delete;
     ExclusiveLock& operator=(ExclusiveLock const&) = delete;
+
+  private:
+    SharedMutex& m_mutex;
+};
+
+// The same, and ends with unlockInTurn().
+class VELLUM_SCOPED_CAPABILITY TurnLock {
+  public:
+    explicit TurnLock(SharedMutex& mutex) VELLUM_ACQUIRE(mutex) : m_mutex(mutex) { mutex.lock(); }
+    ~TurnLock() VELLUM_RELEASE() { m_mutex.unlockInTurn(); }
+    TurnLock(TurnLock const&) = delete;
+    TurnLock& operator=(TurnLock const&) = delete;
 
   private:
     SharedMutex& m_mutex;

@@ -1,11 +1,14 @@
 #include "foundation/SharedMutex.h"
 
 #include <atomic>
+#include <fstream>
 #include <future>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace Vellum {
@@ -39,6 +42,13 @@ void leave(SharedMutex& mutex, Mode mode) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
     case Mode::exclusive:
         return mutex.unlock();
     }
+}
+
+// Whether a thread of this process waits in the system call that every lock sleeps in.
+bool sleepsInTheKernel(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    long call = -1;
+    return file >> call && call == SYS_futex;
 }
 
 // Gives other threads every opportunity to do what they should not. A correct lock passes however this turns out.
@@ -180,6 +190,41 @@ TEST(SharedMutex, UpgradersGoOnBesideAWriterThatWaits) {
     second.release();
     Holder const late(mutex, Mode::shared);
     late.awaitHold();
+}
+
+// Whoever works in turn gets nowhere while somebody sleeps for the lock: that one holds it before the unlocking is
+// over.
+TEST(SharedMutex, WhoUnlocksInTurnLetsASleeperGoFirst) VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+    for (Mode const mode : {Mode::exclusive, Mode::upgrade}) {
+        SharedMutex mutex;
+        mutex.lock();
+        std::atomic<bool> hasHeld{false};
+        std::atomic<pid_t> waiting{0};
+        std::thread other([&]() VELLUM_NO_THREAD_SAFETY_ANALYSIS {
+            waiting = gettid();
+            take(mutex, mode);
+            hasHeld = true;
+            leave(mutex, mode);
+        });
+        while (waiting == 0 || !sleepsInTheKernel(waiting)) {
+            std::this_thread::yield();
+        }
+        mutex.unlockInTurn();
+        mutex.lock();
+        EXPECT_TRUE(hasHeld);
+        mutex.unlock();
+        other.join();
+    }
+}
+
+TEST(SharedMutex, WhoUnlocksInTurnWithoutSleepersGoesOn) {
+    SharedMutex mutex;
+    for (int i = 0; i < 3; ++i) {
+        TurnLock const hold(mutex);
+        EXPECT_TRUE(mutex.isClaimed());
+    }
+    EXPECT_FALSE(mutex.isClaimed());
+    UpgradeLock const hold(mutex); // is free
 }
 
 // For ever, if a thread that takes the lock again and again kept the other one out.
