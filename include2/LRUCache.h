@@ -48,10 +48,9 @@ class LRUCache {
     // Forgets everything, at one moment; the capacity stays. What was held is destroyed afterwards, some entries at a
     // time, so that nobody waits for all of them.
     virtual void clear() {
-        OrderedIndex<K, KeyAt> old(KeyAt{&list});
         {
             ExclusiveLock const hold(lock);
-            index.swap(old);
+            index.clear();
             list.parkAll();
             size = 0;
         }
@@ -97,7 +96,7 @@ class LRUCache {
         return size;
     }
     virtual void add(K const& key, V const& value) {
-        ExclusiveLock const hold(lock);
+        TurnLock const hold(lock); // a load adds a million, and lets everybody else go first
         addNoLock(key, value);
     }
     virtual void remove(K const& key) {
@@ -179,9 +178,8 @@ class LRUCache {
     void dropParked() const {
         constexpr unsigned int dropAtOnce = 128; // some thirty microseconds
         for (bool more = true; more;) {
-            lock.lock();
+            TurnLock const hold(lock);
             more = pins == 0 && list.dropParked(dropAtOnce);
-            lock.unlockInTurn();
         }
     }
 

@@ -14,6 +14,7 @@
 #pragma once
 
 #include "include2/KeyOrder.h"
+#include "include2/NodePool.h"
 
 #include <array>
 #include <cstddef>
@@ -31,7 +32,6 @@ class OrderedIndex {
     static constexpr Position none = 0xFFFFFFFFU;
 
     explicit OrderedIndex(KeyAt keyAt) : m_keyAt(keyAt) {}
-    ~OrderedIndex() { clear(); }
     OrderedIndex(OrderedIndex const&) = delete;
     OrderedIndex& operator=(OrderedIndex const&) = delete;
 
@@ -58,16 +58,10 @@ class OrderedIndex {
     Position insert(K const& key, Position position);
     // Forgets `key`, whose node must still be there. Answers the position it had, or none when it was absent.
     Position erase(K const& key);
-    // Both index the same pairs.
-    void swap(OrderedIndex& other) noexcept {
-        std::swap(m_root, other.m_root);
-        std::swap(m_first, other.m_first);
-        std::swap(m_height, other.m_height);
-    }
+    // Forgets everything, at once.
     void clear() {
-        if (m_root != nullptr) {
-            destroy(m_root, m_height);
-        }
+        m_leaves.forgetAll();
+        m_inner.forgetAll();
         m_root = nullptr;
         m_first = nullptr;
         m_height = 0;
@@ -292,21 +286,14 @@ class OrderedIndex {
         }
     }
 
-    static void destroy(void* node, unsigned int level) {
-        if (level == 0) {
-            delete static_cast<Leaf*>(node);
-            return;
-        }
-        auto* inner = static_cast<Inner*>(node);
-        for (unsigned int i = 0; i < inner->count; ++i) {
-            destroy(inner->child[i], level - 1);
-        }
-        delete inner;
-    }
+    void release(Leaf& leaf) { m_leaves.release(&leaf); }
+    void release(Inner& inner) { m_inner.release(&inner); }
 
     bool isSound(void const* node, unsigned int level, Position smallest, Leaf const*& expected) const;
 
     KeyAt m_keyAt;
+    NodePool<Leaf> m_leaves;
+    NodePool<Inner> m_inner;
     void* m_root = nullptr; // a Leaf at height 0, else an Inner
     Leaf* m_first = nullptr;
     unsigned int m_height = 0; // inner levels above the leaves

@@ -9,7 +9,7 @@ template <class K, class KeyAt>
 auto OrderedIndex<K, KeyAt>::insert(K const& key, Position position) -> Position {
     Entry entry{KeyOrder<K>::prefix(key), position};
     if (m_root == nullptr) {
-        m_first = new Leaf;
+        m_first = m_leaves.make().release();
         m_root = m_first;
     }
     Path path;
@@ -28,12 +28,15 @@ auto OrderedIndex<K, KeyAt>::insert(K const& key, Position position) -> Position
     while (fullLevels < m_height && path[fullLevels + 1].node->count == fanout) {
         ++fullLevels;
     }
-    auto newLeaf = std::make_unique<Leaf>();
-    std::array<std::unique_ptr<Inner>, maxHeight + 1> newInner;
+    auto newLeaf = m_leaves.make();
+    std::array<typename NodePool<Inner>::Handle, maxHeight + 1> newInner;
     for (unsigned int i = 0; i < fullLevels; ++i) {
-        newInner[i] = std::make_unique<Inner>();
+        newInner[i] = m_inner.make();
     }
-    std::unique_ptr<Inner> newRoot = fullLevels == m_height ? std::make_unique<Inner>() : nullptr;
+    typename NodePool<Inner>::Handle newRoot;
+    if (fullLevels == m_height) {
+        newRoot = m_inner.make();
+    }
 
     entry = splitInsert(*leaf, *newLeaf, at, entry, nullptr);
     newLeaf->next = leaf->next;
@@ -92,7 +95,7 @@ auto OrderedIndex<K, KeyAt>::erase(K const& key) -> Position {
     if (root->count == 1) {
         m_root = root->child[0];
         --m_height;
-        delete root;
+        release(*root);
     }
     return erased;
 }
@@ -112,7 +115,7 @@ void OrderedIndex<K, KeyAt>::refill(Inner& parent, unsigned int child) {
     left.count += right.count;
     unchain(left, right);
     eraseEntry(parent, rightChild);
-    delete &right;
+    release(right);
 }
 
 template <class K, class KeyAt>
