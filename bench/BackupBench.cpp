@@ -5,8 +5,8 @@
 // Each writes into a fresh file of the temporary directory: once without waiting for the disk, once with fsync and a
 // rename. Ours begins at the caches, so the snapshot and giving back the pinned entries are part of it.
 #include "bench/BenchSupport.h"
+#include "foundation/AllocatorTuning.h"
 #include "foundation/File.h"
-#include "foundation/HugePages.h"
 #include "greylist/BackupScript.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -93,7 +93,7 @@ class BackupBench {
 } // namespace
 
 int main(int argc, char** argv) {
-    useHugePages(argv); // as vellumd does
+    tuneAllocator(argv); // as vellumd does
     SilentLogger const silent;
     Options const options = Options::parse(argc, argv, {100000, 1000000}, 7);
     for (std::size_t const tuples : options.sizes) {

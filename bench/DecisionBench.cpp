@@ -6,7 +6,7 @@
 // are printed: known tuples at random, new ones with eviction of the oldest, and a mix of 90 and 10 %; from 1 and 2
 // threads. Bytes per tuple are all-in: what the process's heap grew by, divided by the tuples held.
 #include "bench/BenchSupport.h"
-#include "foundation/HugePages.h"
+#include "foundation/AllocatorTuning.h"
 #include "greylist/TupleCache.h"
 
 #include <boost/thread/locks.hpp>
@@ -184,7 +184,7 @@ void compare(std::size_t tuples, Bench::Options const& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    useHugePages(argv); // as vellumd does
+    tuneAllocator(argv); // as vellumd does
     Bench::SilentLogger const silent;
     Bench::Options const options = Bench::Options::parse(argc, argv, {10000, 100000, 1000000}, 7);
     for (std::size_t const tuples : options.sizes) {

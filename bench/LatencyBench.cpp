@@ -10,8 +10,8 @@
 #include "bench/LatencyHistogram.h"
 #include "bench/SocketCopy.h"
 #include "daemon/Decision.h"
+#include "foundation/AllocatorTuning.h"
 #include "foundation/File.h"
-#include "foundation/HugePages.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "foundation/ipc/Pdu.h"
 #include "greylist/BackupScript.h"
@@ -168,7 +168,7 @@ class LatencyBench {
 } // namespace
 
 int main(int argc, char** argv) {
-    useHugePages(argv); // as vellumd does
+    tuneAllocator(argv); // as vellumd does
     SilentLogger const silent;
     Options const options = Options::parse(argc, argv, {1000000}, 5);
     prctl(PR_SET_TIMERSLACK, 1UL); // the kernel wakes a sleeper within 50 us otherwise, which would be most of a figure

@@ -5,8 +5,8 @@
 // Running the script beside one plain transaction of the same statements, which stand in memory; loading beside a bare
 // mysql_store_result and a walk over the same rows. On a private MariaDB with room for the table in its memory.
 #include "bench/BenchSupport.h"
+#include "foundation/AllocatorTuning.h"
 #include "foundation/File.h"
-#include "foundation/HugePages.h"
 #include "foundation/database/StatementSplitter.h"
 #include "greylist/BackupScript.h"
 #include "greylist/GlDynamicExemptDatabase.h"
@@ -125,7 +125,7 @@ class LoadBench {
 } // namespace
 
 int main(int argc, char** argv) {
-    useHugePages(argv); // as vellumd does
+    tuneAllocator(argv); // as vellumd does
     SilentLogger const silent;
     Options const options = Options::parse(argc, argv, {1000000}, 5);
     PrivateMariaDb server({"--innodb-buffer-pool-size=1G", "--max-allowed-packet=64M"});

@@ -60,13 +60,27 @@ void runMilter(char const* path) {
     all.xxfi_name = const_cast<char*>("noop");
     all.xxfi_version = SMFI_VERSION;
     all.xxfi_flags = SMFIF_ADDHDRS | SMFIF_SETSYMLIST;
-    all.xxfi_connect = [](SMFICTX*, char*, sockaddr*) -> sfsistat { return SMFIS_NOREPLY; };
-    all.xxfi_envfrom = [](SMFICTX*, char**) -> sfsistat { return SMFIS_NOREPLY; };
-    all.xxfi_envrcpt = [](SMFICTX*, char**) -> sfsistat { return SMFIS_CONTINUE; };
-    all.xxfi_header = [](SMFICTX*, char*, char*) -> sfsistat { return SMFIS_NOREPLY; };
-    all.xxfi_eom = [](SMFICTX*) -> sfsistat { return SMFIS_CONTINUE; };
-    all.xxfi_abort = [](SMFICTX*) -> sfsistat { return SMFIS_CONTINUE; };
-    all.xxfi_close = [](SMFICTX*) -> sfsistat { return SMFIS_CONTINUE; };
+    all.xxfi_connect = [](SMFICTX*, char*, sockaddr*) -> sfsistat {
+        return SMFIS_NOREPLY;
+    };
+    all.xxfi_envfrom = [](SMFICTX*, char**) -> sfsistat {
+        return SMFIS_NOREPLY;
+    };
+    all.xxfi_envrcpt = [](SMFICTX*, char**) -> sfsistat {
+        return SMFIS_CONTINUE;
+    };
+    all.xxfi_header = [](SMFICTX*, char*, char*) -> sfsistat {
+        return SMFIS_NOREPLY;
+    };
+    all.xxfi_eom = [](SMFICTX*) -> sfsistat {
+        return SMFIS_CONTINUE;
+    };
+    all.xxfi_abort = [](SMFICTX*) -> sfsistat {
+        return SMFIS_CONTINUE;
+    };
+    all.xxfi_close = [](SMFICTX*) -> sfsistat {
+        return SMFIS_CONTINUE;
+    };
     all.xxfi_negotiate = negotiate;
     unlink(path);
     std::string address = std::string("unix:") + path;

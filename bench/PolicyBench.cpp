@@ -6,7 +6,7 @@
 #include "bench/Contenders.h"
 #include "bench/Peers.h"
 #include "bench/PolicyLoad.h"
-#include "foundation/HugePages.h"
+#include "foundation/AllocatorTuning.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -227,6 +227,6 @@ int benchMain(int argc, char** argv) {
 } // namespace Vellum::Bench
 
 int main(int argc, char** argv) {
-    Vellum::useHugePages(argv); // as vellumd does; its servers are forks of this process
+    Vellum::tuneAllocator(argv); // as vellumd does; its servers are forks of this process
     return Vellum::Bench::benchMain(argc, argv);
 }

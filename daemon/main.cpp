@@ -1,7 +1,7 @@
 // vellumd: the state daemon of the mail filter.
 #include "daemon/Daemon.h"
+#include "foundation/AllocatorTuning.h"
 #include "foundation/Exception.h"
-#include "foundation/HugePages.h"
 #include "foundation/Privileges.h"
 #include "foundation/Version.h"
 
@@ -30,7 +30,7 @@ void blockSignals() {
 } // namespace
 
 int main(int argc, char** argv) {
-    Vellum::useHugePages(argv);
+    Vellum::tuneAllocator(argv);
     CLI::App options("The state daemon of the mail filter: greylisting for mail servers that speak the Postfix policy\n"
                      "delegation protocol, served to tools on port 29001, kept in MariaDB.\n\n"
                      "Signals: SIGHUP reads settings and rules again, SIGTERM takes a last backup and ends.\n"

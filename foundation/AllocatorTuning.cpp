@@ -1,4 +1,4 @@
-#include "foundation/HugePages.h"
+#include "foundation/AllocatorTuning.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -8,9 +8,9 @@
 
 namespace Vellum {
 
-void useHugePages(char* const* argv) {
+void tuneAllocator(char* const* argv) {
     constexpr char const* variable = "GLIBC_TUNABLES";
-    if (std::getenv(variable) != nullptr || setenv(variable, "glibc.malloc.hugetlb=1", 1) != 0) {
+    if (std::getenv(variable) != nullptr || setenv(variable, "glibc.malloc.hugetlb=1:glibc.malloc.mxfast=0", 1) != 0) {
         return;
     }
     std::error_code unknown; // then the path is empty, and nothing is started

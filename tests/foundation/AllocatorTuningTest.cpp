@@ -1,4 +1,4 @@
-#include "foundation/HugePages.h"
+#include "foundation/AllocatorTuning.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -10,9 +10,9 @@
 namespace Vellum {
 namespace {
 
-constexpr int returned = 3; // exit status of a child in which useHugePages() came back
-constexpr char const* startedAs = "HUGE_PAGES_TEST_STARTED_AS";
-constexpr char const* expected = "glibc.malloc.hugetlb=1";
+constexpr int returned = 3; // exit status of a child in which tuneAllocator() came back
+constexpr char const* startedAs = "ALLOCATOR_TUNING_TEST_STARTED_AS";
+constexpr char const* expected = "glibc.malloc.hugetlb=1:glibc.malloc.mxfast=0";
 
 // Exit status of a child that calls it with `tunables` in its environment (null: unset), to run the first test below.
 int statusOfChild(char const* tunables) {
@@ -22,9 +22,9 @@ int statusOfChild(char const* tunables) {
         unsetenv("GTEST_OUTPUT");
         tunables == nullptr ? unsetenv("GLIBC_TUNABLES") : setenv("GLIBC_TUNABLES", tunables, 1);
         std::string program = "foundation_tests";
-        std::string filter = "--gtest_filter=HugePages.TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess";
+        std::string filter = "--gtest_filter=AllocatorTuning.TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess";
         char* argv[] = {program.data(), filter.data(), nullptr};
-        useHugePages(argv);
+        tuneAllocator(argv);
         _exit(returned);
     }
     int status = -1;
@@ -33,7 +33,7 @@ int statusOfChild(char const* tunables) {
     return WEXITSTATUS(status);
 }
 
-TEST(HugePages, TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess) {
+TEST(AllocatorTuning, TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess) {
     if (char const* const process = std::getenv(startedAs)) { // this is the program that was started again
         ASSERT_NE(std::getenv("GLIBC_TUNABLES"), nullptr);
         EXPECT_STREQ(std::getenv("GLIBC_TUNABLES"), expected);
@@ -46,7 +46,7 @@ TEST(HugePages, TheProgramStartsAgainWithTheSameArgumentsInTheSameProcess) {
     }
 }
 
-TEST(HugePages, WhoeverHasSetTheTunablesIsLeftAlone) {
+TEST(AllocatorTuning, WhoeverHasSetTheTunablesIsLeftAlone) {
     EXPECT_EQ(statusOfChild(""), returned);
     EXPECT_EQ(statusOfChild(expected), returned);
     EXPECT_EQ(statusOfChild("glibc.malloc.tcache_count=7"), returned);
