@@ -186,7 +186,9 @@ bool Connection::isAbandoned() const {
 
 DatabaseException Connection::error(char const* where, std::string_view statement) {
     unsigned int const number = mysql_errno(m_mysql);
-    std::string text = "error " + std::to_string(number) + " from " + m_server + ": " + mysql_error(m_mysql);
+    std::string text =
+        number == 0 ? "the client library failed without an error number, as for want of memory, with " + m_server
+                    : "error " + std::to_string(number) + " from " + m_server + ": " + mysql_error(m_mysql);
     if (!statement.empty()) {
         text += "; statement: " + shortenedStatement(statement);
     }

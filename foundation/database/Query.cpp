@@ -66,7 +66,9 @@ void Query::run(std::string const& statement) {
     int next = 0;
     do { // a CALL answers with several results
         MYSQL_RES* const stored = mysql_store_result(mysql);
-        if (stored == nullptr && mysql_errno(mysql) != 0) {
+        // Rows were announced and are not there: the library does not always give the error a number, as when it finds
+        // no memory. An empty table looks otherwise, and must not be mistaken for that.
+        if (stored == nullptr && (mysql_errno(mysql) != 0 || mysql_field_count(mysql) != 0)) {
             throw m_connection.error("Query::execute", statement);
         }
         ServerResult result(stored);
