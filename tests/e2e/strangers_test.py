@@ -366,5 +366,5 @@ class ServiceFiles(unittest.TestCase):
 
     def test_directories_that_the_package_makes_have_the_narrowest_modes(self):
         made = dict(re.findall(r"^d (\S+) (\d+ \S+ \S+)", (PACKAGING / "tmpfiles.conf").read_text(), re.M))
-        self.assertEqual(made, {"/run/vellum": "0755 vellum vellum", "/var/spool/postfix/vellum": "0755 vellum root",
+        self.assertEqual(made, {"/run/vellum": "0755 vellum vellum", "/var/spool/postfix/vellum": "0710 vellum postfix",
                                 "/var/spool/tmp": "0700 vellum vellum"})
