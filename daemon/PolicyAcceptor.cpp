@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <netinet/in.h>
 #include <new>
+#include <poll.h>
 #include <sys/socket.h>
 #include <system_error>
 
@@ -101,6 +102,10 @@ PolicyAcceptor::Next PolicyAcceptor::acceptFailed(ListeningSocket const& socket,
         return Next::queueEmpty;
     }
     if (isExhaustion(error)) {
+        pollfd waiting{socket.descriptor(), POLLIN, 0};
+        if (poll(&waiting, 1, 0) == 0) {
+            return Next::queueEmpty; // the last one got the last descriptor: nobody has to wait
+        }
         m_exhausted.begins("policy: no new connections for the moment: " + std::generic_category().message(error));
         makeRoom();
         return Next::pause;

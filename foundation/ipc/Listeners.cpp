@@ -21,6 +21,10 @@ FileDescriptor openSpare() {
     return FileDescriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
+bool isExhaustion(int error) {
+    return error == EMFILE || error == ENFILE;
+}
+
 } // namespace
 
 Listeners::Listeners(std::vector<std::string> const& addresses, unsigned int port) : m_spare(openSpare()) {
@@ -70,24 +74,41 @@ bool Listeners::contains(int descriptor) const {
                        [&](FileDescriptor const& socket) { return socket.get() == descriptor; });
 }
 
+// None when the peer was gone already.
+std::optional<Listeners::Outcome> Listeners::turnAway(int listener) {
+    m_spare.reset();
+    FileDescriptor turnedAway(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    int const error = turnedAway ? 0 : errno;
+    turnedAway.reset();
+    m_spare = openSpare();
+    if (error == 0) {
+        return Outcome::exhausted;
+    }
+    if (error == EAGAIN) { // nobody had to: the kernel wants a descriptor before it looks
+        return Outcome::none;
+    }
+    return isExhaustion(error) ? std::optional(Outcome::crowded) : std::nullopt;
+}
+
 Listeners::Outcome Listeners::accept(int listener, FileDescriptor& connection) {
     for (;;) {
         connection = FileDescriptor(::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        int const error = connection ? 0 : errno;
+        if (!m_spare && !isExhaustion(error)) {
+            m_spare = openSpare(); // another thread had taken it
+        }
         if (connection) {
             return Outcome::connection;
         }
-        switch (errno) {
+        switch (error) {
         case EAGAIN:
             return Outcome::none;
         case EMFILE:
-        case ENFILE: {
-            m_spare.reset();
-            FileDescriptor turnedAway(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-            bool const was = static_cast<bool>(turnedAway);
-            turnedAway.reset();
-            m_spare = openSpare();
-            return was ? Outcome::exhausted : Outcome::crowded;
-        }
+        case ENFILE:
+            if (auto const outcome = turnAway(listener)) {
+                return *outcome;
+            }
+            continue;
         case ENOMEM:
         case ENOBUFS:
             return Outcome::trouble;

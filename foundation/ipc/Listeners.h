@@ -31,6 +31,7 @@ class Listeners {
   private:
     // False when the port is taken, and another may be tried.
     bool open(std::vector<std::string> const& addresses, unsigned int port);
+    std::optional<Outcome> turnAway(int listener);
 
     std::vector<FileDescriptor> m_sockets;
     unsigned int m_port = 0;

@@ -366,6 +366,22 @@ TEST_F(PolicyServerTest, AtTheMaximumASilentConnectionMakesRoom) {
     EXPECT_EQ(connect().answer(), "closed") << "both that are open have asked something";
 }
 
+TEST_F(PolicyServerTest, LastDescriptorIsNoTrouble) {
+    start();
+    PolicyClient last(unixSocket());
+    int const lowest = dup(0);
+    close(lowest);
+    {
+        DescriptorLimit const limit(static_cast<std::size_t>(lowest) + 2); // the client's socket, and its connection
+        last.connect();
+        EXPECT_EQ(last.ask(requestFrom("a")), "a");
+    }
+    PolicyClient next(unixSocket());
+    next.connect();
+    EXPECT_EQ(next.ask(requestFrom("b")), "b");
+    EXPECT_TRUE(log.notes().empty());
+}
+
 TEST_F(PolicyServerTest, WithoutDescriptorsAcceptingWaitsAndGoesOn) {
     start();
     PolicyClient before = connect();

@@ -317,6 +317,30 @@ TEST_F(Dispatching, ConnectionThatCannotEvenBeTurnedAwayWaitsAndIsServedLater) {
     std::string reply(request.size(), 0);
     EXPECT_EQ(::recv(socket.get(), reply.data(), reply.size(), MSG_WAITALL), static_cast<ssize_t>(reply.size()));
     EXPECT_EQ(reply, rawUnit(echoType + 1, "hello"));
+
+    // The spare descriptor is back: the next one is turned away.
+    FileDescriptor const next(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    LimitedDescriptors const none;
+    ASSERT_EQ(::connect(next.get(), target.get(), target.length), 0);
+    char byte = 0;
+    EXPECT_LE(::recv(next.get(), &byte, 1, 0), 0);
+    EXPECT_TRUE(log.waitForNote("a connection was turned away: no file descriptor is left for it"));
+}
+
+TEST_F(Dispatching, LastDescriptorIsNoTrouble) {
+    start();
+    FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    SystemAddress const target = SystemAddress::of("127.0.0.1", port());
+    std::string const request = rawUnit(echoType, "hello");
+    {
+        LimitedDescriptors const one(lowestFree() + 1);
+        ASSERT_EQ(::connect(socket.get(), target.get(), target.length), 0);
+        ASSERT_EQ(::send(socket.get(), request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+        std::string reply(request.size(), 0);
+        EXPECT_EQ(::recv(socket.get(), reply.data(), reply.size(), MSG_WAITALL), static_cast<ssize_t>(reply.size()));
+    }
+    EXPECT_TRUE(answers());
+    EXPECT_TRUE(log.notes().empty());
 }
 
 TEST_F(Dispatching, FloodOfBadClientsDoesNotFloodTheLog) {
