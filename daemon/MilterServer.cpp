@@ -1,6 +1,7 @@
 #include "daemon/MilterServer.h"
 
 #include "daemon/GreylistHeader.h"
+#include "daemon/OngoingTrouble.h"
 #include "foundation/Exception.h"
 #include "foundation/Locks.h"
 #include "foundation/Logger.h"
@@ -40,6 +41,7 @@ struct MilterProcess {
     std::atomic<bool> stopping{false};
     std::atomic<bool> used{false};
     NoteLimiter notes{MilterServer::burst, std::chrono::seconds(60)};
+    OngoingTrouble crowded{std::chrono::seconds(60)};
 
     Mutex sessionsLock;
     std::unordered_map<MilterSession*, std::unique_ptr<MilterSession>> sessions VELLUM_GUARDED_BY(sessionsLock);
@@ -143,6 +145,7 @@ void forgetSession(SMFICTX* context) {
     Synchronized const hold(here.sessionsLock);
     here.sessions.erase(session);
     --here.connections;
+    here.crowded.ends("milter: there is room for new connections again");
 }
 
 sfsistat connected(SMFICTX* context, char* host, _SOCK_ADDR* address) {
@@ -152,8 +155,8 @@ sfsistat connected(SMFICTX* context, char* host, _SOCK_ADDR* address) {
         ++here.accepted;
         if (here.connections >= here.maxConnections) {
             ++here.unseen;
-            here.notes.note(Logger::Severity::warning,
-                            "milter: " + std::to_string(here.maxConnections) + " connections, no more are looked at");
+            here.crowded.begins("milter: " + std::to_string(here.maxConnections) +
+                                " connections, the most that are looked at; mail of others goes on unseen");
             return SMFIS_CONTINUE; // and there is no session
         }
         auto session = std::make_unique<MilterSession>(front);

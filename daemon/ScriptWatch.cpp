@@ -43,9 +43,19 @@ void ScriptWatch::look() {
     for (ScriptFamily const& family : scriptFamilies) {
         sayWhatHasChanged(family, outcomeOf(before, family.code), outcomeOf(told, family.code));
     }
-    Synchronized const hold(m_lock);
-    m_answered = answered;
-    m_outcomes = std::move(told);
+    bool answeredBefore = true;
+    {
+        Synchronized const hold(m_lock);
+        answeredBefore = m_answered.value_or(true);
+        m_answered = answered;
+        m_outcomes = std::move(told);
+    }
+    if (answeredBefore && !answered) {
+        Logger::instance(false).note(Logger::Severity::error, "the database daemon on " + DatabaseDaemon::socketPath() +
+                                                                  " does not answer; backups fail until it does");
+    } else if (answered && !answeredBefore) {
+        Logger::instance(false).note(Logger::Severity::warning, "the database daemon answers again");
+    }
 }
 
 void ScriptWatch::isUnreachable() {

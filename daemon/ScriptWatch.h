@@ -1,5 +1,5 @@
 // What became of the backups' scripts that the database daemon has accepted, as last asked. A script that it can never
-// run is said once, and so is the end of that.
+// run is said once, and so is the end of that; and that it does not answer.
 #pragma once
 
 #include "foundation/Locks.h"
@@ -31,7 +31,7 @@ class ScriptWatch {
     // Asks the database daemon, and waits for its answer as long as the settings allow. While it does not answer, what
     // it told last stays.
     void look();
-    // It was asked something else just now, and did not answer.
+    // It was asked something else just now, and did not answer, which was said.
     void isUnreachable();
 
     // Whether it has answered; nothing: it was not asked yet.

@@ -31,12 +31,14 @@ void blockSignals() {
 
 int main(int argc, char** argv) {
     Vellum::tuneAllocator(argv);
-    CLI::App options("The state daemon of the mail filter: greylisting for mail servers that speak the Postfix policy\n"
-                     "delegation protocol, served to tools on port 29001, kept in MariaDB.\n\n"
-                     "Signals: SIGHUP reads settings and rules again, SIGTERM takes a last backup and ends.\n"
-                     "Exit status: 0 ended as told, 69 the start failed (database, sockets, state directory),\n"
-                     "75 the milter front ended by itself, 78 the settings are wrong.",
-                     "vellumd");
+    CLI::App options(
+        "The state daemon of the mail filter: greylisting, reputation of senders and mobile endpoints, and\n"
+        "rate control for mail servers that speak the Postfix policy delegation protocol or milter,\n"
+        "served to tools on port 29001, kept in MariaDB.\n\n"
+        "Signals: SIGHUP reads settings and rules again, SIGTERM takes a last backup and ends.\n"
+        "Exit status: 0 ended as told, 69 the start failed (database, sockets, state directory),\n"
+        "75 the milter front ended by itself, 78 the settings are wrong.",
+        "vellumd");
     std::string settings = "/etc/vellum/vellumd.toml";
     std::string user;
     bool check = false;

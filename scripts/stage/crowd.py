@@ -17,6 +17,8 @@ FRAME_HEADER = struct.Struct("=II")  # type and length
 LIST_TUPLES = 5
 END_OF_LISTING = 4
 MILTER_OFFER = struct.pack("!IcIII", 13, b"O", 6, 0x1FF, 0x1FFFFF)  # as Postfix begins
+_CLIENT = b"C[192.0.2.1]\0" + b"4" + struct.pack("!H", 25) + b"192.0.2.1\0"
+MILTER_CLIENT = MILTER_OFFER + struct.pack("!I", len(_CLIENT)) + _CLIENT  # and goes on: a client has connected to it
 
 
 def allow_descriptors(count):

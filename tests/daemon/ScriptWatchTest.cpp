@@ -69,7 +69,30 @@ TEST(ScriptWatch, WhileTheDaemonDoesNotAnswerWhatItToldLastStays) {
     watch.look();
     EXPECT_EQ(watch.isAnswered(), false);
     EXPECT_EQ(outcomeOf(watch.outcomes(), RequestCode::endpointScript).ran->number, 17U);
+    watch.look();
+    std::string const gone =
+        "the database daemon on " + DatabaseDaemon::socketPath() + " does not answer; backups fail until it does";
+    EXPECT_THAT(log.notes(), ElementsAre(gone));
+    FakeDatabaseDaemon again;
+    tell(again, "9 ran 17 1700000000\n");
+    watch.look();
+    watch.look();
+    EXPECT_THAT(log.notes(), ElementsAre(gone, "the database daemon answers again"));
+}
+
+TEST(ScriptWatch, TheEndOfWhatTheStartHasSaidIsSaid) {
+    CapturingLogger log;
+    ScriptWatch watch;
+    watch.isUnreachable();
+    {
+        AbsentDatabaseDaemon const none;
+        watch.look();
+    }
     EXPECT_THAT(log.notes(), IsEmpty());
+    FakeDatabaseDaemon daemon;
+    tell(daemon, "9 ran 17 1700000000\n");
+    watch.look();
+    EXPECT_THAT(log.notes(), ElementsAre("the database daemon answers again"));
 }
 
 } // namespace

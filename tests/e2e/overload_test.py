@@ -8,8 +8,8 @@ import unittest
 from pathlib import Path
 
 from world import Stage, free_port, wait_until
-from stage.crowd import (Crowd, HALF_REQUEST, FRAME_HEADER, HealthyMailServer, LIST_TUPLES, MILTER_OFFER, allow_descriptors,
-                         count_listing, fill_cache, greet_milter, memory_kib, open_files, port_client, unix_client,
+from stage.crowd import (Crowd, HALF_REQUEST, FRAME_HEADER, HealthyMailServer, LIST_TUPLES, MILTER_CLIENT, MILTER_OFFER,
+                         allow_descriptors, count_listing, fill_cache, greet_milter, memory_kib, open_files, port_client, unix_client,
                          wait_until_files)
 from stage.mariadb import PrivateMariaDb
 from stage.vellum import PolicyClient, Vellum, toml_file
@@ -25,7 +25,7 @@ OUTPUT_OF_ALL = 64 << 10     # listings whose client does not read
 INPUT_OF_ALL = 64 << 10      # frames that are not whole
 PORT_CLIENT = 64 + 16        # a first piece of output, and of input
 POLICY_CLIENT = 16           # half a request, answers
-MILTER_CLIENT = 16           # the milter library's
+MILTER_MEMBER = 16           # the milter library's
 WORKERS = 64 * 1024          # stacks, and the allocator's arenas
 NEW_TUPLES = 64 << 10        # of the mails that are decided meanwhile
 
@@ -132,7 +132,7 @@ class Overload(unittest.TestCase):
         with_the_crowd = memory_kib(vellum.daemon.pid)
         peak = memory_kib(vellum.daemon.pid, "VmHWM")
         bound = (memory + OUTPUT_OF_ALL + INPUT_OF_ALL + WORKERS + NEW_TUPLES + POLICY_CLIENTS * POLICY_CLIENT
-                 + (PORT_CLIENTS + STOPPED_LISTINGS) * PORT_CLIENT + MILTER_CLIENTS * MILTER_CLIENT)
+                 + (PORT_CLIENTS + STOPPED_LISTINGS) * PORT_CLIENT + MILTER_CLIENTS * MILTER_MEMBER)
         lines = len(vellum.log().splitlines()) - log_before
         print(f"\n  {len(mails.latencies)} mails decided meanwhile: p50 {mails.microseconds(.5)} us, "
               f"p99 {mails.microseconds(.99)} us, slowest {mails.microseconds(1)} us; {most_open} files open; memory "
@@ -170,6 +170,14 @@ class Overload(unittest.TestCase):
             wait_until(lambda: self.notes(f"refused .*: {most} connections are open already"), "refusals on the port")
             wait_until(lambda: self.notes("the most allowed; closing new ones"), "refusals of policy clients")
             wait_until_files(vellum.daemon.pid, files + 2 * most)
+            filtered = self.crowd()
+            filtered.join(most, self.milter, MILTER_CLIENT)
+            unseen = self.crowd()
+            unseen.join(20, self.milter, MILTER_CLIENT)
+            self.assert_noted_once(f"milter: {most} connections, the most that are looked at; mail of others goes on unseen")
+            filtered.leave()
+            self.assert_noted_once("milter: there is room for new connections again")
+            unseen.leave()
         self.assertGreater(len(mails.latencies), 10)
         self.assertLessEqual(len(self.notes("connections are open already")), NOTES_OF_A_KIND)
         self.assertEqual(len(self.notes("the most allowed; closing new ones")), 1)
