@@ -1,5 +1,6 @@
 #include "daemon/Decision.h"
 
+#include "daemon/ExemptRules.h"
 #include "tests/daemon/DecisionFixture.h"
 #include "tests/daemon/FamiliesFixture.h"
 
@@ -161,6 +162,37 @@ TEST(DecisionStages, StandingComesBeforeEverythingElse) {
     StandingFixture::block("jo@example.org", start + 10);
     EXPECT_EQ(daemon.judged.atRecipient(mail, start).reason, Reason::senderBlocked) << "a stolen account is logged in";
     EXPECT_EQ(daemon.tuples.sizeNoLock(), 0U) << "greylisting was not asked";
+}
+
+// Each fact is added to all those that it comes before, for the decision and for what explains it.
+TEST(DecisionStages, FactsCountInTheirOrder) {
+    StagesFixture daemon;
+    daemon.families.learn("192.0.2.1", "15555550100");
+    auto const endpoints = MMSReputation::RefCache::instance(nullptr, 0);
+    MSISDN const subscriber(std::string("15555550100"));
+    auto const expect = [&](Action action, Reason reason) {
+        Verdict const explained = daemon.judged.explain(someMail(), start).verdict;
+        EXPECT_EQ(explained.action, action);
+        EXPECT_EQ(explained.reason, reason);
+        Verdict const decided = daemon.judged.at(Stage::recipient, someMail(), start);
+        EXPECT_EQ(decided.action, action);
+        EXPECT_EQ(decided.reason, reason);
+    };
+    expect(Action::defer, Reason::fresh);
+    daemon.exemptions.add({IPAddressMask("192.0.2.0/24"), "example.org"}, GreyList::Status(0, start + 1000, 1000));
+    expect(Action::pass, Reason::autoExempt);
+    DecisionSettings settings = StagesFixture::withStanding();
+    settings.exemptRules = parseExemptRules("[[rule]]\nid = 7\nsender = \"jo@*\"\n", "rules.toml", 10);
+    daemon.judged.install(settings);
+    expect(Action::pass, Reason::exemptRule);
+    StandingFixture::send("192.0.2.1", 100, 80);
+    expect(Action::reject, Reason::badReputation);
+    StandingFixture::block("jo@example.org", start + 10);
+    expect(Action::defer, Reason::senderBlocked);
+    endpoints->blacklist(subscriber);
+    expect(Action::reject, Reason::endpointBlacklisted);
+    endpoints->exempt(subscriber);
+    expect(Action::pass, Reason::endpointExempt);
 }
 
 TEST(DecisionStages, AtSenderAndEndOnlyStandingIsDecided) {
