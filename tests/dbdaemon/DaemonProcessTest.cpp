@@ -2,6 +2,7 @@
 #include "../support/BackgroundProcess.h"
 #include "../support/PrivateMariaDb.h"
 #include "../support/TemporaryDirectory.h"
+#include "../support/UnixSocketProbe.h"
 #include "Files.h"
 #include "Tables.h"
 #include "foundation/Locks.h"
@@ -62,7 +63,7 @@ class DaemonProcessTest : public testing::Test {
     void start() {
         std::filesystem::remove(m_directory.path() + "/s"); // a killed one leaves it behind
         m_daemon = launch({"--config", settings()});
-        waitFor([&] { return std::filesystem::exists(m_directory.path() + "/s") || !m_daemon->isRunning(); });
+        waitFor([&] { return takesConnections(m_directory.path() + "/s") || !m_daemon->isRunning(); });
         ASSERT_TRUE(m_daemon->isRunning()) << output();
     }
     int ask(std::string const& text) const {

@@ -8,6 +8,7 @@
 #include "mmsreputation/MMSReputationDisplay.h"
 #include "reputation/CronJobBackup.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/UnixSocketProbe.h"
 
 #include <nlohmann/json.hpp>
 
@@ -169,7 +170,7 @@ void WholeDaemon::startDatabaseDaemon() {
         std::make_unique<BackgroundProcess>(std::vector<std::string>{std::string(VELLUM_BINARY_DIR) + "/bin/vellum-dbd",
                                                                      "--config", path("vellum-dbd.toml")},
                                             path("vellum-dbd.out"));
-    require(eventually([this] { return std::filesystem::exists(path("dbd.sock")) || !m_databaseDaemon->isRunning(); }),
+    require(eventually([this] { return takesConnections(path("dbd.sock")) || !m_databaseDaemon->isRunning(); }),
             "vellum-dbd");
     require(m_databaseDaemon->isRunning(), "vellum-dbd, which has ended: " + databaseDaemonOutput());
 }
