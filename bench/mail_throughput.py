@@ -6,9 +6,9 @@ and beside them fronts that see the same and do nothing (NoopFronts): what they 
 
 Postfix instances of the same configuration, one vellumd on a private MariaDB. Each round sends the same messages
 through each instance by turns, with Postfix' own load generator, so that all have the same machine, and each has each
-place in a round about as often as the others; the share is the median of the rounds' shares. Every message is a connection of
-its own, one recipient, 2 KiB, and is thrown away after Postfix has queued it. The tuple is known, as that of most mail
-is. Needs root, as Postfix does.
+place in a round about as often as the others; the share is the median of the rounds' shares. Every message is a
+connection of its own, one recipient, 2 KiB, and is thrown away after Postfix has queued it. The tuple is known, as that
+of most mail is. Needs root, as Postfix does.
 """
 
 import argparse
