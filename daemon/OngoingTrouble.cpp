@@ -32,4 +32,9 @@ void OngoingTrouble::ends(std::string_view text) {
     Logger::instance(true).note(Logger::Severity::info, text);
 }
 
+bool OngoingTrouble::lasts() const {
+    Synchronized const holding(m_mutex);
+    return m_lasts;
+}
+
 } // namespace Vellum::Daemon

@@ -20,10 +20,11 @@ class OngoingTrouble {
 
     void begins(std::string_view text, Clock::time_point now = Clock::now());
     void ends(std::string_view text);
+    bool lasts() const;
 
   private:
     std::chrono::seconds const m_quiet;
-    Mutex m_mutex;
+    mutable Mutex m_mutex;
     bool m_lasts VELLUM_GUARDED_BY(m_mutex)
     = false;
     bool m_mentioned VELLUM_GUARDED_BY(m_mutex)

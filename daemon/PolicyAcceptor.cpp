@@ -14,6 +14,8 @@
 namespace Vellum::Daemon {
 namespace {
 
+constexpr int pauseMilliseconds = static_cast<int>(PolicyAcceptor::pauseTime.count());
+
 // Null for a peer of a Unix socket.
 SocketAddress peerAddress(sockaddr_storage const& storage) {
     ip_addr_t raw{};
@@ -36,6 +38,11 @@ bool isExhaustion(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+bool nobodyWaits(ListeningSocket const& socket) {
+    pollfd queue{socket.descriptor(), POLLIN, 0};
+    return poll(&queue, 1, 0) == 0;
+}
+
 } // namespace
 
 PolicyAcceptor::PolicyAcceptor(Sockets const& sockets, Workers const& workers, Limits limits)
@@ -55,8 +62,12 @@ PolicyAcceptor::~PolicyAcceptor() {
 void PolicyAcceptor::run() {
     std::array<epoll_event, 16> memory;
     while (!m_ending.load()) {
-        for (epoll_event const& event : m_ready.wait(memory, EpollSet::forEver)) {
+        auto const ready = m_ready.wait(memory, m_exhausted.lasts() ? pauseMilliseconds : EpollSet::forEver);
+        for (epoll_event const& event : ready) {
             acceptAll(*static_cast<ListeningSocket const*>(event.data.ptr));
+        }
+        if (ready.empty() && m_exhausted.lasts()) { // nobody comes, yet the end of it is to be seen
+            acceptAll(*m_sockets.front());
         }
     }
 }
@@ -71,7 +82,7 @@ void PolicyAcceptor::acceptAll(ListeningSocket const& socket) {
         next = acceptFailed(socket, ENOMEM);
     }
     if (next == Next::pause) {
-        m_ready.pause(static_cast<int>(pauseTime.count()));
+        m_ready.pause(pauseMilliseconds);
     }
 }
 
@@ -102,9 +113,10 @@ PolicyAcceptor::Next PolicyAcceptor::acceptFailed(ListeningSocket const& socket,
         return Next::queueEmpty;
     }
     if (isExhaustion(error)) {
-        pollfd waiting{socket.descriptor(), POLLIN, 0};
-        if (poll(&waiting, 1, 0) == 0) {
-            return Next::queueEmpty; // the last one got the last descriptor: nobody has to wait
+        // For a descriptor the kernel looks before it looks whether anybody waits; memory is missed by somebody.
+        bool const isDescriptor = error == EMFILE || error == ENFILE;
+        if (isDescriptor && nobodyWaits(socket)) {
+            return Next::queueEmpty; // the last one got the last descriptor
         }
         m_exhausted.begins("policy: no new connections for the moment: " + std::generic_category().message(error));
         makeRoom();

@@ -111,6 +111,7 @@ Listeners::Outcome Listeners::accept(int listener, FileDescriptor& connection) {
             continue;
         case ENOMEM:
         case ENOBUFS:
+            errno = error; // looking for the spare one may have changed it
             return Outcome::trouble;
         default:
             continue; // the peer is gone already, or its network is: the next one

@@ -22,9 +22,12 @@ TEST(OngoingTrouble, ItsBeginAndItsEndAreLoggedOnce) {
     CapturingLogger log;
     OngoingTrouble trouble(seconds(60));
     trouble.ends("no trouble yet");
+    EXPECT_FALSE(trouble.lasts());
     trouble.begins("begin", at(0));
+    EXPECT_TRUE(trouble.lasts());
     trouble.begins("begin", at(1000));
     trouble.ends("end");
+    EXPECT_FALSE(trouble.lasts());
     trouble.ends("end");
     EXPECT_EQ(log.notes(), (Notes{"begin", "end"}));
 }
@@ -35,6 +38,7 @@ TEST(OngoingTrouble, ThatComesBackSoonIsNotMentionedAgain) {
     trouble.begins("begin", at(100));
     trouble.ends("end");
     trouble.begins("too soon", at(159));
+    EXPECT_TRUE(trouble.lasts()) << "though it is not mentioned";
     trouble.ends("too soon");
     EXPECT_EQ(log.notes(), (Notes{"begin", "end"}));
     trouble.begins("again", at(160));

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <stdexcept>
-#include <sys/resource.h>
 
 namespace Vellum::Daemon {
 
@@ -62,22 +61,6 @@ std::size_t PolicyServerTest::notes(std::string const& part) const {
     auto const all = log.notes();
     return static_cast<std::size_t>(std::count_if(
         all.begin(), all.end(), [&part](std::string const& note) { return note.find(part) != std::string::npos; }));
-}
-
-DescriptorLimit::DescriptorLimit(std::size_t wanted) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    m_before = limit.rlim_cur;
-    m_value = std::min<std::size_t>(wanted, limit.rlim_max);
-    limit.rlim_cur = m_value;
-    setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-DescriptorLimit::~DescriptorLimit() {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = m_before;
-    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 } // namespace Vellum::Daemon

@@ -51,19 +51,4 @@ class PolicyServerTest : public testing::Test {
 // "sender=...\n\n"
 std::string requestFrom(std::string const& sender);
 
-// The highest number of descriptors for the life of this object; the former one afterwards.
-class DescriptorLimit {
-  public:
-    explicit DescriptorLimit(std::size_t wanted); // as many as the system allows, at most
-    ~DescriptorLimit();
-    DescriptorLimit(DescriptorLimit const&) = delete;
-    DescriptorLimit& operator=(DescriptorLimit const&) = delete;
-
-    std::size_t value() const { return m_value; }
-
-  private:
-    std::size_t m_before;
-    std::size_t m_value;
-};
-
 } // namespace Vellum::Daemon

@@ -1,6 +1,7 @@
 #include "tests/daemon/PolicyServerFixture.h"
 
 #include "foundation/Exception.h"
+#include "tests/support/DescriptorLimit.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <unistd.h>
 
+using namespace Vellum;
 using namespace Vellum::Daemon;
 
 namespace {
@@ -369,10 +371,9 @@ TEST_F(PolicyServerTest, AtTheMaximumASilentConnectionMakesRoom) {
 TEST_F(PolicyServerTest, LastDescriptorIsNoTrouble) {
     start();
     PolicyClient last(unixSocket());
-    int const lowest = dup(0);
-    close(lowest);
+    std::size_t const lowest = lowestFreeDescriptor();
     {
-        DescriptorLimit const limit(static_cast<std::size_t>(lowest) + 2); // the client's socket, and its connection
+        DescriptorLimit const limit(lowest + 2); // the client's socket, and its connection
         last.connect();
         EXPECT_EQ(last.ask(requestFrom("a")), "a");
     }
@@ -388,11 +389,8 @@ TEST_F(PolicyServerTest, WithoutDescriptorsAcceptingWaitsAndGoesOn) {
     EXPECT_EQ(before.ask(requestFrom("a")), "a");
     PolicyClient waiting(tcp());
     PolicyClient waitingToo(unixSocket());
-    int const highest = dup(0);
-    close(highest);
     {
-        // The lowest descriptor that is free is beyond the limit now, or soon is.
-        DescriptorLimit const limit(static_cast<std::size_t>(highest));
+        DescriptorLimit const none;
         waiting.connect();
         waitingToo.connect();
         EXPECT_TRUE(log.waitForNote("policy: no new connections for the moment: Too many open files"));
@@ -403,6 +401,22 @@ TEST_F(PolicyServerTest, WithoutDescriptorsAcceptingWaitsAndGoesOn) {
     EXPECT_TRUE(log.waitForNote("policy: accepting connections again")); // when nobody waits any more
     EXPECT_EQ(log.notes(), (std::vector<std::string>{"policy: no new connections for the moment: Too many open files",
                                                      "policy: accepting connections again"}));
+}
+
+TEST_F(PolicyServerTest, EndOfTroubleIsSeenAlsoWhenTheLastWhoWaitedGotTheLastDescriptor) {
+    start();
+    PolicyClient waiting(unixSocket());
+    std::size_t const lowest = lowestFreeDescriptor();
+    {
+        DescriptorLimit const roomForOne(lowest + 1);
+        {
+            DescriptorLimit const none(lowest);
+            waiting.connect();
+            EXPECT_TRUE(log.waitForNote("policy: no new connections for the moment: Too many open files"));
+        }
+        EXPECT_EQ(waiting.ask(requestFrom("a")), "a");
+    }
+    EXPECT_TRUE(log.waitForNote("policy: accepting connections again")) << "without another client";
 }
 
 // ---- the end

@@ -4,12 +4,12 @@
 #include "foundation/ipc/Address.h"
 #include "foundation/ipc/Endpoint.h"
 #include "tests/ipc/TestDispatcher.h"
+#include "tests/support/DescriptorLimit.h"
 
 #include <atomic>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
@@ -18,28 +18,6 @@ namespace Vellum::IPC {
 namespace {
 
 struct Dispatching : testing::Test, TestDispatcher {};
-
-int lowestFree() {
-    FileDescriptor const next(::dup(0));
-    return next.get();
-}
-
-// No further descriptor can be opened in this process: none that is `limit` or more.
-class LimitedDescriptors {
-  public:
-    explicit LimitedDescriptors(int limit = lowestFree()) {
-        ::getrlimit(RLIMIT_NOFILE, &m_before);
-        rlimit none = m_before;
-        none.rlim_cur = static_cast<rlim_t>(limit);
-        ::setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~LimitedDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
-    LimitedDescriptors(LimitedDescriptors const&) = delete;
-    LimitedDescriptors& operator=(LimitedDescriptors const&) = delete;
-
-  private:
-    rlimit m_before{};
-};
 
 } // namespace
 
@@ -294,7 +272,7 @@ TEST_F(Dispatching, ConnectionWithoutADescriptorLeftForItIsTurnedAwayAndLaterOne
     FileDescriptor const socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     SystemAddress const target = SystemAddress::of("127.0.0.1", port());
     {
-        LimitedDescriptors const none;
+        DescriptorLimit const none;
         ASSERT_EQ(::connect(socket.get(), target.get(), target.length), 0);
         char byte = 0;
         EXPECT_LE(::recv(socket.get(), &byte, 1, 0), 0);
@@ -309,7 +287,7 @@ TEST_F(Dispatching, ConnectionThatCannotEvenBeTurnedAwayWaitsAndIsServedLater) {
     SystemAddress const target = SystemAddress::of("127.0.0.1", port());
     std::string const request = rawUnit(echoType, "hello");
     {
-        LimitedDescriptors const none(0); // as when another thread takes the spare one at the moment it is given up
+        DescriptorLimit const none(0); // as when another thread takes the spare one at the moment it is given up
         ASSERT_EQ(::connect(socket.get(), target.get(), target.length), 0);
         ASSERT_EQ(::send(socket.get(), request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
         EXPECT_TRUE(log.waitForNote("a connection has to wait: no file descriptor is left for it"));
@@ -320,7 +298,7 @@ TEST_F(Dispatching, ConnectionThatCannotEvenBeTurnedAwayWaitsAndIsServedLater) {
 
     // The spare descriptor is back: the next one is turned away.
     FileDescriptor const next(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    LimitedDescriptors const none;
+    DescriptorLimit const none;
     ASSERT_EQ(::connect(next.get(), target.get(), target.length), 0);
     char byte = 0;
     EXPECT_LE(::recv(next.get(), &byte, 1, 0), 0);
@@ -333,7 +311,7 @@ TEST_F(Dispatching, LastDescriptorIsNoTrouble) {
     SystemAddress const target = SystemAddress::of("127.0.0.1", port());
     std::string const request = rawUnit(echoType, "hello");
     {
-        LimitedDescriptors const one(lowestFree() + 1);
+        DescriptorLimit const one(lowestFreeDescriptor() + 1);
         ASSERT_EQ(::connect(socket.get(), target.get(), target.length), 0);
         ASSERT_EQ(::send(socket.get(), request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
         std::string reply(request.size(), 0);
