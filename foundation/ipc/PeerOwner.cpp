@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -11,10 +11,12 @@
 #include <netinet/tcp.h>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Vellum::IPC {
 namespace {
@@ -101,29 +103,44 @@ struct ProcLine {
     ProcLine() = default;
 };
 
-std::optional<ProcLine> findInProc(char const* path, std::string const& local, std::string const& remote) {
-    std::ifstream table(path);
-    for (std::string text; std::getline(table, text);) {
+FileDescriptor openTable(char const* path) {
+    return FileDescriptor(::open(path, O_RDONLY | O_CLOEXEC));
+}
+
+// Hands over each line of a file from its beginning on, until the step has found what it looks for.
+template <class Step>
+void readLines(FileDescriptor const& file, Step step) {
+    if (::lseek(file.get(), 0, SEEK_SET) != 0) {
+        return;
+    }
+    std::array<char, 32768> piece;
+    std::string begun; // a line of which the piece before held the beginning
+    for (ssize_t length; (length = ::read(file.get(), piece.data(), piece.size())) > 0;) {
+        std::string_view rest(piece.data(), static_cast<std::size_t>(length));
+        for (std::size_t end; (end = rest.find('\n')) != std::string_view::npos; rest.remove_prefix(end + 1)) {
+            begun += rest.substr(0, end);
+            if (step(begun)) {
+                return;
+            }
+            begun.clear();
+        }
+        begun += rest;
+    }
+}
+
+std::optional<ProcLine> findInTable(FileDescriptor const& table, std::string const& local, std::string const& remote) {
+    std::optional<ProcLine> found;
+    readLines(table, [&](std::string const& text) {
         // Cheap first: most lines are of other connections.
         if (text.find(local) != std::string::npos) {
             ProcLine line(text);
             if (line.local == local && line.remote == remote) {
-                return line;
+                found = std::move(line);
             }
         }
-    }
-    return std::nullopt;
-}
-
-std::optional<ProcLine> readProc(SystemAddress const& local, SystemAddress const& remote) {
-    bool const v4 = local.family() == AF_INET;
-    End const here(local);
-    End const there(remote);
-    if (!v4) {
-        return findInProc("/proc/net/tcp6", here.inProc(false), there.inProc(false));
-    }
-    auto const found = findInProc("/proc/net/tcp", here.inProc(true), there.inProc(true));
-    return found ? found : findInProc("/proc/net/tcp6", here.mapped().inProc(false), there.mapped().inProc(false));
+        return found.has_value();
+    });
+    return found;
 }
 
 } // namespace
@@ -134,7 +151,13 @@ PeerOwner::PeerOwner(Means means) {
         timeval const limit{1, 0}; // the kernel answers at once
         ::setsockopt(m_diagnostics.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     }
+    m_table = openTable("/proc/net/tcp");
+    m_table6 = openTable("/proc/net/tcp6");
     tryOut();
+    if (m_diagnostics) {
+        m_table.reset();
+        m_table6.reset();
+    }
 }
 
 // A connection of our own, whose client is made to belong to somebody who is not root.
@@ -187,10 +210,21 @@ std::optional<PeerOwner::Found> PeerOwner::ask(SystemAddress const& local, Syste
     if (m_diagnostics) {
         return askDiagnostics(local, remote);
     }
-    if (auto const line = readProc(local, remote)) {
-        return Found{line->state, line->user, line->inode};
+    auto const found = searchTables(local, remote);
+    // While others come and go, a line may be passed over between two pieces of a table.
+    return found ? found : searchTables(local, remote);
+}
+
+std::optional<PeerOwner::Found> PeerOwner::searchTables(SystemAddress const& local, SystemAddress const& remote) const {
+    bool const v4 = local.family() == AF_INET;
+    End const here(local);
+    End const there(remote);
+    auto line = v4 ? findInTable(m_table, here.inProc(true), there.inProc(true))
+                   : findInTable(m_table6, here.inProc(false), there.inProc(false));
+    if (!line && v4) {
+        line = findInTable(m_table6, here.mapped().inProc(false), there.mapped().inProc(false));
     }
-    return std::nullopt;
+    return line ? std::optional(Found{line->state, line->user, line->inode}) : std::nullopt;
 }
 
 std::optional<PeerOwner::Found> PeerOwner::askDiagnostics(SystemAddress const& local, SystemAddress const& remote) {

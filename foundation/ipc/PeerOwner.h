@@ -5,6 +5,9 @@
 // its owner then, others call it root; which kind this one is, is tried out once. What cannot be told for sure is not
 // told, so on the second kind a peer has to keep its end open until it was served.
 //
+// What is read or asked through is opened once: an answer wants no further descriptor, so that also a process that has
+// none left knows whom it turns away.
+//
 // One thread at a time.
 #pragma once
 
@@ -37,9 +40,12 @@ class PeerOwner {
     };
     std::optional<Found> ask(SystemAddress const& local, SystemAddress const& remote);
     std::optional<Found> askDiagnostics(SystemAddress const& local, SystemAddress const& remote);
+    std::optional<Found> searchTables(SystemAddress const& local, SystemAddress const& remote) const;
     void tryOut();
 
-    FileDescriptor m_diagnostics; // none: /proc is read
+    FileDescriptor m_diagnostics; // none: the tables are read
+    FileDescriptor m_table;       // /proc/net/tcp
+    FileDescriptor m_table6;      // /proc/net/tcp6
     std::uint32_t m_sequence = 0; // of the last question
     bool m_remembersOwners = false;
 };

@@ -4,6 +4,7 @@
 #include "foundation/FileDescriptor.h"
 #include "foundation/ipc/Doorkeeper.h"
 #include "tests/ipc/TestDispatcher.h"
+#include "tests/support/DescriptorLimit.h"
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -87,6 +88,13 @@ struct OwnerOfPeer : testing::TestWithParam<Way> {
 TEST_P(OwnerOfPeer, IsThisUserForAConnectionOfOurs) {
     RawClient const client(meeting.port(), GetParam().host);
     meeting.accept();
+    EXPECT_EQ(owners.of(meeting.accepted.get()), ::geteuid());
+}
+
+TEST_P(OwnerOfPeer, IsToldWhenNoDescriptorIsLeft) {
+    RawClient const client(meeting.port(), GetParam().host);
+    meeting.accept();
+    DescriptorLimit const none;
     EXPECT_EQ(owners.of(meeting.accepted.get()), ::geteuid());
 }
 
