@@ -33,6 +33,18 @@ def become_root():
     sys.exit(subprocess.run(command, check=False).returncode)
 
 
+class ToldAtOnce(unittest.TextTestResult):
+    """Tells why a test failed where it failed, too: a reader who sees only a part of a long output has it there."""
+
+    def addFailure(self, test, err):
+        super().addFailure(test, err)
+        self.stream.writeln(self.failures[-1][1])
+
+    def addError(self, test, err):
+        super().addError(test, err)
+        self.stream.writeln(self.errors[-1][1])
+
+
 def main():
     options = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     options.add_argument("--programs", required=True, help="directory of vellumd and the others")
@@ -47,7 +59,7 @@ def main():
     if chosen.patterns:
         loader.testNamePatterns = [pattern if "*" in pattern else f"*{pattern}*" for pattern in chosen.patterns]
     suite = loader.discover(str(HERE), pattern="*_test.py", top_level_dir=str(HERE))
-    result = unittest.TextTestRunner(verbosity=2).run(suite)
+    result = unittest.TextTestRunner(verbosity=2, resultclass=ToldAtOnce).run(suite)
     if results := os.environ.get("VELLUM_TEST_RESULTS"):
         report = {"tests": result.testsRun, "failures": len(result.failures), "errors": len(result.errors)}
         Path(results, "e2e.json").write_text(json.dumps(report))
