@@ -1,6 +1,7 @@
 #include "daemon/Daemon.h"
 
 #include "daemon/AdminHandlers.h"
+#include "daemon/DatabaseWait.h"
 #include "daemon/DecisionHandlers.h"
 #include "daemon/ExemptRules.h"
 #include "daemon/FileLimit.h"
@@ -131,6 +132,10 @@ int Daemon::run() {
             m_settings.endpoint, m_settings.state.endpointScript(), [this] { return mayBackUp(m_endpointLoads); },
             m_highAvailability);
         m_rules = loadRules(m_settings);
+        if (!awaitDatabase(*m_signals)) {
+            note(Logger::Severity::info, "ended while the start waited for the database");
+            return EX_OK;
+        }
         bringUpState();
         serve();
     } catch (std::exception const& failed) {

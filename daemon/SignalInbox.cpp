@@ -64,10 +64,34 @@ SignalInbox::~SignalInbox() {
 }
 
 int SignalInbox::next() {
+    std::optional<int> signal;
+    while (!signal) {
+        signal = take(-1);
+    }
+    return *signal;
+}
+
+std::optional<int> SignalInbox::next(std::chrono::milliseconds patience) {
+    using Clock = std::chrono::steady_clock;
+    auto const end = Clock::now() + patience;
+    for (auto left = patience; left.count() >= 0; // a signal that is not ours may have interrupted the wait
+         left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now())) {
+        if (auto const signal = take(static_cast<int>(left.count()))) {
+            return signal;
+        }
+        if (left.count() == 0) {
+            break;
+        }
+    }
+    return std::nullopt;
+}
+
+// Waits in poll(): under the thread sanitizer a read() that waits lets no handler run.
+std::optional<int> SignalInbox::take(int milliseconds) {
     unsigned char number = 0;
-    // Waits in poll(): under the thread sanitizer a read() that waits lets no handler run.
     pollfd waiting{m_reading.get(), POLLIN, 0};
-    while (poll(&waiting, 1, -1) <= 0 || read(m_reading.get(), &number, sizeof number) != sizeof number) {
+    if (poll(&waiting, 1, milliseconds) <= 0 || read(m_reading.get(), &number, sizeof number) != sizeof number) {
+        return std::nullopt;
     }
     return number;
 }

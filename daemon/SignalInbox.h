@@ -12,7 +12,9 @@
 
 #include "foundation/FileDescriptor.h"
 
+#include <chrono>
 #include <initializer_list>
+#include <optional>
 #include <vector>
 
 namespace Vellum::Daemon {
@@ -29,10 +31,14 @@ class SignalInbox {
 
     // Waits for the next one. The same signal sent again before it was taken may come once only.
     int next();
+    // Waits for it at most so long; nothing when none came.
+    std::optional<int> next(std::chrono::milliseconds patience);
     // As if the signal had arrived. Thread-safe; never waits.
     void put(int signal);
 
   private:
+    std::optional<int> take(int milliseconds); // -1: for ever, but for an interruption
+
     std::vector<int> m_signals;
     FileDescriptor m_reading;
     FileDescriptor m_writing;

@@ -71,6 +71,25 @@ bool DatabaseException::worthRetrying() const {
     return m_connectionLost || m_passing || isPassing(m_serverError);
 }
 
+bool DatabaseException::serverIsAway() const {
+    switch (m_serverError) {
+    case CR_CONNECTION_ERROR:
+    case CR_CONN_HOST_ERROR:
+    case CR_UNKNOWN_HOST: // names may come later than we do when a machine starts
+    case CR_SERVER_GONE_ERROR:
+    case CR_SERVER_LOST:
+    case CR_SERVER_LOST_EXTENDED:
+    case ER_CON_COUNT_ERROR:
+    case ER_TOO_MANY_USER_CONNECTIONS:
+    case ER_OUT_OF_RESOURCES:
+    case ER_SERVER_SHUTDOWN:
+    case ER_NORMAL_SHUTDOWN:
+        return true;
+    default:
+        return false;
+    }
+}
+
 DatabaseException DatabaseException::asPassing() const {
     DatabaseException passing(*this);
     passing.m_passing = true;

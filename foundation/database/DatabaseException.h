@@ -28,6 +28,10 @@ class DatabaseException : public Exception {
     // going down, a script that cannot be read now): the same statement may succeed later.
     bool worthRetrying() const;
 
+    // No server answers, or it takes no session for now: it starts, ends, or has too many connections. Waiting helps,
+    // as it does not against a refused password or a wrong certificate.
+    bool serverIsAway() const;
+
     // The same error as one that is worth retrying, where no number says so.
     DatabaseException asPassing() const;
 

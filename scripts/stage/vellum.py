@@ -106,6 +106,9 @@ class Vellum:
 
     def start_daemon(self):
         self.daemon.start()
+        self.await_daemon()
+
+    def await_daemon(self):
         self.daemon.started(lambda: accepts_unix_connections(self.policy_socket) and accepts_connections(self.port))
 
     def start(self):

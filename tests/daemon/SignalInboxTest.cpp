@@ -40,6 +40,18 @@ TEST(SignalInbox, SignalsComeInTheirOrder) {
     EXPECT_EQ(inbox.next(), SIGUSR1);
 }
 
+TEST(SignalInbox, WaitEndsWithASignalOrWithItsPatience) {
+    Blocked const usr1(SIGUSR1);
+    SignalInbox inbox({SIGUSR1});
+    EXPECT_EQ(inbox.next(std::chrono::milliseconds(0)), std::nullopt);
+    EXPECT_EQ(inbox.next(std::chrono::milliseconds(5)), std::nullopt);
+    raise(SIGUSR1);
+    EXPECT_EQ(inbox.next(std::chrono::milliseconds(0)), SIGUSR1);
+    std::thread later([&] { inbox.put(SIGTERM); });
+    EXPECT_EQ(inbox.next(std::chrono::hours(1)), SIGTERM);
+    later.join();
+}
+
 TEST(SignalInbox, PendingSignalIsTaken) {
     Blocked const blocked(SIGUSR1);
     raise(SIGUSR1);

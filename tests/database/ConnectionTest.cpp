@@ -99,6 +99,7 @@ TEST(Connection, WrongPasswordIsToldWithoutIt) {
     EXPECT_TRUE(refused.connectionLost());
     EXPECT_THAT(refused.asString(), HasSubstr("vellum@127.0.0.1:" + std::to_string(server().port())));
     EXPECT_THAT(refused.asString(), Not(HasSubstr("hush-hush")));
+    EXPECT_FALSE(refused.serverIsAway());
 }
 
 TEST(Connection, UnknownDatabaseIsNamed) {
@@ -106,6 +107,7 @@ TEST(Connection, UnknownDatabaseIsNamed) {
     DatabaseException const refused = refusedConnection(server().account(), "fe_sender_history");
     EXPECT_EQ(refused.serverError(), unsigned(ER_BAD_DB_ERROR));
     EXPECT_TRUE(refused.connectionLost());
+    EXPECT_FALSE(refused.serverIsAway());
     EXPECT_THAT(refused.asString(), HasSubstr("database \"fe_sender_history\""));
 }
 
@@ -114,6 +116,7 @@ TEST(Connection, NobodyListeningIsALostConnection) {
     DatabaseException const refused = refusedConnection(nobody);
     EXPECT_TRUE(refused.connectionLost());
     EXPECT_TRUE(refused.worthRetrying());
+    EXPECT_TRUE(refused.serverIsAway());
     EXPECT_THAT(refused.asString(), HasSubstr("/nonexistent/socket"));
 }
 
@@ -232,6 +235,7 @@ TEST(Connection, LockWaitEndsBeforeTheReadTimeout) {
     } catch (DatabaseException const& failure) {
         EXPECT_EQ(failure.serverError(), unsigned(ER_LOCK_WAIT_TIMEOUT));
         EXPECT_FALSE(failure.connectionLost());
+        EXPECT_FALSE(failure.serverIsAway());
         EXPECT_TRUE(failure.worthRetrying());
     }
     EXPECT_NO_THROW(waiting.run("SELECT 1", "test"));
