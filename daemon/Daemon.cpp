@@ -317,6 +317,7 @@ void Daemon::serveMailServers() {
         m_milter->start({.listen = *milter.listen,
                          .socketMode = milter.socketMode,
                          .maxConnections = milter.maxConnections,
+                         .timeout = std::chrono::seconds(milter.timeoutSeconds),
                          .hasEnded = [this] {
                              endWithoutMilter();
                          }});
@@ -368,8 +369,9 @@ void Daemon::sayWhatNeedsARestart(Settings const& changed) const {
     };
     say(address(changed.milter) != address(m_settingsAtStart.milter) ||
             changed.milter.socketMode != m_settingsAtStart.milter.socketMode ||
-            changed.milter.maxConnections != m_settingsAtStart.milter.maxConnections,
-        "[milter] listen, socket_mode or max_connections");
+            changed.milter.maxConnections != m_settingsAtStart.milter.maxConnections ||
+            changed.milter.timeoutSeconds != m_settingsAtStart.milter.timeoutSeconds,
+        "[milter] listen, socket_mode, max_connections or timeout_seconds");
     say(address(changed.metrics) != address(m_settingsAtStart.metrics), "[metrics] listen");
     say(changed.greylist.maxRecords != m_settingsAtStart.greylist.maxRecords, "[greylist] max_records");
     say(changed.rateControl.maxSenders != m_settingsAtStart.rateControl.maxSenders, "[rate_control] max_senders");

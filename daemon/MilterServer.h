@@ -30,7 +30,7 @@ struct MilterServerOptions {
     ListenAddress listen{};
     mode_t socketMode = 0666;
     std::size_t maxConnections = 2000;  // one more is let through unseen
-    std::chrono::seconds timeout{7210}; // for the mail server to say the next thing
+    std::chrono::seconds timeout{1800}; // for the mail server to say the next thing
     // Called once, on a thread of the front, when it ends without stop(): the library got a signal that was meant for
     // the process, or has given up: it could accept no connection for two minutes. Nothing but a new process serves
     // mail servers again then, and frees the descriptors that ran out: connections that have said nothing yet are the

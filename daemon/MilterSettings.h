@@ -14,6 +14,7 @@ struct MilterSettings {
     std::optional<ListenAddress> listen; // nothing: no milter front
     mode_t socketMode = 0666;
     unsigned int maxConnections = 2000;
+    unsigned int timeoutSeconds = 1800; // for the mail server to say the next thing
     bool decide = true;
     ContentRules content;
 };

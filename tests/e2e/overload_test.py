@@ -17,10 +17,10 @@ from stage.process import StageError
 from stage.vellum import PolicyClient, Vellum, toml_file
 
 TUPLES = 50_000  # a listing of them is 28 MB, seven times what waits for one client
-POLICY_CLIENTS = 5_000
+POLICY_CLIENTS = 10_000
 PORT_CLIENTS = 1_000
 STOPPED_LISTINGS = 200
-MILTER_CLIENTS = 1_500
+MILTER_CLIENTS = 2_500
 
 # What the connections may take, from the limits of the daemon, in KiB.
 OUTPUT_OF_ALL = 64 << 10     # listings whose client does not read
@@ -117,7 +117,7 @@ class Overload(unittest.TestCase):
         self.assertIn("backups", self.vellum.ctl("status"))
 
     def test_mail_is_decided_among_thousands_of_idle_slow_and_stopped_clients(self):
-        vellum = self.start()
+        vellum = self.start(policy={"max_connections": 2 * POLICY_CLIENTS})
         fill_cache(vellum.policy_socket, TUPLES)
         files, memory = open_files(vellum.daemon.pid), memory_kib(vellum.daemon.pid)
         log_before = len(vellum.log().splitlines())
