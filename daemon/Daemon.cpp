@@ -251,11 +251,7 @@ DecisionSettings Daemon::decisionSettings() const {
 void Daemon::makeDecision() {
     if (m_settings.endpoint.enabled && m_settings.endpoint.radius) {
         auto const ask = [](IPAddress const& address) {
-            std::optional<MSISDN> const found = MMSReputation::RadiusDatabase::instance()->tryFind(address);
-            if (!found) { // which is not "nobody": what is known of the address stays
-                throw Exception("Daemon", Exception::failure).stringParameter("the accounting database failed");
-            }
-            return found->asString();
+            return MMSReputation::RadiusDatabase::instance()->findOrThrow(address).asString();
         };
         m_subscribers = std::make_unique<SubscriberDirectory>(ask, clockNow, SubscriberDirectory::Options{});
     }

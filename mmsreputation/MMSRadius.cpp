@@ -28,24 +28,28 @@ RadiusDatabase* RadiusDatabase::instance() {
 }
 
 MSISDN RadiusDatabase::find(IPAddress const& address) {
-    return tryFind(address).value_or(MSISDN());
+    try {
+        return findOrThrow(address);
+    } catch (Database::DatabaseException const& failed) {
+        Logger::instance(false).log(LogCode::lookupFailed, 0, "%s", failed.asString().c_str());
+        return {};
+    } catch (Exception const& failed) {
+        throw Exception("RadiusDatabase::find", Exception::failure, Source::radius, findLine).cause(failed);
+    }
 }
 
-std::optional<MSISDN> RadiusDatabase::tryFind(IPAddress const& address) {
+MSISDN RadiusDatabase::findOrThrow(IPAddress const& address) {
     if (address.isNull()) {
-        return MSISDN();
+        return {};
     }
     Database::ConnectionPool::Lock lock(m_pool, false);
     try {
         return lookup(lock, address);
-    } catch (Database::DatabaseException const& failed) {
-        Logger::instance(false).log(LogCode::lookupFailed, 0, "%s", failed.asString().c_str());
+    } catch (Database::DatabaseException const&) {
         if (!lock.connection().isNull()) {
             m_pool.reset(lock.connection());
         }
-        return std::nullopt;
-    } catch (Exception const& failed) {
-        throw Exception("RadiusDatabase::find", Exception::failure, Source::radius, findLine).cause(failed);
+        throw;
     }
 }
 

@@ -12,7 +12,6 @@
 #include "foundation/radius/SubscriberQuery.h"
 
 #include <functional>
-#include <optional>
 #include <string>
 
 namespace Vellum::MMSReputation {
@@ -44,8 +43,9 @@ class RadiusDatabase {
     // Thread-safe.
     MSISDN find(IPAddress const& address);
 
-    // The same, but tells a database that failed (nothing) from an address that is nobody's (a null number).
-    std::optional<MSISDN> tryFind(IPAddress const& address);
+    // The same for a caller that tells trouble in its own way: what fails is thrown (a DatabaseException when it was
+    // the database, the connection then being opened anew before its next use), and nothing is logged.
+    MSISDN findOrThrow(IPAddress const& address);
 
     // Connections in the pool now, taken or not.
     unsigned int pooled() const { return m_pool.size(); }

@@ -84,6 +84,20 @@ TEST_F(Radius, DatabaseErrorIsAnEmptyAnswerOneRecordAndAFreshConnectionForTheNex
     EXPECT_EQ(std::count_if(after.begin(), after.end(), isOld), 2) << "the two that did not fail are kept";
 }
 
+TEST_F(Radius, WhoTellsTroubleInHisOwnWayGetsItThrownAndNothingIsLogged) {
+    session("15550001", "framedipaddress='192.0.2.1'");
+    RadiusDatabase database;
+    EXPECT_EQ(database.findOrThrow(IPAddress("192.0.2.1")).asString(), "15550001");
+    EXPECT_TRUE(database.findOrThrow(IPAddress("192.0.2.2")).isNull());
+    EXPECT_TRUE(database.findOrThrow(IPAddress()).isNull());
+    m_server.run({"rename table radacct to hidden"}, "msisdn");
+    EXPECT_THROW(database.findOrThrow(IPAddress("192.0.2.1")), Database::DatabaseException);
+    m_server.run({"rename table hidden to radacct"}, "msisdn");
+    EXPECT_EQ(database.findOrThrow(IPAddress("192.0.2.1")).asString(), "15550001");
+    EXPECT_EQ(database.pooled(), 3U);
+    EXPECT_TRUE(m_log.lines().empty());
+}
+
 TEST_F(Radius, HealsAfterTheServerWasKilled) {
     session("15550001", "framedipaddress='192.0.2.1'");
     RadiusDatabase database;
