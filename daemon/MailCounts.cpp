@@ -1,5 +1,6 @@
 #include "daemon/MailCounts.h"
 
+#include "daemon/AccountableSender.h"
 #include "daemon/LogValue.h"
 #include "daemon/SubscriberDirectory.h"
 #include "foundation/Exception.h"
@@ -138,20 +139,6 @@ void countRate(MessageSummary const& message, EmailAddress const& sender, RateLi
 }
 
 } // namespace
-
-EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser, bool strangers) {
-    if (authenticatedUser.empty() && !strangers) {
-        return {};
-    }
-    if (authenticatedUser.find('@') == std::string_view::npos) {
-        return sender;
-    }
-    try {
-        return EmailAddress::rfc5321Parse(std::string(authenticatedUser), false);
-    } catch (Exception const&) {
-        return sender;
-    }
-}
 
 std::string_view rateCounterName(std::uint32_t counter) {
     static constexpr std::array<std::string_view, RateLimitSettings::counters> names{

@@ -44,9 +44,6 @@ inline constexpr Attribute spam = SenderRateControl::Entry::Attribute4;
 inline constexpr Attribute infected = SenderRateControl::Entry::Attribute5;
 } // namespace RateCounter
 
-// Whom rate control holds to account; null for nobody. `strangers`: also senders that have not logged in.
-EmailAddress accountableSender(EmailAddress const& sender, std::string_view authenticatedUser, bool strangers);
-
 // "messages", "recipients", "invalid_recipients", "spam", "infected"; "" for any other number.
 std::string_view rateCounterName(std::uint32_t counter);
 

@@ -1,5 +1,6 @@
 #include "daemon/Standing.h"
 
+#include "daemon/AccountableSender.h"
 #include "daemon/MailCounts.h"
 #include "daemon/SubscriberDirectory.h"
 #include "mmsreputation/RefCache.h"
