@@ -1,5 +1,6 @@
 #include "daemon/DecisionHandlers.h"
 
+#include "daemon/AccountableSender.h"
 #include "daemon/AdminHandler.h"
 #include "daemon/ExplanationJson.h"
 #include "daemon/MailCounts.h"
@@ -23,7 +24,7 @@ EmailAddress mailbox(std::string const& text, char const* key) {
 
 IPAddress address(std::string const& text) {
     try {
-        return IPAddress(text);
+        return clientOf(IPAddress(text));
     } catch (Exception const&) {
         throw AdminRefusal("\"address\" is no IP address: \"" + escapeForLog(text) + '"');
     }
@@ -80,15 +81,21 @@ class ReleaseHandler : public AdminHandler {
         long const now = m_clock();
         Explanation const tuple = m_decision.explain(message, now);
         bool const released = m_decision.release(message, now);
+        Explanation const next = m_decision.explain(message, now);
         std::string const network = tuple.network.asString();
-        noteAdministration(Logger::Severity::info, "greylist release of " + network + ' ' +
-                                                       escapeForLog(tuple.sender.asString()) + ' ' +
-                                                       escapeForLog(tuple.recipient.asString()) +
-                                                       (released ? "" : ": it passes already, nothing was changed"));
+        std::string text = "greylist release of " + network + ' ' + escapeForLog(tuple.sender.asString()) + ' ' +
+                           escapeForLog(tuple.recipient.asString());
+        text += released ? "" : ": it passes already, nothing was changed";
+        if (next.verdict.action != Verdict::Action::pass) { // which is no matter of greylisting then
+            text += std::string(released ? ":" : ";") +
+                    " something else holds it: " + std::string(reasonText(next.verdict.reason));
+        }
+        noteAdministration(Logger::Severity::info, text);
         return {{"network", network},
                 {"sender", tuple.sender.asString()},
                 {"recipient", tuple.recipient.asString()},
-                {"released", released}};
+                {"released", released},
+                {"verdict", verdictJson(next.verdict, next.stage)}};
     }
 
   private:
@@ -102,8 +109,14 @@ class ResetRateHandler : public AdminHandler {
 
   protected:
     Json answer(Json const& request, IPC::SocketIPC&) const override {
-        EmailAddress const sender = mailbox(requiredText(request, "sender"), "sender");
-        MailCounts::Reset const done = MailCounts::reset(sender);
+        EmailAddress sender = mailbox(requiredText(request, "sender"), "sender");
+        MailCounts::Reset done;
+        for (EmailAddress const& name : accountableNames(sender)) {
+            if ((done = MailCounts::reset(name)).known) {
+                sender = name;
+                break;
+            }
+        }
         std::string const forgotten = "periods forgotten: " + std::to_string(done.periods);
         noteAdministration(Logger::Severity::info, "rate reset of " + escapeForLog(sender.asString()) + ": " +
                                                        (!done.known        ? "there is no such sender"

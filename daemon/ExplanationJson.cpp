@@ -12,13 +12,6 @@ Json textOrNull(std::string const& text) {
     return text.empty() ? Json() : Json(text);
 }
 
-Json verdictJson(Verdict const& verdict, Stage stage) {
-    return {{"action", actionText(verdict.action, verdict.reason)},
-            {"reason", reasonText(verdict.reason)},
-            {"seconds_left", verdict.secondsLeft},
-            {"stage", stageText(stage)}};
-}
-
 Json endpointJson(Explanation const& all) {
     Standing::Facts const& facts = all.standing;
     if (!facts.subscribersKnown) {
@@ -99,6 +92,13 @@ Json tupleJson(GreyList::TupleDecision const& tuple) {
 }
 
 } // namespace
+
+Json verdictJson(Verdict const& verdict, Stage stage) {
+    return {{"action", actionText(verdict.action, verdict.reason)},
+            {"reason", reasonText(verdict.reason)},
+            {"seconds_left", verdict.secondsLeft},
+            {"stage", stageText(stage)}};
+}
 
 Json asJson(Explanation const& all, Message const& message) {
     return {

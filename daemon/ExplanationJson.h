@@ -24,5 +24,7 @@
 namespace Vellum::Daemon {
 
 Json asJson(Explanation const& explanation, Message const& message);
+// The part "verdict" of it.
+Json verdictJson(Verdict const& verdict, Stage stage);
 
 } // namespace Vellum::Daemon

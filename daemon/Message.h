@@ -23,4 +23,8 @@ struct Message {
     std::string_view instance;          // the same for all recipients of one message; empty when not known
 };
 
+// The client that an address stands for: an IPv6 socket that speaks IPv4 tells it as ::ffff:192.0.2.1, which is the
+// client 192.0.2.1 of every other mail server.
+IPAddress clientOf(IPAddress const& address);
+
 } // namespace Vellum::Daemon

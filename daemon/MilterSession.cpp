@@ -50,8 +50,8 @@ MilterFrontSettings MilterFrontSettings::of(Settings const& settings) {
 void MilterSession::connected(std::string_view clientName, IPAddress const& client) {
     bool const none = clientName == "unknown" || clientName.starts_with('[');
     m_clientName = none ? std::string_view() : clientName;
-    m_client = client;
-    m_front.decision().at(Stage::connect, clientOnly(client), m_front.now());
+    m_client = clientOf(client);
+    m_front.decision().at(Stage::connect, clientOnly(m_client), m_front.now());
 }
 
 void MilterSession::sender(std::string_view path) {

@@ -60,7 +60,7 @@ std::string_view readMessage(PolicyRequest const& request, Message& message) {
     }
     std::string_view problem = "client_address is no IP address";
     try {
-        message.client = IPAddress(std::string(client));
+        message.client = clientOf(IPAddress(std::string(client)));
         problem = "sender is no mailbox";
         parseMailbox(request[Attribute::sender], message.sender);
         problem = "recipient is no mailbox";

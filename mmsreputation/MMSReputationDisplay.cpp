@@ -129,6 +129,7 @@ int EntryRemovalHandler::task(IPC::SocketIPC&, IPC::Pdu const& request) const {
         RefCache const cache = currentCache();
         if (!cache.isNull()) {
             cache->remove(number);
+            Logger::instance(false).note(Logger::Severity::info, "action=remove, subscriber=" + number.asString());
         }
     });
 }

@@ -163,24 +163,48 @@ TEST_F(DecisionHandlers, WithoutASenderTheVerdictIsThatOfTheClient) {
         << "who has logged in is the sender";
 }
 
+TEST_F(DecisionHandlers, AddressOfAnIPv6SocketThatSpeaksIPv4IsTheSameClient) {
+    json const answer = explain({{"address", "::ffff:192.0.2.1"}});
+    EXPECT_EQ(answer.at("client").at("address"), "192.0.2.1");
+}
+
 TEST_F(DecisionHandlers, ReleaseAnswersTheTupleAndLeavesALine) {
     json const tuple = {{"network", "192.0.2.0/24"}, {"sender", "jo@example.org"}, {"recipient", "me@example.com"}};
     json released = tuple;
     released["released"] = true;
+    released["verdict"] = verdict("pass", "passed", 0, "recipient");
     EXPECT_EQ(release(mail), released);
     EXPECT_EQ(logged(), Lines{"administration: greylist release of 192.0.2.0/24 jo@example.org me@example.com"});
     EXPECT_EQ(explain(mail).at("verdict"), verdict("pass", "passed", 0, "recipient"));
     json again = tuple;
     again["released"] = false;
+    again["verdict"] = verdict("pass", "passed", 0, "recipient");
     EXPECT_EQ(release(mail), again);
     EXPECT_EQ(logged(),
               Lines{"administration: greylist release of 192.0.2.0/24 jo@example.org me@example.com: it passes "
                     "already, nothing was changed"});
     json bounce = mail;
     bounce["sender"] = "<>";
-    EXPECT_EQ(
-        release(bounce),
-        json({{"network", "192.0.2.0/24"}, {"sender", "<>"}, {"recipient", "me@example.com"}, {"released", true}}));
+    EXPECT_EQ(release(bounce), json({{"network", "192.0.2.0/24"},
+                                     {"sender", "<>"},
+                                     {"recipient", "me@example.com"},
+                                     {"released", true},
+                                     {"verdict", verdict("pass", "passed", 0, "recipient")}}));
+}
+
+TEST_F(DecisionHandlers, ReleaseTellsWhatElseHoldsTheMessage) {
+    block("jo@example.org", start + 60);
+    json const held = verdict("defer", "sender-blocked", 60, "recipient");
+    json const first = release(mail);
+    EXPECT_EQ(first.at("released"), true);
+    EXPECT_EQ(first.at("verdict"), held);
+    EXPECT_EQ(logged(), Lines{"administration: greylist release of 192.0.2.0/24 jo@example.org me@example.com: "
+                              "something else holds it: sender-blocked"});
+    json const again = release(mail);
+    EXPECT_EQ(again.at("released"), false);
+    EXPECT_EQ(again.at("verdict"), held);
+    EXPECT_EQ(logged(), Lines{"administration: greylist release of 192.0.2.0/24 jo@example.org me@example.com: it "
+                              "passes already, nothing was changed; something else holds it: sender-blocked"});
 }
 
 TEST_F(DecisionHandlers, ResetAnswersWhatWasThereAndLeavesALine) {
@@ -199,6 +223,20 @@ TEST_F(DecisionHandlers, ResetAnswersWhatWasThereAndLeavesALine) {
               json({{"sender", "jo@example.org"}, {"known", true}, {"was_blocked", false}, {"forgotten_periods", 0}}));
     EXPECT_EQ(logged(),
               Lines{"administration: rate reset of jo@example.org: it was not blocked, periods forgotten: 0"});
+}
+
+TEST_F(DecisionHandlers, ResetFindsASenderInWhateverCaseItIsWritten) {
+    for (auto const& [written, known] :
+         std::vector<std::pair<std::string, std::string>>{{"Jo@Example.ORG", "Jo@example.org"}, // an envelope's
+                                                          {"AL@Example.ORG", "al@example.org"}, // a login
+                                                          {"Bob", "bob"}}) {
+        block(known, start + 60);
+        EXPECT_EQ(reset(written),
+                  json({{"sender", known}, {"known", true}, {"was_blocked", true}, {"forgotten_periods", 1}}));
+    }
+    block("AL@Example.ORG", start + 60);
+    EXPECT_EQ(reset("AL@Example.ORG").at("sender"), "AL@Example.ORG") << "the most exact one first";
+    EXPECT_EQ(reset("IM@Example.ORG").at("sender"), "IM@Example.ORG") << "nothing is known: as it was written";
 }
 
 TEST_F(DecisionHandlers, WhatCannotBeReadIsRefusedInWordsAndLogged) {

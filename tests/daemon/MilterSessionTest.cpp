@@ -327,6 +327,14 @@ TEST(MilterSession, MailOfThisMachineItselfPasses) {
     EXPECT_EQ(milter.reports.lines, Lines{" <root@example.org> [] recipients=1 invalid=0 finished at 0"});
 }
 
+TEST(MilterSession, ClientOfAnIPv6SocketThatSpeaksIPv4IsTheSameOne) {
+    MilterFixture milter;
+    milter.session.connected("mx.example.org", IPAddress(std::string("::ffff:192.0.2.77")));
+    milter.session.sender("<jo@example.org>");
+    milter.recipient("<a@example.com>");
+    EXPECT_NE(milter.logged().at(0).find("client_address=192.0.2.77,"), std::string::npos);
+}
+
 TEST(MilterSession, NameThatIsNoneIsUnknown) {
     for (char const* name : {"unknown", "[192.0.2.77]"}) {
         MilterFixture milter;

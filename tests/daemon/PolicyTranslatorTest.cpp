@@ -103,6 +103,13 @@ TEST(PolicyTranslator, MailWaitsPassesWithAHeaderAndIsKnown) {
                               "sender=jo@example.org, recipient=me@example.com");
 }
 
+TEST(PolicyTranslator, ClientOfAnIPv6SocketThatSpeaksIPv4IsTheSameOne) {
+    TranslatorFixture front;
+    EXPECT_EQ(front.ask(someMail(), start), wait300);
+    EXPECT_EQ(front.ask(with(someMail(), {{"client_address", "::ffff:192.0.2.77"}}), start + 299),
+              "action=DEFER_IF_PERMIT 4.2.0 Greylisted, please try again in 1 seconds\n\n");
+}
+
 TEST(PolicyTranslator, AMessageGetsOneHeaderHoweverManyRecipientsHadToWait) {
     TranslatorFixture front;
     Attributes const second = with(someMail(), {{"recipient", "you@example.com"}});

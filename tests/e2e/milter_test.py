@@ -141,6 +141,9 @@ class Counting(unittest.TestCase):
         self.assertRegex(str(replies[0]), r"^450 4\.7\.1 Too much mail from this sender, please try again in \d+ seconds$")
         self.assertEqual(self.explained("192.0.2.120", "jo@toomuch.example")["verdict"]["reason"], "sender-blocked")
         self.assertIn("jo@toomuch.example", world.vellum.ctl("rate", "list", "--blocked"))
+        self.assertEqual(world.vellum.ctl("greylist", "release", "192.0.2.120", "jo@toomuch.example", "b@example.org"),
+                         "192.0.2.0/24 jo@toomuch.example b@example.org: need not wait any more, but something else "
+                         "holds it: defer, sender-blocked\n")
         self.assertEqual(world.vellum.ctl("rate", "reset", "jo@toomuch.example"),
                          "jo@toomuch.example: the block is lifted, and its mail is counted afresh\n")
         for number in range(2):

@@ -78,8 +78,16 @@ void release(DaemonConnection& daemon, MessageRequest const& request, Output& ou
     if (!request.json) {
         std::string const tuple =
             shown(answer, "network") + " " + shown(answer, "sender") + " " + shown(answer, "recipient");
-        output.write(tuple + (answer.at("released").get<bool>() ? ": the next message passes\n"
-                                                                : ": passes already, nothing was changed\n"));
+        bool const released = answer.at("released").get<bool>();
+        Json const& verdict = answer.at("verdict");
+        if (verdict.at("action").get<std::string>() == "pass") {
+            output.write(tuple +
+                         (released ? ": the next message passes\n" : ": passes already, nothing was changed\n"));
+        } else {
+            output.write(
+                tuple + (released ? ": need not wait any more" : ": does not have to wait, nothing was changed") +
+                ", but something else holds it: " + shown(verdict, "action") + ", " + shown(verdict, "reason") + "\n");
+        }
         output.flush();
     }
 }
