@@ -3,31 +3,14 @@
 #include "foundation/AllocatorTuning.h"
 #include "foundation/Exception.h"
 #include "foundation/Privileges.h"
+#include "foundation/ServiceSignals.h"
 #include "foundation/Version.h"
 
 #include <CLI/CLI.hpp>
 
-#include <csignal>
 #include <cstdio>
 #include <sys/stat.h>
 #include <sysexits.h>
-
-namespace {
-
-// Every thread inherits this: signals are taken by the main thread alone, when it is ready for them.
-void blockSignals() {
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int const signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&taken, signal);
-    }
-    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error to tell, not an end
-    std::signal(SIGCHLD, SIG_DFL); // where whoever started this ignores it, the kernel would keep no child's status
-}
-
-} // namespace
 
 int main(int argc, char** argv) {
     Vellum::tuneAllocator(argv);
@@ -48,7 +31,7 @@ int main(int argc, char** argv) {
     options.set_version_flag("-V,--version", std::string("vellumd ") + Vellum::version);
     CLI11_PARSE(options, argc, argv);
 
-    blockSignals();
+    Vellum::setUpServiceSignals();
     umask(0077);
     try {
         Vellum::giveUpRights(user);

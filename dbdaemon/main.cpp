@@ -5,6 +5,7 @@
 #include "foundation/LogSinks.h"
 #include "foundation/Logger.h"
 #include "foundation/Privileges.h"
+#include "foundation/ServiceSignals.h"
 #include "foundation/Settings.h"
 #include "foundation/Version.h"
 
@@ -31,19 +32,6 @@ class ProcessLog {
   private:
     std::unique_ptr<Logger> m_logger;
 };
-
-// Every thread inherits this: the main thread alone takes signals, when it is ready for them.
-sigset_t blockSignals() {
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int const signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&taken, signal);
-    }
-    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error to answer, not an end
-    return taken;
-}
 
 // Works until it is told to end.
 void run(DatabaseDaemon::ServiceSettings const& settings, sigset_t const& signals) {
@@ -85,7 +73,7 @@ int main(int argc, char** argv) {
     options.set_version_flag("-V,--version", std::string("vellum-dbd ") + version);
     CLI11_PARSE(options, argc, argv);
 
-    sigset_t const signals = blockSignals();
+    sigset_t const signals = setUpServiceSignals();
     umask(0077);
     try {
         giveUpRights(user);

@@ -1,5 +1,6 @@
 #include "tests/stress/WholeDaemon.h"
 
+#include "foundation/ServiceSignals.h"
 #include "foundation/cron/Crontab.h"
 #include "foundation/ipc/Dispatcher.h"
 #include "foundation/ipc/Endpoint.h"
@@ -86,13 +87,7 @@ WholeDaemon::WholeDaemon() {
     m_port = freePort();
     writeSettings(0);
     // What the daemon's main thread takes nobody else may; children are started before, and keep theirs.
-    sigset_t taken;
-    sigemptyset(&taken);
-    for (int const signal : {SIGTERM, SIGINT, SIGHUP}) {
-        sigaddset(&taken, signal);
-    }
-    pthread_sigmask(SIG_BLOCK, &taken, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
+    setUpServiceSignals();
     m_daemon = std::make_unique<Daemon::Daemon>(path("vellumd.toml"));
     m_thread = std::thread([this] {
         try {
