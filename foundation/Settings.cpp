@@ -1,6 +1,7 @@
 #include "foundation/Settings.h"
 
 #include "foundation/Escape.h"
+#include "foundation/SettingsNesting.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -140,6 +141,10 @@ SettingsTable SettingsTable::parseFile(std::string const& path) {
 }
 
 SettingsTable SettingsTable::parse(std::string const& text, std::string const& fileName) {
+    if (unsigned int const line = lineNestedDeeperThan(mostSettingsLevels, text); line != 0) {
+        throw SettingsError(fileName + ':' + std::to_string(line) + ": expected at most " +
+                            std::to_string(mostSettingsLevels) + " levels of lists, tables and dotted keys");
+    }
     try {
         std::istringstream stream(text);
         auto const root = std::make_shared<toml::value const>(toml::parse(stream, fileName));
