@@ -7,12 +7,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <system_error>
+#include <utility>
 
 namespace Vellum::IPC {
 namespace {
@@ -44,6 +46,14 @@ int pollTimeout(std::chrono::milliseconds limit, Clock::time_point end) {
 ClientSocket::ClientSocket(int registryNumber, ClientTimeouts const& timeouts)
     : m_endpoint(Endpoint::of(registryNumber)), m_timeouts(timeouts) {
     open();
+}
+
+ClientSocket::ClientSocket(Endpoint place, FileDescriptor connected, ClientTimeouts const& timeouts)
+    : m_endpoint(std::move(place)), m_timeouts(timeouts), m_socket(std::move(connected)) {
+    int const flags = ::fcntl(m_socket.get(), F_GETFL);
+    if (flags < 0 || ::fcntl(m_socket.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+        fail("connect", reasonOf(errno));
+    }
 }
 
 void ClientSocket::open() {
@@ -145,18 +155,20 @@ void ClientSocket::fill(std::size_t wanted) {
     }
 }
 
-// Makes room behind the buffered bytes so that `wanted` of them fit in one piece.
+// Makes room behind the buffered bytes, in the end for `wanted` of them in one piece. Memory grows with what arrives,
+// not with what a header announces.
 void ClientSocket::reserve(std::size_t wanted) {
     if (m_begin == m_end) {
         m_begin = m_end = 0;
     }
-    if (m_begin + wanted <= m_capacity && m_end < m_capacity) {
+    bool const fitsOnlyInFront = wanted <= m_capacity && m_begin + wanted > m_capacity;
+    if (m_end < m_capacity && !fitsOnlyInFront) {
         return;
     }
     if (wanted <= m_capacity) {
         std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
     } else {
-        std::size_t const capacity = std::max(wanted, pieceBytes);
+        std::size_t const capacity = std::max(pieceBytes, std::min(wanted, 2 * m_capacity));
         std::unique_ptr<char[]> larger(new char[capacity]); // not zeroed
         std::copy_n(m_buffer.get() + m_begin, m_end - m_begin, larger.get());
         m_buffer = std::move(larger);

@@ -19,6 +19,8 @@ class ClientSocket : public Socket {
   public:
     // Connects to the dispatcher of that registry number. Throws Exception naming the place and the reason.
     ClientSocket(int registryNumber, ClientTimeouts const& timeouts);
+    // Goes on with a connection that stands already; `place` is for messages.
+    ClientSocket(Endpoint place, FileDescriptor connected, ClientTimeouts const& timeouts);
     // After a request that nothing was received for, waits up to a second until the daemon ends the connection.
     ~ClientSocket() override;
 

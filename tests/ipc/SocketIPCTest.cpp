@@ -4,6 +4,7 @@
 #include "foundation/Exception.h"
 #include "foundation/FileDescriptor.h"
 #include "foundation/ipc/Address.h"
+#include "foundation/ipc/ClientSocket.h"
 #include "foundation/ipc/Endpoint.h"
 #include "foundation/ipc/Listing.h"
 #include "tests/ipc/TestDispatcher.h"
@@ -12,6 +13,7 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace Vellum::IPC {
 namespace {
@@ -193,6 +195,36 @@ TEST_F(ClientOfStranger, UnitBeyondReasonIsRefusedNotAllocated) {
     peerSends("HTTP/1.1 400 Bad Request\r\n");
     std::string const failure = failureOf([&] { client >> reply; });
     EXPECT_NE(failure.find("none of this protocol"), std::string::npos) << failure;
+}
+
+// The room grows with what arrives: once, twice, not at all, and with a unit begun before it.
+TEST(ClientSocket, TakesLongUnitsOverAConnectionThatStandsAlready) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    FileDescriptor const peer(ends[1]);
+    ClientSocket client({.host = "127.0.0.1", .port = 29021}, FileDescriptor(ends[0]), {});
+    std::vector<std::string> sent;
+    for (std::size_t const length : {1U, 262'136U, 262'137U, 3U, 1'500'000U, 700'000U, 0U, 2'000'000U}) {
+        sent.emplace_back(length, static_cast<char>('a' + sent.size()));
+    }
+    std::thread sender([&] {
+        for (std::string const& text : sent) {
+            char header[Pdu::headerSize];
+            Pdu::writeHeader(header, 4, static_cast<std::uint32_t>(text.size()));
+            std::string const bytes = std::string(header, sizeof header) + text;
+            for (std::size_t done = 0; done < bytes.size();) {
+                ssize_t const taken = ::send(peer.get(), bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+                ASSERT_GT(taken, 0);
+                done += static_cast<std::size_t>(taken);
+            }
+        }
+    });
+    Pdu unit(PduType::receiveBuffer, 0);
+    for (std::string const& text : sent) {
+        client.receive(unit);
+        EXPECT_TRUE(unit.data().view() == text) << text.size();
+    }
+    sender.join();
 }
 
 TEST_F(ClientOfStranger, DataWaitingTellsOfUnitsAndOfTheEnd) {
