@@ -4,6 +4,7 @@
 #include "foundation/FileDescriptor.h"
 #include "foundation/database/BatchedInsert.h"
 #include "foundation/database/ScriptTransaction.h"
+#include "foundation/database/TabbedRow.h"
 
 #include <cerrno>
 #include <cstring>
@@ -78,50 +79,6 @@ class LineReader {
     std::uint64_t m_number = 0;
 };
 
-char meant(char escaped) {
-    switch (escaped) {
-    case 't':
-        return '\t';
-    case 'n':
-        return '\n';
-    case 'r':
-        return '\r';
-    case '0':
-        return '\0';
-    default:
-        return escaped;
-    }
-}
-
-void appendForSql(std::string& out, char c) {
-    if (c == '\0') {
-        out += "\\0";
-        return;
-    }
-    if (c == '\'' || c == '\\') {
-        out += '\\';
-    }
-    out += c;
-}
-
-// The line as ('a','b'). False when it ends within an escape.
-bool appendRow(std::string& out, std::string_view line) {
-    out += "\n('";
-    for (std::size_t at = 0; at < line.size(); ++at) {
-        if (line[at] == '\t') {
-            out += "','";
-        } else if (line[at] != '\\') {
-            appendForSql(out, line[at]);
-        } else if (++at < line.size()) {
-            appendForSql(out, meant(line[at]));
-        } else {
-            return false;
-        }
-    }
-    out += "')";
-    return true;
-}
-
 // Runs the statement that `text` holds, and empties it.
 void runAndClear(ScriptTransaction& transaction, std::string& text) {
     if (!text.empty()) {
@@ -144,8 +101,8 @@ QueryLoadData::QueryLoadData(Connection& connection, std::string const& database
         if (m_rows % BatchedInsert::rowsPerStatement == 0 || statement.size() > longestStatement) {
             runAndClear(transaction, statement);
         }
-        statement += statement.empty() ? "REPLACE INTO " + name + " VALUES" : ",";
-        if (!appendRow(statement, line)) {
+        statement += statement.empty() ? "REPLACE INTO " + name + " VALUES\n" : ",\n";
+        if (!appendTabbedRow(statement, line)) {
             throw lines.refused("ends within an escape");
         }
     }
