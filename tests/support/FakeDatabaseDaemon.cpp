@@ -86,7 +86,7 @@ void FakeDatabaseDaemon::converse(int client) {
     {
         std::lock_guard const holding(m_lock);
         m_requests.push_back(request);
-        says += m_behind;
+        says = m_only.value_or(says + m_behind);
     }
     static_cast<void>(send(client, says.data(), says.size(), MSG_NOSIGNAL));
 }
@@ -96,9 +96,19 @@ void FakeDatabaseDaemon::answerWith(std::string behind) {
     m_behind = std::move(behind);
 }
 
+void FakeDatabaseDaemon::sayOnly(std::string bytes) {
+    std::lock_guard const holding(m_lock);
+    m_only = std::move(bytes);
+}
+
 std::vector<std::string> FakeDatabaseDaemon::requests() const {
     std::lock_guard const holding(m_lock);
     return m_requests;
+}
+
+void FakeDatabaseDaemon::forgetRequests() {
+    std::lock_guard const holding(m_lock);
+    m_requests.clear();
 }
 
 AbsentDatabaseDaemon::AbsentDatabaseDaemon() {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,8 +29,11 @@ class FakeDatabaseDaemon {
 
     // The bytes behind each answer from now on; none unless told.
     void answerWith(std::string behind);
+    // These bytes instead of an answer and what is behind it, from now on.
+    void sayOnly(std::string bytes);
 
     std::vector<std::string> requests() const; // their bytes, in the order of arrival
+    void forgetRequests();
 
   private:
     void serve();
@@ -39,8 +43,9 @@ class FakeDatabaseDaemon {
     int m_listener;
     int m_wake[2]; // a pipe; its writing end is closed to end the thread
     mutable std::mutex m_lock;
-    std::vector<std::string> m_requests; // under m_lock, as is the next
+    std::vector<std::string> m_requests; // under m_lock, as are the next
     std::string m_behind;
+    std::optional<std::string> m_only;
     std::thread m_thread;
 };
 
