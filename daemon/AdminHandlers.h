@@ -14,6 +14,7 @@
 //                      "endpoints": {"entries": CACHE, "exempt_list": {"load": LOAD}, "blacklist": {"load": LOAD},
 //                      "backup": the same with "slices" and "subscribers"},
 //                      "database": {"reachable": true, false or null, "as_of", "problem"},
+//                      "active": whether this unit of a pair is the active one, true, false or null (not asked yet),
 //                      "decisions": [DECISION], the sum of both fronts,
 //                      "fronts": [{"front": "policy" or "milter", "decisions": [DECISION]}]}, those that are on
 //                     DECISION: {"action", "reason", "count"}

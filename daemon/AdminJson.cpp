@@ -103,6 +103,7 @@ Json asJson(DaemonStatus const& status, long now) {
             {"settings", status.settingsPath},
             {"policy_listeners", status.policyListeners},
             {"database", asJson(status.database)},
+            {"active", status.active ? Json(*status.active) : Json()},
             {"decisions", decisions},
             {"fronts", fronts}};
 }

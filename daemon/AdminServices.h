@@ -46,6 +46,7 @@ struct DaemonStatus {
     std::vector<FrontDecisions> fronts;
     DatabaseState database;
     DatabaseDaemon::ScriptOutcomes scripts{}; // as last told by the database daemon
+    std::optional<bool> active{};             // whether this unit of a pair is the active one, as last asked
 };
 
 // Whether backups may overwrite the tables.

@@ -496,6 +496,7 @@ DaemonStatus Daemon::status() const {
         status.fronts.push_back({"milter", decisionCounts(m_milterFront->counters())});
     }
     status.database = m_databaseWatch.state();
+    status.active = m_highAvailability->lastAnswer();
     status.scripts = m_scripts.outcomes();
     return status;
 }

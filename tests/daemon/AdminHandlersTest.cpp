@@ -150,6 +150,7 @@ TEST_F(AdminHandlers, StatusTellsEverythingOfTheDaemonAndItsCaches) {
                       {"ran", {{"script", 17}, {"accepted", now - 3650}}},
                       {"refused", {{"script", 18}, {"time", now - 49}, {"reason", "no such column"}}}}},
                     {"database", {{"reachable", true}, {"as_of", now - 5}, {"problem", ""}}},
+                    {"active", nullptr},
                     {"decisions",
                      {{{"action", "defer"}, {"reason", "new"}, {"count", 7}},
                       {{"action", "pass"}, {"reason", "known"}, {"count", 17}},

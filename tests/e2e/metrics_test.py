@@ -175,6 +175,7 @@ class Pair(unittest.TestCase):
         self.assertEqual(world.mariadb.query("SELECT COUNT(*) FROM grey_list"), rows)
         world.vellum.start_daemon()
         self.assertEqual(value("vellum_high_availability_active"), 0)
+        self.assertIn("Unit         STANDBY", world.vellum.ctl("status"))
         self.assertIn("unit STANDBY", world.vellum.ctl("top", "--once"))
         self.assertFalse(resynced.exists())
 

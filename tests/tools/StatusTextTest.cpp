@@ -45,6 +45,7 @@ class StatusText : public testing::Test {
                 {"bytes", 12345678},
                 {"problem", ""}}}}},
             {"database", {{"reachable", true}, {"as_of", now - 60}, {"problem", ""}}},
+            {"active", true},
             {"decisions",
              {{{"action", "greylist"}, {"reason", "new"}, {"count", 1234}},
               {{"action", "pass"}, {"reason", "known"}, {"count", 199998}}}},
@@ -102,10 +103,12 @@ TEST_F(StatusText, WhatIsWrongStandsOut) {
     ill["greylist"]["exemptions"]["load"] = {{"attempted", false}};
     ill["backup"] = {{"allowed", false}, {"reason", "the last load failed"}, {"last", nullptr}};
     ill["database"] = {{"reachable", false}, {"as_of", now}, {"problem", "Connection refused"}};
+    ill["active"] = false;
     ill["fronts"] = Json::array();
     EXPECT_EQ(statusText(ill, now), "Daemon       1.2.3, process 4711, up 3 d 4 h (since 2026-11-18 06:04)\n"
                                     "Settings     /etc/vellum/vellumd.toml\n"
                                     "Policy       127.0.0.1:10023, unix:/run/vellum/policy\n"
+                                    "Unit         STANDBY: another one is active and makes the backups\n"
                                     "Tuples       123456 of 1000000 (12 %); THE LAST LOAD FAILED: row 17 of grey_list\n"
                                     "Exemptions   1 of 0; nothing loaded yet\n"
                                     "Backups      OFF: the last load failed\n"

@@ -154,6 +154,9 @@ std::string statusText(Json const& status, std::int64_t now) {
     lines.add("Daemon", daemonText(status));
     lines.add("Settings", text(part(status, "settings")));
     lines.add("Policy", listenersText(part(status, "policy_listeners")));
+    if (part(status, "active") == false) {
+        lines.add("Unit", "STANDBY: another one is active and makes the backups");
+    }
     lines.add("Tuples", cacheText(part(greylist, "tuples")));
     lines.add("Exemptions", cacheText(part(greylist, "exemptions")));
     lines.add("Backups", flag(part(backup, "allowed")) ? "on" : "OFF: " + text(part(backup, "reason")));
