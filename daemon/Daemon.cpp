@@ -132,7 +132,7 @@ int Daemon::run() {
             m_settings.endpoint, m_settings.state.endpointScript(), [this] { return mayBackUp(m_endpointLoads); },
             m_highAvailability);
         m_rules = loadRules(m_settings);
-        if (!awaitDatabase(*m_signals)) {
+        if (!awaitDatabase(*m_signals, [this] { readDatabaseAgain(); })) {
             note(Logger::Severity::info, "ended while the start waited for the database");
             return EX_OK;
         }
@@ -164,6 +164,18 @@ void Daemon::useDatabase() {
     Database::ServerMap::instance().install(m_settings.database);
     DatabaseDaemon::setSocketPath(m_settings.databaseDaemon.socket);
     DatabaseDaemon::setTimeout(std::chrono::seconds(m_settings.databaseDaemon.timeoutSeconds));
+}
+
+// While the start waits for a server that may be the wrong one. The other settings follow once it is there.
+void Daemon::readDatabaseAgain() {
+    Logger::instance(false).reopen();
+    try {
+        m_settings.database = Settings::load(m_settingsPath).database;
+        Database::ServerMap::instance().install(m_settings.database);
+        note(Logger::Severity::info, "[database] read again from " + m_settingsPath);
+    } catch (std::exception const& failed) {
+        note(Logger::Severity::error, std::string("the settings stay as they were: ") + failed.what());
+    }
 }
 
 void Daemon::useGreylistConfiguration() {

@@ -54,6 +54,7 @@ class Daemon : private GreylistAdministration {
   private:
     void useLog(LogSettings const& settings);
     void useDatabase();
+    void readDatabaseAgain();
     void useGreylistConfiguration();
     void awaitDatabaseDaemon();
     void bringUpState();

@@ -25,7 +25,7 @@ std::optional<std::string> whyUnreachable() {
 
 } // namespace
 
-bool awaitDatabase(SignalInbox& signals, std::chrono::milliseconds interval) {
+bool awaitDatabase(SignalInbox& signals, std::function<void()> const& readAgain, std::chrono::milliseconds interval) {
     bool waiting = false;
     bool hangUp = false;
     while (auto const problem = whyUnreachable()) {
@@ -36,7 +36,7 @@ bool awaitDatabase(SignalInbox& signals, std::chrono::milliseconds interval) {
         }
         auto const signal = signals.next(interval);
         if (signal == SIGHUP) {
-            Logger::instance(false).reopen();
+            readAgain();
             hangUp = true;
         } else if (signal) {
             return false;

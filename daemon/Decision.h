@@ -16,7 +16,7 @@
 //   sender            standing
 //   end of message    standing, as it is by then
 //
-// Rules see the addresses as they came, the rest sees them folded (AddressFolding.h). A null sender has no domain and
+// Rules see the mailboxes as they came, the rest sees them folded (AddressFolding.h). A null sender has no domain and
 // so no automatic exemption; its tuple is like any other.
 //
 // Threads: any number may ask at once. Cost: one to three microseconds (docs/performance.md), no allocation for a tuple

@@ -1,5 +1,6 @@
 #include "daemon/ExemptRules.h"
 
+#include "daemon/Message.h"
 #include "foundation/Settings.h"
 
 #include <limits>
@@ -33,6 +34,8 @@ StringPattern readPattern(SettingsTable const& rule, char const* key) {
     }
 }
 
+constexpr unsigned int mappedPrefix = 96; // bits of ::ffff:0:0/96, where IPv6 has the addresses of IPv4
+
 IPAddressMask readNetwork(SettingsTable const& rule, char const* key) {
     if (!rule.has(key)) {
         return {};
@@ -52,6 +55,9 @@ IPAddressMask readNetwork(SettingsTable const& rule, char const* key) {
     if (!(base == network.prefix())) {
         rule.refuse(key, "expected " + IPAddressMask(base.asIpAddr(), network.cidr()).asString() +
                              " for the network, or " + network.prefix().asString() + " for the one address");
+    }
+    if (IPAddress::isV4Mapped(base) && network.cidr() >= mappedPrefix) { // clients are told by their IPv4 address
+        return {clientOf(base).asIpAddr(), network.cidr() - mappedPrefix};
     }
     return network;
 }

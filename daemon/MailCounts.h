@@ -4,8 +4,7 @@
 //   sender reputation   of the client's address, by hour: messages, recipients, invalid recipients, spam, infected.
 //                       Not for clients that have logged in: their addresses are those of people on the move
 //   rate control        of the sender, by five minutes: the counters of RateCounter. The sender is who has logged in,
-//                       where that name is a mailbox, since anybody who stole a password can write another sender into
-//                       each message; else the envelope's sender. A bounce has none. Who has not logged in is only
+//                       else the envelope's (AccountableSender.h); a bounce has none. Who has not logged in is only
 //                       counted where the settings say so: he can write anybody's address into a message, and would
 //                       have the owner blocked
 //   endpoint            of the subscriber whose address the client has, by slice: spam, infected

@@ -30,7 +30,7 @@ MilterSettings readMilter(SettingsTable const& milter) {
     settings.maxConnections =
         static_cast<unsigned int>(milter.integer("max_connections", settings.maxConnections, 1, 100'000));
     settings.timeoutSeconds =
-        static_cast<unsigned int>(milter.integer("timeout_seconds", settings.timeoutSeconds, 10, 86'400));
+        static_cast<unsigned int>(milter.integer("timeout_seconds", settings.timeoutSeconds, 60, 86'400));
     settings.decide = milter.boolean("decide", settings.decide);
     settings.content.spam =
         readRules(milter, "spam_headers", {"X-Spam-Flag: YES*", "X-Spam-Status: Yes,*", "X-Spam: Yes*"});

@@ -8,12 +8,14 @@
 #include <netinet/in.h>
 #include <new>
 #include <poll.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <system_error>
 
 namespace Vellum::Daemon {
 namespace {
 
+constexpr std::string_view roomAgain = "policy: there is room for new connections again";
 constexpr int pauseMilliseconds = static_cast<int>(PolicyAcceptor::pauseTime.count());
 
 // Null for a peer of a Unix socket.
@@ -62,12 +64,17 @@ PolicyAcceptor::~PolicyAcceptor() {
 void PolicyAcceptor::run() {
     std::array<epoll_event, 16> memory;
     while (!m_ending.load()) {
-        auto const ready = m_ready.wait(memory, m_exhausted.lasts() ? pauseMilliseconds : EpollSet::forEver);
+        auto const ready = m_ready.wait(memory, isInTrouble() ? pauseMilliseconds : EpollSet::forEver);
         for (epoll_event const& event : ready) {
             acceptAll(*static_cast<ListeningSocket const*>(event.data.ptr));
         }
-        if (ready.empty() && m_exhausted.lasts()) { // nobody comes, yet the end of it is to be seen
-            acceptAll(*m_sockets.front());
+        if (ready.empty() && !m_ending.load()) { // nobody comes, yet the end of trouble is to be seen
+            if (m_exhausted.lasts()) {
+                acceptAll(*m_sockets.front());
+            }
+            if (m_full.lasts() && !isFull()) {
+                m_full.ends(roomAgain);
+            }
         }
     }
 }
@@ -102,7 +109,7 @@ PolicyAcceptor::Next PolicyAcceptor::acceptOne(ListeningSocket const& socket) {
                       connection->peer());
         return Next::goOn;
     }
-    m_full.ends("policy: there is room for new connections again");
+    m_full.ends(roomAgain);
     handOut(std::move(connection));
     return Next::goOn;
 }
@@ -151,6 +158,10 @@ PolicyWorker& PolicyAcceptor::workerForNext() const {
         return one->connections() < other->connections();
     };
     return **std::min_element(m_workers.begin(), m_workers.end(), fewer);
+}
+
+bool PolicyAcceptor::isInTrouble() const {
+    return m_exhausted.lasts() || m_full.lasts();
 }
 
 bool PolicyAcceptor::isFull() const {

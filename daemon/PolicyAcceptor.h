@@ -57,6 +57,7 @@ class PolicyAcceptor {
     Next acceptFailed(ListeningSocket const& socket, int error);
     void handOut(std::unique_ptr<PolicyConnection> connection);
     PolicyWorker& workerForNext() const;
+    bool isInTrouble() const;
     bool isFull() const;
     bool makeRoom();
 

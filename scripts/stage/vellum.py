@@ -116,8 +116,9 @@ class Vellum:
         self.start_daemon()
 
     def log(self):
+        """What it has logged, behind what it has said outside of its log, which is only the end of a start that failed."""
         path = self.directory / "vellumd.log"
-        return (path.read_text(errors="replace") if path.exists() else "") + self.daemon.log()
+        return self.daemon.log() + (path.read_text(errors="replace") if path.exists() else "")
 
     def dbd_log(self):
         path = self.directory / "vellum-dbd.log"

@@ -75,6 +75,16 @@ TEST(ExemptRules, AClientMayBeOneAddress) {
     EXPECT_EQ(match(rules, "", "me@c.example", "192.0.2.8"), 0U);
 }
 
+TEST(ExemptRules, NetworkOfMappedAddressesIsThatOfIPv4) {
+    GreyList::RefExemptRuleSet const rules = parse(
+        "[[rule]]\nid = 1\nclient = \"::ffff:192.0.2.0/120\"\n[[rule]]\nid = 2\nclient = \"::ffff:198.51.100.7\"\n");
+    EXPECT_EQ(match(rules, "", "me@c.example", "192.0.2.255"), 1U);
+    EXPECT_EQ(match(rules, "", "me@c.example", "192.0.3.0"), 0U);
+    EXPECT_EQ(match(rules, "", "me@c.example", "198.51.100.7"), 2U);
+    EXPECT_EQ(match(parse("[[rule]]\nid = 1\nclient = \"::ffff:0:0/96\"\n"), "", "me@c.example", "203.0.113.1"), 1U);
+    EXPECT_EQ(match(parse("[[rule]]\nid = 1\nclient = \"::fffe:0:0/95\"\n"), "", "me@c.example", "203.0.113.1"), 0U);
+}
+
 TEST(ExemptRules, MistakesAreToldWithTheirLine) {
     struct Case {
         char const* text;

@@ -48,12 +48,12 @@ TEST(MilterSettings, ExampleMeansTheDefaults) {
 TEST(MilterSettings, EveryKeyIsRead) {
     MilterSettings const settings =
         milter("listen = \"unix:m.sock\"\nsocket_mode = \"660\"\nmax_connections = 7\n"
-               "timeout_seconds = 10\ndecide = false\nspam_headers = [\"X-A: 1\"]\ninfected_headers = []\n");
+               "timeout_seconds = 60\ndecide = false\nspam_headers = [\"X-A: 1\"]\ninfected_headers = []\n");
     ASSERT_TRUE(settings.listen);
     EXPECT_EQ(settings.listen->asString(), "unix:/etc/vellum/m.sock");
     EXPECT_EQ(settings.socketMode, 0660U);
     EXPECT_EQ(settings.maxConnections, 7U);
-    EXPECT_EQ(settings.timeoutSeconds, 10U);
+    EXPECT_EQ(settings.timeoutSeconds, 60U);
     EXPECT_FALSE(settings.decide);
     EXPECT_EQ(found(settings, "X-A", "1"), "spam");
     EXPECT_EQ(found(settings, "X-Spam-Flag", "YES"), "");
@@ -78,8 +78,8 @@ TEST(MilterSettings, MistakesAreToldWithWhatIsAllowed) {
               "IPv6 address in brackets) nor unix:/PATH (at most 107 bytes)");
     EXPECT_EQ(errorOf("max_connections = 0"),
               "/etc/vellum/v.toml:2: [milter] max_connections = 0: expected 1 to 100000");
-    EXPECT_EQ(errorOf("timeout_seconds = 9"),
-              "/etc/vellum/v.toml:2: [milter] timeout_seconds = 9: expected 10 to 86400");
+    EXPECT_EQ(errorOf("timeout_seconds = 59"),
+              "/etc/vellum/v.toml:2: [milter] timeout_seconds = 59: expected 60 to 86400");
     EXPECT_EQ(errorOf("spam_headers = [\"X-Spam\"]"),
               "/etc/vellum/v.toml:2: [milter] spam_headers = [\"X-Spam\"]: \"X-Spam\" is not a header's name, a colon "
               "and a pattern for its value");

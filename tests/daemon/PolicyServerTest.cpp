@@ -353,6 +353,16 @@ TEST_F(PolicyServerTest, BeyondTheMaximumNewConnectionsAreClosedAndThatIsSaidOnc
     EXPECT_EQ(log.notes().back(), "policy: there is room for new connections again");
 }
 
+TEST_F(PolicyServerTest, RoomAfterTheMaximumIsToldWithoutAnotherClient) {
+    start({.maxConnections = 1});
+    {
+        PolicyClient only = connect();
+        EXPECT_EQ(only.ask(requestFrom("a")), "a");
+        EXPECT_EQ(connect().answer(), "closed");
+    }
+    EXPECT_TRUE(log.waitForNote("policy: there is room for new connections again"));
+}
+
 TEST_F(PolicyServerTest, AtTheMaximumASilentConnectionMakesRoom) {
     start({.maxConnections = 2, .silentGrace = std::chrono::milliseconds(0)});
     PolicyClient served = connect();

@@ -6,7 +6,7 @@ import signal
 import time
 import unittest
 
-from world import World, wait_until
+from world import World, free_port, wait_until
 
 
 WAITS = r" error: the database does not answer, the start waits for it: .*Can't connect to"
@@ -111,24 +111,63 @@ class DatabaseAwayAtStart(unittest.TestCase):
                 session.kill()
                 session.wait()
                 session.stdin.close()
+            wait_until(self.server_takes_more, "a server with room")
+            world.mariadb.query("SET GLOBAL max_connections = 151")
         world.vellum.start_dbd()
         world.vellum.await_daemon()
         self.assert_waited_and_serves(before)
-        world.mariadb.query("SET GLOBAL max_connections = 151")
+
+    @staticmethod
+    def server_takes_more():
+        return int(world.mariadb.query("SELECT COUNT(*) FROM information_schema.processlist")[0][0]) < 9
+
+    def test_server_that_the_settings_named_wrongly_is_found_after_a_hangup(self):
+        world.vellum.daemon.terminate()
+        before = len(world.vellum.log())
+        right = world.vellum.settings["database"]["port"]
+        world.vellum.settings["database"]["port"] = free_port()
+        world.vellum.write_settings()
+        self.start_that_waits()
+        world.vellum.settings["database"]["port"] = right
+        world.vellum.write_settings()
+        world.vellum.daemon.signal(signal.SIGHUP)
+        world.vellum.await_daemon()
+        self.assert_waited_and_serves(before)
+        self.assertIn(f"[database] read again from {world.vellum.settings_path}", world.vellum.log()[before:])
+
+    def test_tables_are_not_loaded_while_a_backup_waits_that_cannot_be_run(self):
+        self.timeout(2)
+        world.vellum.reload()
+        self.seen("jo@pending.example")
+        with world.mariadb.locked("grey_list"):
+            world.vellum.daemon.terminate()
+            self.assertRegex(world.vellum.log(), r"last backup: .* are with the database daemon")
+            before = len(world.vellum.log())
+            world.vellum.daemon.start()
+            self.assertEqual(world.vellum.daemon.wait(), 69)
+            news = world.vellum.log()[before:]
+            self.assertEqual(news.count("waiting for the database daemon to finish the last backup"), 1, news)
+            self.assertIn("the database daemon has not finished the last backup; its log says why", news)
+            self.assertNotIn("serving", news)
+        self.timeout(60)
+        world.vellum.start_daemon()
+        self.assertIn("jo@pending.example", self.senders())
+
+    @staticmethod
+    def timeout(seconds):
+        """How long the daemon waits for the database daemon, from its next start or reload on."""
+        world.vellum.settings["database_daemon"]["timeout_seconds"] = seconds
+        world.vellum.write_settings()
 
     def test_backup_that_waits_in_the_journal_is_in_the_tables_before_they_are_loaded(self):
-        def timeout(seconds):
-            world.vellum.settings["database_daemon"]["timeout_seconds"] = seconds
-            world.vellum.write_settings()
-
-        timeout(2)
+        self.timeout(2)
         world.vellum.reload()
         self.seen("jo@journal.example")
         world.mariadb.kill()
         try:
             world.vellum.daemon.terminate()
             self.assertRegex(world.vellum.log(), r"last backup: .* are with the database daemon")
-            timeout(60)
+            self.timeout(60)
             before = len(world.vellum.log())
             self.start_that_waits()
         finally:

@@ -97,7 +97,7 @@ std::string totalsText(Json const& totals, Json const& limits) {
 std::string rateText(Json const& rate, std::int64_t now) {
     std::string const sender = text(rate.at("sender"));
     if (sender.empty()) {
-        return "nobody is held to account";
+        return "nobody is held to account (--user says who has logged in)";
     }
     std::string all = sender + " in half an hour: " + totalsText(rate.at("totals"), rate.at("limits"));
     if (Json const& block = rate.at("block"); !block.is_null()) {
