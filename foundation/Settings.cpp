@@ -2,6 +2,7 @@
 
 #include "foundation/Escape.h"
 #include "foundation/SettingsNesting.h"
+#include "foundation/Utf8.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -100,6 +101,31 @@ std::string firstLine(char const* problem) {
     return escapeControls(text);
 }
 
+// The first line, counted from 1, with bytes that are not UTF-8; 0 when there is none.
+unsigned int lineOutsideUtf8(std::string_view text) {
+    for (unsigned int line = 1; !text.empty();) {
+        Utf8::Character const character = Utf8::decode(text);
+        if (character.length == 0) {
+            return line;
+        }
+        line += text.front() == '\n' ? 1 : 0;
+        text.remove_prefix(character.length);
+    }
+    return 0;
+}
+
+// What toml11 must not see: bytes that are not UTF-8, for which it reads beyond a text in single quotes, and too many
+// levels.
+void refuseUnfit(std::string const& text, std::string const& fileName) {
+    if (unsigned int const line = lineOutsideUtf8(text); line != 0) {
+        throw SettingsError(fileName + ':' + std::to_string(line) + ": expected UTF-8");
+    }
+    if (unsigned int const line = lineNestedDeeperThan(mostSettingsLevels, text); line != 0) {
+        throw SettingsError(fileName + ':' + std::to_string(line) + ": expected at most " +
+                            std::to_string(mostSettingsLevels) + " levels of lists, tables and dotted keys");
+    }
+}
+
 std::string range(std::int64_t lowest, std::int64_t highest) {
     return std::to_string(lowest) + " to " + std::to_string(highest);
 }
@@ -141,10 +167,7 @@ SettingsTable SettingsTable::parseFile(std::string const& path) {
 }
 
 SettingsTable SettingsTable::parse(std::string const& text, std::string const& fileName) {
-    if (unsigned int const line = lineNestedDeeperThan(mostSettingsLevels, text); line != 0) {
-        throw SettingsError(fileName + ':' + std::to_string(line) + ": expected at most " +
-                            std::to_string(mostSettingsLevels) + " levels of lists, tables and dotted keys");
-    }
+    refuseUnfit(text, fileName);
     try {
         std::istringstream stream(text);
         auto const root = std::make_shared<toml::value const>(toml::parse(stream, fileName));

@@ -143,6 +143,33 @@ TEST(Settings, BrokenFileNamesTheLine) {
     EXPECT_THAT(refusal([] { parsed(std::string("a = \"\0\"\n", 8)); }), StartsWith("v.toml:1: "));
 }
 
+// The TOML parser reads beyond a text in single quotes that is none.
+TEST(Settings, BytesThatAreNotUtf8AreRefusedWithTheirLine) {
+    for (char const* const bytes : {"\xa4\xa4", "\xff", "\xc1\xbf", "\xe2\x82", "\xed\xa0\x80", "\xf4\x90\x80\x80"}) {
+        for (char const* const quote : {"'", "'''", "\"", "\"\"\"", ""}) {
+            std::string const quoted = quote + std::string(bytes) + quote;
+            EXPECT_EQ(refusal([&] { parsed("b = 1\n" + quoted + " = 1\n"); }), "v.toml:2: expected UTF-8") << quoted;
+            EXPECT_EQ(refusal([&] { parsed("b = 1\na = " + quoted + "\n"); }), "v.toml:2: expected UTF-8") << quoted;
+        }
+        EXPECT_EQ(refusal([&] { parsed("a = '''\n\nx" + std::string(bytes) + "'''\n"); }), "v.toml:3: expected UTF-8");
+        EXPECT_EQ(refusal([&] { parsed("# " + std::string(bytes) + "\n"); }), "v.toml:1: expected UTF-8");
+    }
+}
+
+TEST(Settings, EveryLengthOfUtf8IsTaken) {
+    // Both ends of what two to four bytes hold, and of the surrogates that are left out.
+    std::string const text =
+        "\xc2\x80\xdf\xbf\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf";
+    for (std::string const quote : {"'", "'''", "\"", "\"\"\""}) {
+        EXPECT_EQ(parsed("a = " + quote + text + quote + "\n").text("a", ""), text) << quote;
+    }
+    EXPECT_EQ(parsed("\xef\xbb\xbf"
+                     "a = 1\n")
+                  .integer("a", 0, 0, 9),
+              1)
+        << "behind a byte order mark";
+}
+
 TEST(Settings, UnreadableFileIsNamed) {
     TemporaryDirectory const directory;
     std::string const path = directory.path() + "/absent.toml";
