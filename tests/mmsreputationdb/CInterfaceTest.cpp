@@ -259,7 +259,8 @@ TEST_F(EndpointCInterface, ClearsANumberAndSendsNothingForAnEmptyOne) {
     add(2);
     EXPECT_STREQ(c_caller_clears_a_number(), nullptr);
     EXPECT_THAT(held(), ElementsAre("15555550002 0"));
-    EXPECT_TRUE(m_log.lines().empty());
+    EXPECT_TRUE(m_log.records().empty());
+    EXPECT_THAT(m_log.notes(), ElementsAre("action=remove, subscriber=15555550001"));
 }
 
 TEST_F(EndpointCInterface, ClearingWhatIsNoNumberAnswersZeroAndDropsNobody) {
