@@ -123,6 +123,11 @@ class FaultWorld(World):
             return {"greylist": self._tuples(port) | self._exemptions(port), "reputation": self._reputation(port),
                     "endpoint": self._endpoints(port), "lists": self._lists}
 
+    def reputation(self):
+        """That part of it which a load does not replace; also while nobody has learned what memory holds."""
+        with self.port() as port:
+            return {"reputation": self._reputation(port)}
+
     @staticmethod
     def _tuples(port):
         delay = DELAY_MINUTES * 60

@@ -185,7 +185,7 @@ class FailingCalls(unittest.TestCase):
             if status == 0:
                 world.learn()
                 whose(world.memory(), (new,))
-            held = world.memory()
+            held = world.reputation()
             self.assertEqual(world.load(), [])
             whose(world.memory(), (after_load(tables, held),))
             self.assertTrue(failed or status == 0)

@@ -200,7 +200,7 @@ class Kill(unittest.TestCase):
 
     @staticmethod
     def check_loads():
-        stored, held = world.tables(), world.memory()
+        stored, held = world.tables(), world.reputation()
         if failed := world.load():
             raise StageError(f"{failed} could not be loaded from a server that has been started again")
         # Mail was counted in an hour that an older script knows nothing of: after the clock has struck.
