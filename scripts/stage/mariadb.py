@@ -4,7 +4,7 @@ import contextlib
 import os
 import subprocess
 
-from .process import Process, StageError, accepts_connections, free_port
+from .process import Process, StageError, accepts_connections, free_port, wait_until
 
 # Small files, so that a data directory is made in a second or two; nothing here is about speed.
 _SIZES = ["--innodb-log-file-size=8M", "--innodb-data-file-path=ibdata1:10M:autoextend"]
@@ -64,6 +64,20 @@ class PrivateMariaDb:
         client.stdout.readline()  # nothing when the server has no room for it
         client.stdout.close()
         return client
+
+    def take_all_connections(self):
+        """Idle sessions, as many as it allows from now on; its root still has one more."""
+        self.query("SET GLOBAL max_connections = 10")  # the least that there is
+        return [self.session() for _ in range(10)]
+
+    def give_back(self, sessions):
+        for session in sessions:
+            session.kill()
+            session.wait()
+            session.stdin.close()
+        wait_until(lambda: int(self.query("SELECT COUNT(*) FROM information_schema.processlist")[0][0]) < 9,
+                   "a server with room")
+        self.query("SET GLOBAL max_connections = 151")
 
     @contextlib.contextmanager
     def locked(self, table):

@@ -174,23 +174,8 @@ class DatabaseTrouble(unittest.TestCase):
 
     def test_out_of_connections(self):
         sessions = []
-
-        def take_all():
-            world.mariadb.query("SET GLOBAL max_connections = 10")  # the least that there is
-            sessions.extend(world.mariadb.session() for _ in range(10))
-
-        def give_back():
-            for session in sessions:
-                session.kill()
-                session.wait()
-                session.stdin.close()
-            wait_until(self.server_takes_more, "a server with room")
-            world.mariadb.query("SET GLOBAL max_connections = 151")
-        self.check(take_all, give_back)
-
-    @staticmethod
-    def server_takes_more():
-        return int(world.mariadb.query("SELECT COUNT(*) FROM information_schema.processlist")[0][0]) < 9
+        self.check(lambda: sessions.extend(world.mariadb.take_all_connections()),
+                   lambda: world.mariadb.give_back(sessions))
 
     @unittest.skipUnless(LONG, "minutes; scripts/faults runs it")
     def test_is_said_once_and_so_is_its_end(self):

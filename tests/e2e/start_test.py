@@ -30,6 +30,17 @@ class DatabaseAwayAtStart(unittest.TestCase):
     def senders(self):
         return [record["sender"] for record in world.vellum.tuples()]
 
+    @staticmethod
+    def stored():
+        return [row[0] for row in world.mariadb.query("SELECT SenderEmailAddress FROM grey_list")]
+
+    def end_with(self, sender):
+        """Ends the daemon once it knows the sender and the tables do; answers where its log goes on from here."""
+        self.seen(sender)
+        world.vellum.daemon.terminate()
+        wait_until(lambda: sender in self.stored(), "the last backup to be in the table")
+        return len(world.vellum.log())
+
     def start_that_waits(self):
         """Starts the daemon while the server is away; when it waits, what it has logged since."""
         before = len(world.vellum.log())
@@ -49,11 +60,7 @@ class DatabaseAwayAtStart(unittest.TestCase):
         self.assertNotIn("does not answer; decisions go on", news)
 
     def test_daemon_waits_and_serves_what_it_held_once_the_database_is_there(self):
-        self.seen("jo@settled.example")
-        world.vellum.daemon.terminate()
-        wait_until(lambda: "settled.example" in str(world.mariadb.query("SELECT SenderEmailAddress FROM grey_list")),
-                   "the last backup to be in the table")
-        before = len(world.vellum.log())
+        before = self.end_with("jo@settled.example")
         world.mariadb.kill()
         try:
             self.assertRegex(self.start_that_waits(), WAITS)
@@ -66,11 +73,7 @@ class DatabaseAwayAtStart(unittest.TestCase):
         self.assertIn("jo@settled.example", self.senders())
 
     def test_daemon_that_waits_ends_when_told_to_and_saves_nothing(self):
-        self.seen("jo@untouched.example")
-        world.vellum.daemon.terminate()
-        wait_until(lambda: "untouched.example" in str(world.mariadb.query("SELECT SenderEmailAddress FROM grey_list")),
-                   "the last backup to be in the table")
-        before = len(world.vellum.log())
+        before = self.end_with("jo@untouched.example")
         world.mariadb.kill()
         try:
             self.start_that_waits()
@@ -82,7 +85,7 @@ class DatabaseAwayAtStart(unittest.TestCase):
         news = world.vellum.log()[before:]
         self.assertTrue(news.endswith(" info: ended while the start waited for the database\n"), news)
         self.assertNotIn("backup", news)
-        self.assertIn("untouched.example", str(world.mariadb.query("SELECT SenderEmailAddress FROM grey_list")))
+        self.assertIn("jo@untouched.example", self.stored())
         world.vellum.start_daemon()
 
     def test_settings_are_read_again_after_the_wait_when_they_were_to_be_meanwhile(self):
@@ -102,24 +105,14 @@ class DatabaseAwayAtStart(unittest.TestCase):
         world.vellum.daemon.terminate()
         world.vellum.dbd.stop()
         before = len(world.vellum.log())
-        world.mariadb.query("SET GLOBAL max_connections = 10")  # and one more for who has all rights
-        taken = [world.mariadb.session() for _ in range(10)]
+        taken = world.mariadb.take_all_connections()
         try:
             self.assertRegex(self.start_that_waits(), "the start waits for it: .*Too many connections")
         finally:
-            for session in taken:
-                session.kill()
-                session.wait()
-                session.stdin.close()
-            wait_until(self.server_takes_more, "a server with room")
-            world.mariadb.query("SET GLOBAL max_connections = 151")
+            world.mariadb.give_back(taken)
         world.vellum.start_dbd()
         world.vellum.await_daemon()
         self.assert_waited_and_serves(before)
-
-    @staticmethod
-    def server_takes_more():
-        return int(world.mariadb.query("SELECT COUNT(*) FROM information_schema.processlist")[0][0]) < 9
 
     def test_server_that_the_settings_named_wrongly_is_found_after_a_hangup(self):
         world.vellum.daemon.terminate()
